@@ -1,0 +1,57 @@
+# The libraries: each is a set of objects, linked into its shared library and, so that internal
+# classes can be reached, into the unit tests.
+
+function(postwire_add_objects name)
+  file(GLOB sources CONFIGURE_DEPENDS ${ARGN})
+  if(NOT sources)
+    add_library(${name} INTERFACE)
+    return()
+  endif()
+  add_library(${name} OBJECT ${sources})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(${name} PRIVATE postwire_warnings PUBLIC Threads::Threads)
+  # Inline members are hidden as well: whether they exist out of line differs by compiler and
+  # optimisation, and the list of exported symbols must not.
+  set_target_properties(${name} PROPERTIES
+    POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+endfunction()
+
+function(postwire_add_shared name objects)
+  get_target_property(type ${objects} TYPE)
+  if(NOT type STREQUAL OBJECT_LIBRARY)
+    return()
+  endif()
+  add_library(${name} SHARED)
+  target_link_libraries(${name} PRIVATE ${objects})
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src> $<INSTALL_INTERFACE:include/postwire>)
+  set_target_properties(${name} PROPERTIES
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+endfunction()
+
+postwire_add_objects(qorcore_objects platform/core/*.cpp)
+postwire_add_objects(zulstream_objects platform/stream/*.cpp)
+postwire_add_objects(postwire_objects src/*/*.cpp)
+if(NOT CMAKE_DL_LIBS STREQUAL "")
+  target_link_libraries(qorcore_objects INTERFACE ${CMAKE_DL_LIBS})
+  target_link_libraries(postwire_objects INTERFACE ${CMAKE_DL_LIBS})
+endif()
+
+postwire_add_shared(qorcore qorcore_objects)
+postwire_add_shared(zulstream zulstream_objects)
+postwire_add_shared(postwire postwire_objects)
+if(TARGET zulstream)
+  target_link_libraries(zulstream PUBLIC qorcore)
+endif()
+if(TARGET postwire)
+  target_link_libraries(postwire PUBLIC zulstream qorcore)
+endif()
+
+file(GLOB resolver CONFIGURE_DEPENDS platform/resolver/*.cpp)
+if(resolver)
+  add_library(TOV_Crypto_Interface MODULE ${resolver})
+  target_link_libraries(TOV_Crypto_Interface PRIVATE postwire_warnings)
+  target_include_directories(TOV_Crypto_Interface PRIVATE ${PROJECT_SOURCE_DIR}/src)
+  set_target_properties(TOV_Crypto_Interface PROPERTIES
+    CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+endif()
