@@ -1,0 +1,139 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "foundation/Export.h"
+#include "foundation/QORByteBuffer.h"
+
+#include "message/HTTPMessage.h"
+#include "parser/HTTPMsgHandler.h"
+
+class HTTPMessageReader;
+class ZULBufferedInputStream;
+
+// Reads one HTTP/1.0 or HTTP/1.1 message and reports it to a handler while it reads.
+//
+// Ownership: the handler is borrowed and must outlive the parser's last call; the stream is
+//   borrowed for one call. Texts and the HTTPHeader given to an event end with that event.
+// Units: lengths are bytes; level 0 is the message, 1 its parts, 2 the parts of a part.
+// Raises: HTTPException 1000 to 1010 for bad input; QORAssertError for a missing handler or
+//   stream, for a body with both a length and chunks, and for parts nested deeper than level 2;
+//   what the stream or the handler raises passes through. After any of these the next parse starts
+//   clean.
+// Rule: body framing follows RFC 9112 section 6.3, with chunked as the only transfer coding. The
+//   one method is POST. Lines are not folded together and have no limit of their own.
+class POSTWIRE_EXPORT HTTPParser {
+public:
+    // The message, its parts, and the parts of a part.
+    static constexpr int HTTP_MAX_DEPTH = 3;
+
+    HTTPParser();
+    HTTPParser(HTTPParser const&) = delete;
+    HTTPParser& operator=(HTTPParser const&) = delete;
+    virtual ~HTTPParser();
+
+    // The receiver of all further events.
+    void setMsgHandler(HTTPMsgHandler* handler);
+
+    // Reads one message, from the first line that is not empty to the end of its body. Bytes
+    // behind it stay in `is`, for the next call.
+    void parseRequest(ZULBufferedInputStream* is);
+    void parseResponse(ZULBufferedInputStream* is);
+
+    // The steps of a parse, in the order in which it takes them, for callers that read a header
+    // block or a body on its own. The line operations take a line without white space at its ends,
+    // read it up to its first zero byte and may change it.
+
+    // Header lines of the current level up to and with the empty line.
+    void processHeaders(ZULBufferedInputStream* is);
+
+    // "POST", target, version; words behind them are ignored.
+    void validateRequestLine(QORByteBuffer& line);
+
+    // Version, number, reason phrase: RFC 9112 section 4 allows an empty phrase, this does not.
+    void validateResponseLine(QORByteBuffer& line);
+
+    // One header line; a line without a colon is ignored. Content-Type, Content-Length and
+    // Transfer-Encoding set the framing of the current level, the last of each kind counts.
+    void processHeader(QORByteBuffer& osline);
+
+    // The body of the current level, framed as its header lines said. A level with neither length
+    // nor chunked coding runs to the end of the stream.
+    void processEntities(ZULBufferedInputStream* is);
+
+    // One part behind its opening boundary line: header lines and body, one level deeper. The
+    // boundary is not looked for in the body: a part needs a length or chunked coding.
+    void processPart(ZULBufferedInputStream* is);
+
+private:
+    void startMessage(ZULBufferedInputStream* is, char const* method);
+    void processMessage(ZULBufferedInputStream* is);
+    void processParts(ZULBufferedInputStream& is);
+    void resetLevel();
+    bool readLine(ZULBufferedInputStream& is);
+    void setContentType();
+    void setContentLength();
+    void setTransferEncoding();
+
+    std::vector<std::string> m_boundaries;  // of the open multipart levels, the innermost last
+    HTTPMsgHandler* m_pHandler;
+    bool m_bChunking[HTTP_MAX_DEPTH];
+    bool m_bMultipart[HTTP_MAX_DEPTH];       // the level has a boundary on the stack
+    int m_idepth;                            // the current level
+    int m_contentlength[HTTP_MAX_DEPTH];     // 0 for none, too
+    bool m_bLengthDeclared[HTTP_MAX_DEPTH];  // tells a declared 0 from none
+    QORByteBuffer m_line;                    // the line being looked at, of any level
+    HTTPHeader m_header;                     // of the header line being looked at
+};
+
+// Builds an HTTPMessage tree from the parser's events: the message's headers, its body bytes, and
+// one child for each part. Header lines of one name replace each other, set-cookie lines add up.
+//
+// Ownership: the root message is the caller's, and must live until the next setMessage or the last
+//   event. A part is the builder's until it passes to its parent: when its own parts begin, or
+//   when it ends. One that was abandoned by a failed parse is deleted by the next setMessage or
+//   reset, or by the destructor.
+// Raises: QORAssertError for events out of order, QOROutOfMemoryError for parts and buffers, and
+//   what the body's stream raises; the bytes that came before it stay in the message.
+// Rule: setMessage, or the reset that begins a parse, makes the builder usable after any failure.
+class POSTWIRE_EXPORT HTTPMOMMsgHandler : public HTTPMsgHandler {
+public:
+    HTTPMOMMsgHandler();
+    HTTPMOMMsgHandler(HTTPMOMMsgHandler const&) = delete;
+    HTTPMOMMsgHandler& operator=(HTTPMOMMsgHandler const&) = delete;
+    ~HTTPMOMMsgHandler() override;
+
+    // The message to fill, or null for none; the one before is not touched.
+    void setMessage(HTTPMessage* msg);
+
+    // Empties the root message. URI, status code and status message stay: a message brings its
+    // own.
+    void reset() override;
+    void setURI(char const* uri) override;
+    void setStatusCode(HTTPMessage::StatusCode code) override;
+    void setStatusMessage(char const* text) override;
+    void header(char const* name, HTTPHeader* value) override;
+
+    // Body bytes are read straight into the message, behind those already there.
+    void content(ZULInputStream& is, int length) override;
+    void content(ZULInputStream& is) override;
+    void startMultiParts(char const* boundary) override;
+    void startPart() override;
+    void endPart() override;
+    void endMultiParts(char const* boundary) override;
+    void endMessage() override;
+
+private:
+    friend class HTTPMessageReader;
+
+    // The current message's content buffer, made at the first call.
+    QORByteBuffer& contentBuffer();
+
+    HTTPMessage* m_pCurrentMessage;  // the root, or a part that is still ours
+    HTTPMessage* m_pRootMessage;
+    std::vector<HTTPMessage*> m_parentStack;  // open multipart messages, the outermost first
+    HTTPMessage::StatusCode m_statusCode;     // 0 before the first status line
+    std::string m_statusMessage;
+    std::string m_uri;
+};
