@@ -83,8 +83,8 @@ protected:
     HttpOutputStream* p_os_content;  // owned
     int chunked;                     // 1 when the chunk size is above 0
 
-    // Kept, so that a node used again takes no memory for them. Three, because a delimiter line is
-    // still being written when the header block is made, which a number may then join.
+    // Kept, so that a node used again takes no memory for them. A delimiter line is still being
+    // written when it calls for the header block, so the two stand apart.
     QORByteBuffer m_line;
     QORByteBuffer m_block;
     QORByteBuffer m_number;

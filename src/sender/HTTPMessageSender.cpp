@@ -1,0 +1,228 @@
+#include "sender/HTTPMessageSender.h"
+
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "foundation/GuardedAllocation.h"
+#include "sender/HttpOutputStream.h"
+#include "socket/SoapSocket.h"
+
+static char const kSourceFile[] = "HTTPMessageSender";
+
+char host_name[256] = "";
+
+namespace {
+
+std::mutex hostNameMutex;
+
+// The name is read aside and published whole: another thread sees all of it or none. A try that
+// raises leaves the place empty, and the next caller tries again.
+char const* machineName() {
+    std::lock_guard<std::mutex> const lock(hostNameMutex);
+    if (host_name[0] == '\0') {
+        SoapSocketInit const sockets;
+        char name[sizeof host_name] = "";
+        SoapSocket::GetInternetMachineName(name, sizeof name - 1);
+        std::memcpy(host_name, name, sizeof host_name);
+    }
+    return host_name;
+}
+
+void writeAll(ZULOutputStream& os, QORByteBuffer const& bytes) {
+    os.write(bytes.str(), static_cast<int>(bytes.pcount()));
+}
+
+char const* requiredBoundary(char const* boundary) {
+    QOR_ASSERT(boundary);
+    return boundary;
+}
+
+}  // namespace
+
+// HttpMsgNode
+
+HttpMsgNode::HttpMsgNode(ZULOutputStream& os, int chunksize)
+    : p_os_upstream(&os),
+      p_os_content(nullptr),
+      chunked(chunksize > 0),
+      m_line(256, 256),
+      m_block(1024, 1024),
+      m_number(32, 32) {
+    QORFileLocation const here(kSourceFile, __LINE__);
+    if (chunksize > 0) {
+        p_os_content = guardedNew<HttpChunkedOutputStream>(here, this, chunksize).release();
+    } else if (chunksize == 0) {
+        p_os_content = guardedNew<HttpNonChunkedOutputStream>(here, this).release();
+    } else {
+        auto* const chunkedStream = dynamic_cast<HttpChunkedOutputStream*>(p_os_upstream);
+        QOR_ASSERT(chunkedStream);
+        ZULOutputStream& beneath = chunkedStream->getChunkedStream()->getOutputStream();
+        p_os_content = guardedNew<HttpDirectOutputStream>(here, this, &beneath).release();
+    }
+}
+
+HttpMsgNode::~HttpMsgNode() { dropQuietly(p_os_content); }
+
+void HttpMsgNode::finish() {}
+
+void HttpMsgNode::reset() {
+    QOR_ASSERT(p_os_content);
+    headers.reset();
+    p_os_content->reset();
+}
+
+void HttpMsgNode::setRequestHeaders() {
+    setHeader("Host", machineName());
+    if (chunked) setHeader("Transfer-Encoding", "chunked");
+}
+
+void HttpMsgNode::setResponseHeaders() {
+    if (chunked) setHeader("Transfer-Encoding", "chunked");
+}
+
+void HttpMsgNode::startRequest(char const* uri, int http10) {
+    QOR_ASSERT(uri);
+    reset();
+    m_line.reset();
+    m_line << "POST " << uri << (http10 ? " HTTP/1.0\r\n" : " HTTP/1.1\r\n");
+    writeAll(*p_os_upstream, m_line);
+    setRequestHeaders();
+}
+
+void HttpMsgNode::startResponse(int code, char const* msg) {
+    QOR_ASSERT(msg);
+    reset();
+    m_line.reset();
+    m_line << "HTTP/1.1 " << code << " " << msg << "\r\n";
+    writeAll(*p_os_upstream, m_line);
+    setResponseHeaders();
+}
+
+void HttpMsgNode::setHeader(char const* name, char const* value) {
+    HTTPHeader header;
+    header.parse(value);
+    headers.setHeader(name, &header);
+}
+
+void HttpMsgNode::setHeader(char const* name, int value) {
+    m_number.reset();
+    m_number << value;
+    setHeader(name, m_number.str());
+}
+
+void HttpMsgNode::writeHeaders() {
+    QOR_ASSERT(p_os_upstream);
+    m_block.reset();
+    headers.dump(m_block);
+    m_block << "\r\n";
+    writeAll(*p_os_upstream, m_block);
+}
+
+void HttpMsgNode::write_upstream(char const* data, int length) {
+    QOR_ASSERT(p_os_upstream);
+    p_os_upstream->write(data, length);
+}
+
+// OnePieceHttpMsg
+
+OnePieceHttpMsg::OnePieceHttpMsg(ZULOutputStream& os, int chunksize) : HttpMsgNode(os, chunksize) {
+    HttpMsgNode::setRequestHeaders();
+}
+
+OnePieceHttpMsg::~OnePieceHttpMsg() = default;
+
+void OnePieceHttpMsg::finish() {
+    QOR_ASSERT(p_os_content);
+    p_os_content->startEmptyBody();
+    p_os_content->close();
+}
+
+void OnePieceHttpMsg::reset() { HttpMsgNode::reset(); }
+
+void OnePieceHttpMsg::write(char const* data, int length) {
+    QOR_ASSERT(p_os_content);
+    p_os_content->write(data, length);
+}
+
+// MultipartHttpMsg
+
+MultipartHttpMsg::MultipartHttpMsg(ZULOutputStream& os, int chunksize, char const* part_boundary)
+    : HttpMsgNode(os, chunksize),
+      boundary(requiredBoundary(part_boundary)),
+      p_current_part(nullptr) {
+    MultipartHttpMsg::setRequestHeaders();
+}
+
+// The part goes before the base drops the body stream that the part writes to.
+MultipartHttpMsg::~MultipartHttpMsg() { dropQuietly(p_current_part); }
+
+void MultipartHttpMsg::finish() {
+    QOR_ASSERT(p_os_content);
+    writePartBoundary(1);
+    p_os_content->close();
+}
+
+void MultipartHttpMsg::reset() {
+    HttpMsgNode::reset();
+    std::unique_ptr<HttpMsgNode>(std::exchange(p_current_part, nullptr)).reset();
+}
+
+void MultipartHttpMsg::setRequestHeaders() {
+    HttpMsgNode::setRequestHeaders();
+    stageContentType("; type=\"text/xml\"");
+}
+
+void MultipartHttpMsg::setResponseHeaders() {
+    HttpMsgNode::setResponseHeaders();
+    stageContentType("");
+}
+
+// RFC 2387 asks for the root part's type; a response leaves it out.
+void MultipartHttpMsg::stageContentType(char const* type) {
+    m_line.reset();
+    m_line << "multipart/related; boundary=\"" << boundary.c_str() << "\"" << type;
+    setHeader("Content-Type", m_line.str());
+}
+
+OnePieceHttpMsg* MultipartHttpMsg::addOnePiece(int chunksize) {
+    QOR_ASSERT(!p_current_part);
+    QOR_ASSERT(chunksize != -1 || chunked);
+    writePartBoundary(0);
+    OnePieceHttpMsg* const part =
+        guardedNew<OnePieceHttpMsg>(QORFileLocation(kSourceFile, __LINE__), *p_os_content,
+                                    chunksize)
+            .release();
+    p_current_part = part;
+    return part;
+}
+
+MultipartHttpMsg* MultipartHttpMsg::addMultiPart(int chunksize, char const* part_boundary) {
+    QOR_ASSERT(!p_current_part);
+    writePartBoundary(0);
+    MultipartHttpMsg* const part =
+        guardedNew<MultipartHttpMsg>(QORFileLocation(kSourceFile, __LINE__), *p_os_content,
+                                     chunksize, part_boundary)
+            .release();
+    p_current_part = part;
+    return part;
+}
+
+void MultipartHttpMsg::endPart(OnePieceHttpMsg* part) { endOpenPart(part); }
+
+void MultipartHttpMsg::endPart(MultipartHttpMsg* part) { endOpenPart(part); }
+
+void MultipartHttpMsg::endOpenPart(HttpMsgNode* part) {
+    QOR_ASSERT(p_current_part == part);
+    QOR_ASSERT(part);
+    part->finish();
+    std::unique_ptr<HttpMsgNode>(std::exchange(p_current_part, nullptr)).reset();
+}
+
+void MultipartHttpMsg::writePartBoundary(int last) {
+    QOR_ASSERT(p_os_content);
+    m_line.reset();
+    m_line << "\r\n--" << boundary.c_str() << (last ? "--\r\n" : "\r\n");
+    writeAll(*p_os_content, m_line);
+}
