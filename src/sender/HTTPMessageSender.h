@@ -115,9 +115,9 @@ public:
 // Raises: QORAssertError when a part is added while one is open, and when a part is ended that is
 //   not the open one; QOROutOfMemoryError when a part can't be made. Where a part can't be made
 //   after its delimiter line was written, the message can only be given up.
-// Rule: the boundary is the caller's choice and is not checked: RFC 2046 section 5.1.1 allows 1 to
-//   70 characters, and it must not begin a line of any part's body. Without quotes, semicolons
-//   and outer white space it reads the same in Content-Type as in the delimiter lines.
+// Rule: the boundary is the caller's choice and is not checked: 1 to 70 characters, RFC 2046
+//   section 5.1.1, that no line of any part begins with behind "--". Content-Type carries it
+//   without quotes, so it should be made of letters, digits and "'+_.-".
 class POSTWIRE_EXPORT MultipartHttpMsg : public HttpMsgNode {
 public:
     // Copies the boundary; null fails "QOR_ASSERT(boundary);". Stages the default headers of a
