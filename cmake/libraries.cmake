@@ -58,3 +58,18 @@ if(resolver)
   set_target_properties(TOV_Crypto_Interface PROPERTIES
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
 endif()
+
+# Installed: the libraries, the resolver module beside the core library that looks for it there,
+# and the headers in their folders, but for those that the library keeps to itself.
+include(GNUInstallDirs)
+foreach(library IN ITEMS qorcore zulstream postwire TOV_Crypto_Interface)
+  if(TARGET ${library})
+    set_target_properties(${library} PROPERTIES INSTALL_RPATH $ORIGIN)
+    install(TARGETS ${library})
+  endif()
+endforeach()
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/postwire
+  FILES_MATCHING PATTERN "*.h"
+  PATTERN GuardedAllocation.h EXCLUDE
+  PATTERN HttpOutputStream.h EXCLUDE
+  PATTERN QORSocketAddress.h EXCLUDE)

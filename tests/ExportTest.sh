@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs the build, compiles a program against the installed headers and libraries alone, runs
+# it, and compares what the library shows with the checked-in list.
+#
+# usage: ExportTest.sh BUILD_FOLDER CMAKE COMPILER [FLAG...]
+set -euo pipefail
+
+build=$1 cmake=$2
+shift 2
+here=$(cd "$(dirname "$0")" && pwd)
+prefix=$build/tests/installed
+
+rm -rf "$prefix"
+"$cmake" --install "$build" --prefix "$prefix" >/dev/null
+"$@" -std=c++17 "-I$prefix/include/postwire" "$here/ExportTest.cpp" -o "$prefix/export_test" \
+    "-L$prefix/lib" "-Wl,-rpath,$prefix/lib" -lpostwire -lzulstream -lqorcore
+"$prefix/export_test"
+
+diff -u "$here/data/exports.txt" <("$here/../scripts/exported-symbols" "$prefix/lib/libpostwire.so") ||
+    { echo 'CONTRIBUTING.md says how to renew the list after a change that was meant.'; exit 1; }
