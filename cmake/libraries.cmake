@@ -65,7 +65,7 @@ include(GNUInstallDirs)
 foreach(library IN ITEMS qorcore zulstream postwire TOV_Crypto_Interface)
   if(TARGET ${library})
     set_target_properties(${library} PROPERTIES INSTALL_RPATH $ORIGIN)
-    install(TARGETS ${library})
+    install(TARGETS ${library} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
   endif()
 endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/postwire

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by the scripts here, after steps.sh: Debian packages that the work at hand needs.
 
 # The packages that building and testing a preset takes.

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by the scripts here: one line a step, with its time; what a step prints is shown only
 # where it fails, the end of it, and kept in build/log.
 
@@ -20,6 +21,7 @@ step() {
     else
         printf 'FAILED after %d s\n' $((SECONDS - begin))
         tail -n 100 "$log"
+        echo
         fail "$title failed; all it said is in $log"
     fi
 }

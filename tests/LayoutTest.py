@@ -31,7 +31,7 @@ def read_expected(path):
 def compile_probe(classes, include_root, work, command):
     work.mkdir(parents=True, exist_ok=True)
     headers = sorted(h.relative_to(include_root) for h in include_root.glob('*/*.h'))
-    uses = [f'void use_{name}({name}*);\nvoid use_{name}({name}*) {{}}' for name, *_ in classes]
+    uses = [f'void use_{name}(class {name}*) {{}}' for name, *_ in classes]
     source = work / 'layout.cpp'
     source.write_text('\n'.join([f'#include "{h}"' for h in headers] + uses) + '\n')
     target = work / 'layout.o'
