@@ -1,0 +1,156 @@
+#include "support/AllocationFaults.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <exception>
+#include <new>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "foundation/QORThrowable.h"
+
+// The linker sends the calls in our own objects to __wrap_..., and gives the libc's as __real_...
+extern "C" {
+void* __real_malloc(std::size_t size);
+void* __real_realloc(void* block, std::size_t size);
+void __real_free(void* block);
+void* __wrap_malloc(std::size_t size);
+void* __wrap_realloc(void* block, std::size_t size);
+void __wrap_free(void* block);
+}
+
+namespace {
+
+struct Faults {
+    bool armed = false;
+    int failAt = 0;  // 0: none fails
+    bool onwards = false;
+    int calls = 0;
+    int live = 0;
+};
+thread_local Faults t_faults;
+
+bool failsNow() {
+    Faults& f = t_faults;
+    if (!f.armed) return false;
+    ++f.calls;
+    return f.failAt > 0 && (f.onwards ? f.calls >= f.failAt : f.calls == f.failAt);
+}
+
+void* counted(void* block) {
+    if (block && t_faults.armed) ++t_faults.live;
+    return block;
+}
+
+void release(void* block) {
+    if (block && t_faults.armed) --t_faults.live;
+    __real_free(block);
+}
+
+void* allocate(std::size_t size, std::size_t alignment) {
+    if (failsNow()) return nullptr;
+    if (size == 0) size = 1;
+    if (alignment <= alignof(std::max_align_t)) return counted(__real_malloc(size));
+    return counted(std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment));
+}
+
+void* allocateOrThrow(std::size_t size, std::align_val_t alignment = std::align_val_t(1)) {
+    if (void* const block = allocate(size, static_cast<std::size_t>(alignment))) return block;
+    throw std::bad_alloc();
+}
+
+// Armed while it lives.
+class Arming {
+public:
+    Arming(int failAt, bool onwards) { t_faults = Faults{true, failAt, onwards, 0, 0}; }
+    ~Arming() { end(); }
+    Faults end() {
+        t_faults.armed = false;
+        return t_faults;
+    }
+    Arming(Arming const&) = delete;
+    Arming& operator=(Arming const&) = delete;
+};
+
+// One run; the calls it made, the failing ones included.
+int callsWithFailure(std::function<void()> const& body, int failAt, bool onwards) {
+    std::string stray;  // the name of what came out and may not
+    bool outOfMemory = false;
+    Arming arming(failAt, onwards);  // to the end of the exception's life
+    try {
+        body();
+    } catch (QOROutOfMemoryError const&) {
+        outOfMemory = true;
+    } catch (QORThrowable const& t) {
+        stray = t.getThrowableName();
+    } catch (std::bad_alloc const&) {
+        outOfMemory = true;
+    } catch (std::exception const& e) {
+        stray = e.what();
+    }
+    Faults const seen = arming.end();
+    SCOPED_TRACE("allocation " + std::to_string(failAt) + (onwards ? " and all later" : ""));
+    EXPECT_EQ("", stray);
+    EXPECT_EQ(0, seen.live) << "blocks left behind";
+    EXPECT_TRUE(!outOfMemory || seen.calls >= failAt) << "raised, though no allocation failed";
+    return seen.calls;
+}
+
+}  // namespace
+
+int forEachFailingAllocation(std::function<void()> const& body) {
+    int allocations = 0;
+    for (bool const onwards : {false, true})
+        for (int failAt = 1; !::testing::Test::HasFailure(); ++failAt) {
+            allocations = callsWithFailure(body, failAt, onwards);
+            if (allocations < failAt) break;
+        }
+    return allocations;
+}
+
+int allocationsOf(std::function<void()> const& body) {
+    Arming const arming(0, false);
+    body();
+    return t_faults.calls;
+}
+
+AllocationPause::AllocationPause() : m_armed(std::exchange(t_faults.armed, false)) {}
+AllocationPause::~AllocationPause() { t_faults.armed = m_armed; }
+
+void* __wrap_malloc(std::size_t size) {
+    return failsNow() ? nullptr : counted(__real_malloc(size));
+}
+
+void* __wrap_realloc(void* block, std::size_t size) {
+    if (failsNow()) return nullptr;
+    void* const moved = __real_realloc(block, size);
+    return block ? moved : counted(moved);
+}
+
+void __wrap_free(void* block) { release(block); }
+
+void* operator new(std::size_t n) { return allocateOrThrow(n); }
+void* operator new[](std::size_t n) { return allocateOrThrow(n); }
+void* operator new(std::size_t n, std::align_val_t a) { return allocateOrThrow(n, a); }
+void* operator new[](std::size_t n, std::align_val_t a) { return allocateOrThrow(n, a); }
+void* operator new(std::size_t n, std::nothrow_t const&) noexcept { return allocate(n, 1); }
+void* operator new[](std::size_t n, std::nothrow_t const&) noexcept { return allocate(n, 1); }
+void* operator new(std::size_t n, std::align_val_t a, std::nothrow_t const&) noexcept {
+    return allocate(n, static_cast<std::size_t>(a));
+}
+void* operator new[](std::size_t n, std::align_val_t a, std::nothrow_t const&) noexcept {
+    return allocate(n, static_cast<std::size_t>(a));
+}
+void operator delete(void* p) noexcept { release(p); }
+void operator delete[](void* p) noexcept { release(p); }
+void operator delete(void* p, std::size_t) noexcept { release(p); }
+void operator delete[](void* p, std::size_t) noexcept { release(p); }
+void operator delete(void* p, std::nothrow_t const&) noexcept { release(p); }
+void operator delete[](void* p, std::nothrow_t const&) noexcept { release(p); }
+void operator delete(void* p, std::align_val_t) noexcept { release(p); }
+void operator delete[](void* p, std::align_val_t) noexcept { release(p); }
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept { release(p); }
+void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { release(p); }
+void operator delete(void* p, std::align_val_t, std::nothrow_t const&) noexcept { release(p); }
+void operator delete[](void* p, std::align_val_t, std::nothrow_t const&) noexcept { release(p); }

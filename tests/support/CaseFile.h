@@ -1,0 +1,37 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+// One case of a data file: values by key.
+class TestCase {
+public:
+    TestCase(std::string const& file, int line);
+
+    // The value, escapes resolved; empty where the case has no such key.
+    std::string const& operator[](std::string const& key) const;
+    bool has(std::string const& key) const { return m_values.count(key) != 0; }
+    // The value as a decimal number, 0 where there is none.
+    long number(std::string const& key) const;
+    // "chunks.txt:12", for SCOPED_TRACE.
+    std::string const& where() const { return m_where; }
+
+    // Goes on with the value where the key is there already.
+    void add(std::string const& key, std::string const& value) { m_values[key] += value; }
+
+private:
+    std::string m_where;
+    std::map<std::string, std::string> m_values;
+};
+
+// Reads a file of cases below tests/data. A line "key: value" adds a value to the case at hand,
+// and an empty line ends the case; a key given again goes on with its value, so that long inputs
+// can be broken into lines. After a line "columns: a | b | c" each line up to the next empty one
+// is a case of its own, with values between " | ". Lines that begin with # are comments.
+// Values know the escapes \r \n \t \s (a blank) \0 \\ \| \{ \} \xHH, and {text*1000} for a text
+// repeated 1000 times. White space around a value is not part of it.
+std::vector<TestCase> loadCases(std::string const& fileName);
+
+// The same escapes, for texts that stand in the source.
+std::string unescaped(std::string const& text);

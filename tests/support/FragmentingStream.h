@@ -1,0 +1,83 @@
+#pragma once
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "foundation/QORThrowable.h"
+#include "foundation/ZULInputStream.h"
+
+constexpr int kAllAtOnce = INT_MAX;
+constexpr int kRandomSizes = 0;  // 1 to 16 bytes a read, from testSeed()
+constexpr int kReadSizes[] = {1, 2, 3, 5, 8, 16, kAllAtOnce};
+
+// What a stream raises where a test lets it fail: a QORException of this code.
+constexpr long kStreamFailure = 4711;
+
+// New for each run of the program; POSTWIRE_SEED in the environment repeats a run.
+inline unsigned testSeed() {
+    static unsigned const seed = [] {
+        char const* const given = std::getenv("POSTWIRE_SEED");
+        return given ? static_cast<unsigned>(std::strtoul(given, nullptr, 10))
+                     : std::random_device{}();
+    }();
+    return seed;
+}
+
+// Hands out its bytes in pieces of at most `step`, whatever is asked for.
+class FragmentingStream : public ZULInputStream {
+public:
+    explicit FragmentingStream(std::string bytes, int step = kAllAtOnce)
+        : m_bytes(std::move(bytes)), m_step(step), m_random(testSeed()) {}
+
+    using ZULInputStream::read;
+    int read(char* bytes, int n) override {
+        if (++m_reads == m_failAt)
+            QORException(kStreamFailure).hurl(QORFileLocation("test", 0), nullptr, "QOR_THROW");
+        if (n == 0) return 0;
+        m_largest = std::max(m_largest, n);
+        if (m_next == m_bytes.size()) return -1;
+        int const step = m_step == kRandomSizes ? static_cast<int>(m_random() % 16 + 1) : m_step;
+        std::size_t const given = std::min(
+            {static_cast<std::size_t>(n), static_cast<std::size_t>(step), m_bytes.size() - m_next});
+        std::memcpy(bytes, m_bytes.data() + m_next, given);
+        m_next += given;
+        return static_cast<int>(given);
+    }
+
+    // The nth read from now raises kStreamFailure.
+    void failAtRead(int nth) { m_failAt = m_reads + nth; }
+    // More bytes behind those given, also after an end.
+    void append(std::string const& bytes) { m_bytes += bytes; }
+
+    std::string rest() const { return m_bytes.substr(m_next); }
+    int reads() const { return m_reads; }
+    int largestRequest() const { return m_largest; }
+
+private:
+    std::string m_bytes;
+    std::size_t m_next = 0;
+    int m_step;
+    std::minstd_rand m_random;
+    int m_reads = 0;
+    int m_failAt = 0;
+    int m_largest = 0;
+};
+
+// Calls body(step) for each of kReadSizes and for random ones.
+template <class Body>
+void forEachReadSize(Body const& body) {
+    auto const run = [&](int step) {
+        SCOPED_TRACE("read size " + std::to_string(step) +
+                     ", POSTWIRE_SEED=" + std::to_string(testSeed()));
+        body(step);
+    };
+    for (int const step : kReadSizes) run(step);
+    run(kRandomSizes);
+}
