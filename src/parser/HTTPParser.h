@@ -41,9 +41,8 @@ public:
     void parseRequest(ZULBufferedInputStream* is);
     void parseResponse(ZULBufferedInputStream* is);
 
-    // The steps of a parse, in the order in which it takes them, for callers that read a header
-    // block or a body on its own. The line operations take a line without white space at its ends,
-    // read it up to its first zero byte and may change it.
+    // The steps of a parse, for callers that read a header block or a body on its own. A line is
+    // given without white space at its ends and read up to its first zero byte.
 
     // Header lines of the current level up to and with the empty line.
     void processHeaders(ZULBufferedInputStream* is);
@@ -68,13 +67,15 @@ public:
 
 private:
     void startMessage(ZULBufferedInputStream* is, char const* method);
-    void processMessage(ZULBufferedInputStream* is);
-    void processParts(ZULBufferedInputStream& is);
+    void endMessage(ZULBufferedInputStream* is);
     void resetLevel();
     bool readLine(ZULBufferedInputStream& is);
-    void setContentType();
-    void setContentLength();
-    void setTransferEncoding();
+    void recordFraming();
+    void recordContentType();
+    void recordContentLength();
+    void recordTransferEncoding();
+    void processBody(ZULBufferedInputStream& is);
+    void processParts(ZULBufferedInputStream& is);
 
     std::vector<std::string> m_boundaries;  // of the open multipart levels, the innermost last
     HTTPMsgHandler* m_pHandler;
@@ -83,8 +84,11 @@ private:
     int m_idepth;                            // the current level
     int m_contentlength[HTTP_MAX_DEPTH];     // 0 for none, too
     bool m_bLengthDeclared[HTTP_MAX_DEPTH];  // tells a declared 0 from none
-    QORByteBuffer m_line;                    // the line being looked at, of any level
-    HTTPHeader m_header;                     // of the header line being looked at
+    // Kept, so that a line costs no memory of its own: the line being looked at, of any level, and
+    // the name and the value of a header line.
+    QORByteBuffer m_line;
+    std::string m_name;
+    HTTPHeader m_header;
 };
 
 // Builds an HTTPMessage tree from the parser's events: the message's headers, its body bytes, and

@@ -1,0 +1,28 @@
+#include "parser/HTTPMessageReader.h"
+
+#include "foundation/QORThrowable.h"
+
+static char const kSourceFile[] = "HTTPMessageReader";
+
+HTTPMessageReader::HTTPMessageReader(ZULBufferedInputStream& is) : m_stream(is) {
+    m_parser.setMsgHandler(&m_handler);
+}
+
+HTTPMessageReader::~HTTPMessageReader() = default;
+
+void HTTPMessageReader::getRequest(HTTPMessage* msg, std::string* uri) {
+    QOR_ASSERT(uri);
+    m_handler.setMessage(msg);
+    m_parser.parseRequest(&m_stream);
+    *uri = m_handler.m_uri;
+}
+
+void HTTPMessageReader::getResponse(HTTPMessage* msg, HTTPMessage::StatusCode* status,
+                                    std::string* status_message) {
+    QOR_ASSERT(status);
+    QOR_ASSERT(status_message);
+    m_handler.setMessage(msg);
+    m_parser.parseResponse(&m_stream);
+    *status = m_handler.m_statusCode;
+    *status_message = m_handler.m_statusMessage;
+}

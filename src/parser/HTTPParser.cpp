@@ -1,0 +1,348 @@
+#include "parser/HTTPParser.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "foundation/QORThrowable.h"
+#include "foundation/QORUtConvert.h"
+#include "foundation/ZULBufferedInputStream.h"
+#include "foundation/ZULChunkedInputStream.h"
+
+#include "foundation/GuardedAllocation.h"
+#include "foundation/HTTPException.h"
+#include "foundation/StringTokenizer.h"
+
+static char const kSourceFile[] = "HTTPParser";
+
+namespace {
+
+// The method texts that errors carry in their back-trace.
+constexpr char kParseRequest[] = "void HTTPParser::parseRequest( ZULBufferedInputStream *is )";
+constexpr char kParseResponse[] = "void HTTPParser::parseResponse( ZULBufferedInputStream *is )";
+constexpr char kProcessHeaders[] = "void HTTPParser::processHeaders( ZULBufferedInputStream *is )";
+constexpr char kValidateRequestLine[] =
+    "void HTTPParser::validateRequestLine( QORByteBuffer &line )";
+constexpr char kValidateResponseLine[] =
+    "void HTTPParser::validateResponseLine( QORByteBuffer &line )";
+constexpr char kProcessHeader[] = "void HTTPParser::processHeader( QORByteBuffer &osline )";
+constexpr char kProcessEntities[] =
+    "void HTTPParser::processEntities( ZULBufferedInputStream *is )";
+
+[[noreturn]] void raise(HTTPException::plexaErrorCode code, char const* method, int line) {
+    HTTPException error(code);
+    error << QORMessage(
+        I18NString(HTTPException::getMessageString(code), nullptr, -1, nullptr, nullptr));
+    error.hurl(QORFileLocation(kSourceFile, line), method, "QOR_THROW");
+}
+
+// The words of a start line; a missing one is the error of that line.
+class StartLine {
+public:
+    StartLine(QORByteBuffer& line, HTTPException::plexaErrorCode missing, char const* method)
+        : m_words(line.str(), " \t", 0), m_missing(missing), m_method(method) {}
+
+    char const* next() {
+        requireWord();
+        return m_words.nextToken();
+    }
+    char const* rest() {
+        requireWord();
+        return m_words.theRest();
+    }
+
+private:
+    void requireWord() {
+        if (!m_words.hasMoreTokens()) raise(m_missing, m_method, __LINE__);
+    }
+
+    QORStringTokenizer m_words;
+    HTTPException::plexaErrorCode m_missing;
+    char const* m_method;
+};
+
+bool isVersion(std::string_view word) { return word == "HTTP/1.1" || word == "HTTP/1.0"; }
+
+char lowerCased(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+// Whether the text begins with `start`, which is in lower case, in any letter case.
+bool beginsWith(std::string_view text, std::string_view start) {
+    return text.size() >= start.size() &&
+           std::equal(start.begin(), start.end(), text.begin(),
+                      [](char a, char b) { return a == lowerCased(b); });
+}
+
+struct Number {
+    int value;
+    bool hasDigits;
+};
+
+// Base 10 as strtol reads it, but without the process's locale and with the limits of int on every
+// target, where long may be wider.
+Number readNumber(char const* text) {
+    text += std::strspn(text, " \t\n\v\f\r");
+    bool const negative = *text == '-';
+    if (negative || *text == '+') ++text;
+    char const* const digits = text;
+    long long const limit = negative ? -static_cast<long long>(INT_MIN) : INT_MAX;
+    long long value = 0;
+    for (; *text >= '0' && *text <= '9'; ++text)
+        value = std::min(value * 10 + (*text - '0'), limit);
+    return {static_cast<int>(negative ? -value : value), text != digits};
+}
+
+// Ends the use of a filter stream of our own.
+struct DetachAndDelete {
+    void operator()(ZULFilterInputStream* stream) const {
+        runQuietly([stream] { stream->detach(); });
+        dropQuietly(stream);
+    }
+};
+
+// The body of a chunked level: a decoder over the level's stream and a buffered stream over the
+// decoder, which is released first.
+class ChunkedBody {
+public:
+    explicit ChunkedBody(ZULBufferedInputStream& is)
+        : m_decoder(guardedNew<ZULChunkedInputStream>(QORFileLocation(kSourceFile, __LINE__), is)
+                        .release()),
+          m_buffered(guardedNew<ZULBufferedInputStream>(QORFileLocation(kSourceFile, __LINE__),
+                                                        *m_decoder, 4096)
+                         .release()) {}
+
+    ZULBufferedInputStream& stream() { return *m_buffered; }
+
+    // Reads up to the end of the coding, which stands behind the last byte of data.
+    void drain() {
+        QORByteBuffer rest(64, 64);
+        while (m_buffered->read(rest, 64) > 0) rest.reset();
+    }
+
+private:
+    std::unique_ptr<ZULChunkedInputStream, DetachAndDelete> m_decoder;
+    std::unique_ptr<ZULBufferedInputStream, DetachAndDelete> m_buffered;
+};
+
+}  // namespace
+
+HTTPMsgHandler::~HTTPMsgHandler() = default;
+
+void HTTPMsgHandler::startMultiParts(char const*) {}
+
+void HTTPMsgHandler::startPart() {}
+
+void HTTPMsgHandler::endPart() {}
+
+void HTTPMsgHandler::endMultiParts(char const*) {}
+
+HTTPParser::HTTPParser()
+    : m_pHandler(nullptr),
+      m_bChunking(),
+      m_bMultipart(),
+      m_idepth(0),
+      m_contentlength(),
+      m_bLengthDeclared(),
+      m_line(256, 256) {}
+
+HTTPParser::~HTTPParser() { m_pHandler = nullptr; }
+
+void HTTPParser::setMsgHandler(HTTPMsgHandler* handler) { m_pHandler = handler; }
+
+void HTTPParser::parseRequest(ZULBufferedInputStream* is) {
+    startMessage(is, kParseRequest);
+    validateRequestLine(m_line);
+    endMessage(is);
+}
+
+void HTTPParser::parseResponse(ZULBufferedInputStream* is) {
+    startMessage(is, kParseResponse);
+    validateResponseLine(m_line);
+    endMessage(is);
+}
+
+// Up to the start line, which is left in m_line.
+void HTTPParser::startMessage(ZULBufferedInputStream* is, char const* method) {
+    QOR_ASSERT(is);
+    QOR_ASSERT(m_pHandler);
+    m_idepth = 0;
+    resetLevel();
+    m_boundaries.clear();
+    m_pHandler->reset();
+    do {
+        if (!readLine(*is)) raise(HTTPException::HTTP_ERR_END_OF_STREAM, method, __LINE__);
+    } while (m_line.pcount() == 0);
+}
+
+void HTTPParser::endMessage(ZULBufferedInputStream* is) {
+    processHeaders(is);
+    processEntities(is);
+    m_pHandler->endMessage();
+}
+
+void HTTPParser::resetLevel() {
+    m_bMultipart[m_idepth] = false;
+    m_bChunking[m_idepth] = false;
+    m_contentlength[m_idepth] = 0;
+    m_bLengthDeclared[m_idepth] = false;
+}
+
+// The next line without white space at its ends; false at the end of the stream.
+bool HTTPParser::readLine(ZULBufferedInputStream& is) {
+    m_line.reset();
+    if (is.readLine(m_line) == -1) return false;
+    m_line.trim();
+    return true;
+}
+
+void HTTPParser::validateRequestLine(QORByteBuffer& line) {
+    QOR_ASSERT(m_pHandler);
+    StartLine words(line, HTTPException::HTTP_ERR_BAD_REQUEST_LINE, kValidateRequestLine);
+    if (std::strcmp(words.next(), "POST") != 0)
+        raise(HTTPException::HTTP_ERR_METHOD_NOT_POST, kValidateRequestLine, __LINE__);
+    m_pHandler->setURI(words.next());
+    if (!isVersion(words.next()))
+        raise(HTTPException::HTTP_ERR_VERSION, kValidateRequestLine, __LINE__);
+}
+
+void HTTPParser::validateResponseLine(QORByteBuffer& line) {
+    QOR_ASSERT(m_pHandler);
+    StartLine words(line, HTTPException::HTTP_ERR_BAD_RESPONSE_LINE, kValidateResponseLine);
+    if (!isVersion(words.next()))
+        raise(HTTPException::HTTP_ERR_VERSION, kValidateResponseLine, __LINE__);
+    int const status = readNumber(words.next()).value;
+    m_pHandler->setStatusCode(static_cast<HTTPMessage::StatusCode>(status));
+    m_pHandler->setStatusMessage(words.rest());
+}
+
+void HTTPParser::processHeaders(ZULBufferedInputStream* is) {
+    QOR_ASSERT(is);
+    for (;;) {
+        if (!readLine(*is)) raise(HTTPException::HTTP_ERR_END_OF_STREAM, kProcessHeaders, __LINE__);
+        if (m_line.pcount() == 0) return;
+        processHeader(m_line);
+    }
+}
+
+void HTTPParser::processHeader(QORByteBuffer& osline) {
+    QOR_ASSERT(m_pHandler);
+    char const* const colon = std::strchr(osline.str(), ':');
+    if (!colon) return;
+    m_name.assign(static_cast<char const*>(osline.str()), colon);
+    HTTPMessage::trim(m_name);
+    QORUtConvert::strlwr(m_name.data());
+    m_header.reset();
+    m_header.parse(colon + 1);
+    recordFraming();
+    m_pHandler->header(m_name.c_str(), &m_header);
+}
+
+// The level's framing, where the header at hand says something about it.
+void HTTPParser::recordFraming() {
+    if (m_name == "content-type")
+        recordContentType();
+    else if (m_name == "content-length")
+        recordContentLength();
+    else if (m_name == "transfer-encoding")
+        recordTransferEncoding();
+}
+
+void HTTPParser::recordContentType() {
+    std::string_view const type = m_header.getValue();
+    if (type.empty()) raise(HTTPException::HTTP_ERR_BAD_CONTENT_TYPE, kProcessHeader, __LINE__);
+    if (!beginsWith(type, "multipart/")) return;
+    char const* const boundary = m_header.getAttribute("boundary");
+    if (!boundary || !*boundary)
+        raise(HTTPException::HTTP_ERR_NO_BOUNDARY, kProcessHeader, __LINE__);
+    // One boundary a level: a second would be taken for that of the level around it.
+    if (m_bMultipart[m_idepth] && !m_boundaries.empty())
+        m_boundaries.back() = boundary;
+    else
+        m_boundaries.emplace_back(boundary);
+    m_bMultipart[m_idepth] = true;
+}
+
+void HTTPParser::recordContentLength() {
+    char const* const value = m_header.getValue();
+    if (!*value) raise(HTTPException::HTTP_ERR_BAD_CONTENT_LENGTH, kProcessHeader, __LINE__);
+    Number const length = readNumber(value);
+    m_contentlength[m_idepth] = length.value;
+    m_bLengthDeclared[m_idepth] = length.hasDigits;
+}
+
+void HTTPParser::recordTransferEncoding() {
+    std::string_view const coding = m_header.getValue();
+    if (coding.empty())
+        raise(HTTPException::HTTP_ERR_BAD_TRANSFER_ENCODING, kProcessHeader, __LINE__);
+    constexpr std::string_view kChunked = "chunked";
+    m_bChunking[m_idepth] = coding.size() == kChunked.size() && beginsWith(coding, kChunked);
+}
+
+void HTTPParser::processEntities(ZULBufferedInputStream* is) {
+    QOR_ASSERT(is);
+    QOR_ASSERT(m_pHandler);
+    int const length = m_contentlength[m_idepth];
+    // A length of 0 yields to chunked coding, any other may not stand beside it: two servers in a
+    // row could each believe another one of the two (RFC 9112 section 6.3).
+    bool const byLength = length != 0 || (m_bLengthDeclared[m_idepth] && !m_bChunking[m_idepth]);
+    if (byLength && !m_bMultipart[m_idepth]) {
+        QOR_ASSERT(!m_bChunking[m_idepth]);
+        m_pHandler->content(*is, length);
+        return;
+    }
+    try {
+        if (m_bChunking[m_idepth]) {
+            QOR_ASSERT(m_contentlength[m_idepth] == 0);
+            ChunkedBody body(*is);
+            processBody(body.stream());
+            body.drain();
+        } else {
+            processBody(*is);
+        }
+    } catch (HTTPException& e) {
+        e.addBackTrace(QORFileLocation(kSourceFile, __LINE__), kProcessEntities, "QOR_RETHROW");
+        throw;
+    }
+}
+
+// A body whose end the stream or the closing boundary line tells.
+void HTTPParser::processBody(ZULBufferedInputStream& is) {
+    if (m_bMultipart[m_idepth])
+        processParts(is);
+    else
+        m_pHandler->content(is);
+}
+
+// RFC 2046 section 5.1.1, but for white space around a boundary line and for the line end before
+// it, which is taken for an empty line: where a part ends is for its own framing to say.
+void HTTPParser::processParts(ZULBufferedInputStream& is) {
+    QOR_ASSERT(!m_boundaries.empty());
+    m_pHandler->startMultiParts(m_boundaries.back().c_str());
+    std::string const closing = "--" + m_boundaries.back() + "--";
+    std::string_view const separator(closing.data(), closing.size() - 2);
+    for (;;) {
+        if (!readLine(is))
+            raise(HTTPException::HTTP_ERR_MISSING_BOUNDARY, kProcessEntities, __LINE__);
+        std::string_view const line(m_line.str(), m_line.pcount());
+        if (line == separator) {
+            processPart(&is);
+        } else if (line == closing) {
+            break;
+        }
+    }
+    m_pHandler->endMultiParts(m_boundaries.back().c_str());
+    m_boundaries.pop_back();
+}
+
+void HTTPParser::processPart(ZULBufferedInputStream* is) {
+    QOR_ASSERT(m_pHandler);
+    QOR_ASSERT(m_idepth + 1 < HTTP_MAX_DEPTH);
+    ++m_idepth;
+    resetLevel();
+    m_pHandler->startPart();
+    processHeaders(is);
+    processEntities(is);
+    --m_idepth;
+    m_pHandler->endPart();
+}
