@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
@@ -58,6 +60,9 @@ public:
     // parsed into again and again.
     void reset();
 
+    // The number of bytes that dump appends.
+    std::size_t dumpSize() const;
+
 private:
     void parseText(std::string_view text);
     void storeAttribute(std::string_view name, std::string_view value);
@@ -112,6 +117,9 @@ public:
 
     // As setHeader, but moves what the header holds instead of copying it, and leaves it empty.
     HTTPHeader* takeHeader(char const* name, HTTPHeader& header);
+
+    // The number of bytes that dump appends.
+    std::size_t dumpSize() const;
 
 private:
     template <class Header>
@@ -213,6 +221,8 @@ private:
     friend class HTTPMOMMsgHandler;
 
     void setFraming(int chunksize);
+    std::uint64_t dumpSize(int chunksize);
+    void dumpFramed(QORByteBuffer& buf, int chunksize);
     void dumpParts(QORByteBuffer& buf);
     void dumpChunks(QORByteBuffer& buf, int chunksize);
 

@@ -1,0 +1,62 @@
+#include "foundation/HTTPException.h"
+
+#include <iterator>
+
+#include "foundation/GuardedAllocation.h"
+
+static char const kSourceFile[] = "HTTPException";
+
+// In the order of the codes, the first of which is HTTP_ERR_FIRST.
+static char const* const http_messages[] = {
+    "method is not POST",
+    "HTTP version must be 1.1",
+    "bad 1st line of request",
+    "bad 1st line of response",
+    "malformed Content-Type header",
+    "multipart Content-Type header has no boundary attribute",
+    "malformed Content-Length header",
+    "malformed Transfer-Encoding header",
+    "malformed: expected a chunk size",
+    "end of input stream",
+    "the input stream did not have an expected MIME boundary",
+};
+
+HTTPException::HTTPException(long code) : QORException(code) {}
+
+HTTPException::HTTPException(QORSeverity severity, long code) : QORException(severity, code) {}
+
+HTTPException::HTTPException(char const* text) : QORException(text) {}
+
+HTTPException::HTTPException(QORSeverity severity, char const* text)
+    : QORException(severity, text) {}
+
+HTTPException::HTTPException(HTTPException const&) = default;
+
+HTTPException& HTTPException::operator=(HTTPException const& other) {
+    if (this != &other) QORException::operator=(other);
+    return *this;
+}
+
+HTTPException::~HTTPException() = default;
+
+HTTPException* HTTPException::clone() const {
+    return guardedNew<HTTPException>(QORFileLocation(kSourceFile, __LINE__), *this).release();
+}
+
+void HTTPException::hurl(QORFileLocation const& where, char const* method, char const* macro) {
+    addBackTrace(where, method, macro);
+    throw HTTPException(*this);
+}
+
+char const* HTTPException::getThrowableName() const { return "HTTPException"; }
+
+HTTPException& HTTPException::operator<<(QORMessageBase const& message) {
+    QORException::operator<<(message);
+    return *this;
+}
+
+char const* HTTPException::getMessageString(plexaErrorCode code) {
+    int const index = code - HTTP_ERR_FIRST;
+    bool const known = index >= 0 && index < static_cast<int>(std::size(http_messages));
+    return known ? http_messages[index] : nullptr;
+}

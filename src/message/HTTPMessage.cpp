@@ -1,0 +1,428 @@
+#include "message/HTTPMessage.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include "foundation/QORThrowable.h"
+
+#include "foundation/AsciiText.h"
+#include "foundation/GuardedAllocation.h"
+
+static char const kSourceFile[] = "HTTPMessage";
+
+namespace {
+
+std::string_view stripped(std::string_view text) {
+    while (!text.empty() && isAsciiSpace(text.front())) text.remove_prefix(1);
+    while (!text.empty() && isAsciiSpace(text.back())) text.remove_suffix(1);
+    return text;
+}
+
+// The rule of HTTPMessage::trim.
+std::string_view trimmed(std::string_view text) {
+    text = stripped(text);
+    bool const quoted = text.size() > 1 && text.front() == '"' && text.back() == '"';
+    return quoted ? stripped(text.substr(1, text.size() - 2)) : text;
+}
+
+// strcasecmp of the POSIX locale.
+int compareNames(char const* a, char const* b) {
+    for (;; ++a, ++b) {
+        int const x = static_cast<unsigned char>(asciiLowerCase(*a));
+        int const y = static_cast<unsigned char>(asciiLowerCase(*b));
+        if (x != y || x == 0) return x - y;
+    }
+}
+
+void append(QORByteBuffer& buf, std::string_view text) {
+    buf.appendChars(text.data(), static_cast<unsigned int>(text.size()));
+}
+
+// Size line, data and the CRLF behind each of them.
+std::uint64_t chunkDumpSize(std::uint64_t bytes) {
+    std::uint64_t digits = 1;
+    for (std::uint64_t rest = bytes; rest > 15; rest /= 16) ++digits;
+    return digits + bytes + 4;
+}
+
+}  // namespace
+
+// HTTPHeader
+
+HTTPHeader::HTTPHeader() : m_quoted(0) {}
+
+HTTPHeader::HTTPHeader(char const* value) : m_quoted(0) { setValue(value); }
+
+HTTPHeader::HTTPHeader(HTTPHeader const&) = default;
+
+HTTPHeader::HTTPHeader(HTTPHeader&& other) noexcept
+    : m_value(std::move(other.m_value)),
+      m_attributes(std::move(other.m_attributes)),
+      m_quoted(other.m_quoted) {
+    other.reset();
+}
+
+HTTPHeader::~HTTPHeader() = default;
+
+HTTPHeader& HTTPHeader::operator=(HTTPHeader const& other) {
+    if (this == &other) return *this;
+    auto attributes = other.m_attributes;
+    m_value = other.m_value;
+    m_attributes.swap(attributes);
+    m_quoted = other.m_quoted;
+    return *this;
+}
+
+HTTPHeader& HTTPHeader::operator=(HTTPHeader&& other) noexcept {
+    if (this == &other) return *this;
+    m_value = std::move(other.m_value);
+    m_attributes = std::move(other.m_attributes);
+    m_quoted = other.m_quoted;
+    other.reset();
+    return *this;
+}
+
+void HTTPHeader::reset() {
+    m_value.clear();
+    m_attributes.clear();
+    m_quoted = 0;
+}
+
+void HTTPHeader::setValue(char const* value) {
+    QOR_ASSERT(value);
+    m_value = value;
+    m_quoted = 0;
+}
+
+char const* HTTPHeader::getValue() { return m_value.c_str(); }
+
+void HTTPHeader::setAttribute(char const* field, char const* value) {
+    QOR_ASSERT(field);
+    QOR_ASSERT(value);
+    storeAttribute(field, value);
+}
+
+void HTTPHeader::storeAttribute(std::string_view name, std::string_view value) {
+    auto const at = m_attributes.lower_bound(name);
+    if (at != m_attributes.end() && at->first == name)
+        at->second = value;
+    else
+        m_attributes.emplace_hint(at, name, value);
+}
+
+char const* HTTPHeader::getAttribute(char const* field) {
+    QOR_ASSERT(field);
+    auto const found = m_attributes.find(std::string_view(field));
+    return found == m_attributes.end() ? nullptr : found->second.c_str();
+}
+
+void HTTPHeader::parse(char const* pvalue) {
+    QOR_ASSERT(pvalue);
+    if (holds(pvalue))
+        parseText(std::string(pvalue));
+    else
+        parseText(pvalue);
+}
+
+// Whether the text is one of our own, which storing parts of it would change under way.
+bool HTTPHeader::holds(char const* text) const {
+    auto const isIn = [text](std::string const& s) {
+        std::less<> const before;
+        return !before(text, s.data()) && !before(s.data() + s.size(), text);
+    };
+    return isIn(m_value) || std::any_of(m_attributes.begin(), m_attributes.end(),
+                                        [&](auto const& a) { return isIn(a.second); });
+}
+
+void HTTPHeader::parseText(std::string_view text) {
+    std::size_t semicolon = text.find(';');
+    m_value = trimmed(text.substr(0, semicolon));
+    m_quoted = !text.empty() && text.front() == '"';
+    while (semicolon != std::string_view::npos) {
+        std::size_t const start = text.find_first_not_of("; \t", semicolon);
+        if (start == std::string_view::npos) return;
+        semicolon = text.find(';', start);
+        std::string_view const segment = text.substr(start, semicolon - start);
+        std::size_t const equals = segment.find('=');
+        if (equals != std::string_view::npos)
+            storeAttribute(trimmed(segment.substr(0, equals)), trimmed(segment.substr(equals + 1)));
+    }
+}
+
+void HTTPHeader::dump(QORByteBuffer& buf) {
+    if (m_quoted) buf << '"';
+    append(buf, m_value);
+    for (auto const& [name, value] : m_attributes) {
+        buf << "; ";
+        append(buf, name);
+        buf << '=';
+        append(buf, value);
+    }
+    if (m_quoted) buf << '"';
+}
+
+std::size_t HTTPHeader::dumpSize() const {
+    std::size_t size = m_value.size() + (m_quoted ? 2 : 0);
+    for (auto const& [name, value] : m_attributes) size += name.size() + value.size() + 3;
+    return size;
+}
+
+// HTTPHeaders
+
+bool httphdr_CaseInsensitiveStringComparePredicate::operator()(char const* a, char const* b) const {
+    return compareNames(a, b) < 0;
+}
+
+HTTPHeaders::HTTPHeaders() = default;
+
+HTTPHeaders::~HTTPHeaders() = default;
+
+HTTPHeader* HTTPHeaders::getHeader(char const* field) {
+    QOR_ASSERT(field);
+    auto const found = m_headers.lower_bound(field);
+    bool const equal = found != m_headers.end() && compareNames(field, found->first.c_str()) == 0;
+    return equal ? &found->second : nullptr;
+}
+
+HTTPHeader* HTTPHeaders::setHeader(char const* name, HTTPHeader* phdr) {
+    QOR_ASSERT(name);
+    QOR_ASSERT(phdr);
+    return store(name, std::as_const(*phdr));
+}
+
+HTTPHeader* HTTPHeaders::takeHeader(char const* name, HTTPHeader& header) {
+    QOR_ASSERT(name);
+    return store(name, std::move(header));
+}
+
+template <class Header>
+HTTPHeader* HTTPHeaders::store(char const* name, Header&& header) {
+    // Behind its equals a set-cookie meets none to replace, and stays in the order of the calls.
+    bool const repeats = compareNames(name, "set-cookie") == 0;
+    auto const at = repeats ? m_headers.upper_bound(name) : m_headers.lower_bound(name);
+    if (at != m_headers.end() && compareNames(name, at->first.c_str()) == 0) {
+        at->second = std::forward<Header>(header);
+        return &at->second;
+    }
+    return &m_headers.emplace_hint(at, name, std::forward<Header>(header))->second;
+}
+
+void HTTPHeaders::removeHeader(char const* name) {
+    QOR_ASSERT(name);
+    auto const [first, last] = m_headers.equal_range(name);
+    m_headers.erase(first, last);
+}
+
+void HTTPHeaders::dump(QORByteBuffer& buf) {
+    for (auto& [name, header] : m_headers) {
+        append(buf, name);
+        buf << ": ";
+        header.dump(buf);
+        buf << "\r\n";
+    }
+}
+
+std::size_t HTTPHeaders::dumpSize() const {
+    std::size_t size = 0;
+    for (auto const& [name, header] : m_headers) size += name.size() + header.dumpSize() + 4;
+    return size;
+}
+
+void HTTPHeaders::reset() { m_headers.clear(); }
+
+// VecpHTTPMessages
+
+VecpHTTPMessages::VecpHTTPMessages() = default;
+
+VecpHTTPMessages::~VecpHTTPMessages() { reset(); }
+
+void VecpHTTPMessages::reset() {
+    for (HTTPMessage*& part : *this) dropQuietly(part);
+    clear();
+}
+
+// HTTPMessage
+
+HTTPMessage::HTTPMessage() : m_pContent(nullptr), m_pParts(nullptr) {}
+
+HTTPMessage::~HTTPMessage() {
+    dropQuietly(m_pParts);
+    dropQuietly(m_pContent);
+}
+
+char const* HTTPMessage::getContentType() {
+    if (m_contentType.empty()) {
+        if (HTTPHeader* const header = m_headers.getHeader("Content-Type")) {
+            char const* const charset = header->getAttribute("charset");
+            setContentType(header->getValue(), charset ? charset : "");
+        }
+    }
+    return m_contentType.c_str();
+}
+
+char const* HTTPMessage::getCharset() {
+    if (m_charset.empty()) getContentType();
+    return m_charset.c_str();
+}
+
+// Both or neither; they may be given crosswise.
+void HTTPMessage::setContentType(char const* content_type, char const* charset) {
+    QOR_ASSERT(content_type);
+    QOR_ASSERT(charset);
+    std::string newType(content_type);
+    std::string newCharset(charset);
+    m_contentType.swap(newType);
+    m_charset.swap(newCharset);
+}
+
+HTTPHeader* HTTPMessage::getHeader(char const* field) {
+    QOR_ASSERT(field);
+    return m_headers.getHeader(field);
+}
+
+HTTPHeader* HTTPMessage::setHeader(char const* field, char const* pvalue) {
+    QOR_ASSERT(field);
+    QOR_ASSERT(pvalue);
+    HTTPHeader header;
+    header.parse(pvalue);
+    return m_headers.takeHeader(field, header);
+}
+
+void HTTPMessage::reset() {
+    m_headers.reset();
+    m_contentType.clear();
+    m_charset.clear();
+    std::unique_ptr<QORByteBuffer>(std::exchange(m_pContent, nullptr)).reset();
+    std::unique_ptr<VecpHTTPMessages>(std::exchange(m_pParts, nullptr)).reset();
+}
+
+void HTTPMessage::dump(QORByteBuffer& buf, int chunksize) {
+    QOR_ASSERT(chunksize >= 0);
+    setFraming(chunksize);
+    // Room for the whole tree at once: no byte of a body is moved after it has been copied, and
+    // when memory runs out nothing has been written.
+    std::uint64_t const total = buf.pcount() + dumpSize(chunksize);
+    buf.reserve(static_cast<unsigned int>(std::min<std::uint64_t>(total, UINT_MAX)));
+    dumpFramed(buf, chunksize);
+}
+
+void HTTPMessage::setFraming(int chunksize) {
+    if (m_pParts) {
+        m_headers.removeHeader("Transfer-Encoding");
+        m_headers.removeHeader("Content-Length");
+        for (HTTPMessage* const part : *m_pParts) part->setFraming(0);
+    } else if (chunksize != 0) {
+        m_headers.removeHeader("Content-Length");
+        setHeader("Transfer-Encoding", "chunked");
+    } else {
+        QORByteBuffer length(16, 16);
+        length << contentSize();
+        setHeader("Content-Length", length.str());
+        m_headers.removeHeader("Transfer-Encoding");
+    }
+}
+
+// What dumpFramed appends. Parts can hold more than a buffer.
+std::uint64_t HTTPMessage::dumpSize(int chunksize) {
+    std::uint64_t size = m_headers.dumpSize() + 2;
+    if (m_pParts) {
+        for (HTTPMessage* const part : *m_pParts) size += m_boundary.size() + 6 + part->dumpSize(0);
+        return size + m_boundary.size() + 8;
+    }
+    auto const content = static_cast<std::uint64_t>(contentSize());
+    if (chunksize == 0) return size + content;
+    auto const chunk = static_cast<std::uint64_t>(chunksize);
+    size += content / chunk * chunkDumpSize(chunk) + 5;
+    return content % chunk == 0 ? size : size + chunkDumpSize(content % chunk);
+}
+
+void HTTPMessage::dumpFramed(QORByteBuffer& buf, int chunksize) {
+    m_headers.dump(buf);
+    buf << "\r\n";
+    if (m_pParts)
+        dumpParts(buf);
+    else if (chunksize > 0)
+        dumpChunks(buf, chunksize);
+    else if (m_pContent)
+        buf.appendChars(m_pContent->str(), m_pContent->pcount());
+}
+
+void HTTPMessage::dumpParts(QORByteBuffer& buf) {
+    for (HTTPMessage* const part : *m_pParts) {
+        buf << "\r\n--" << m_boundary.c_str() << "\r\n";
+        part->dumpFramed(buf, 0);
+    }
+    buf << "\r\n--" << m_boundary.c_str() << "--\r\n";
+}
+
+void HTTPMessage::dumpChunks(QORByteBuffer& buf, int chunksize) {
+    buf.setHexRadix(1);
+    char const* bytes = contentBytes();
+    for (int left = contentSize(); left > 0;) {
+        int const n = std::min(chunksize, left);
+        buf << n << "\r\n";
+        buf.appendChars(bytes, static_cast<unsigned int>(n));
+        buf << "\r\n";
+        bytes += n;
+        left -= n;
+    }
+    buf << "0\r\n\r\n";
+}
+
+void HTTPMessage::trim(std::string& s) {
+    std::string_view const kept = trimmed(s);
+    auto const first = static_cast<std::size_t>(kept.data() - s.data());
+    s.resize(first + kept.size());
+    s.erase(0, first);
+}
+
+int HTTPMessage::contentSize() { return m_pContent ? static_cast<int>(m_pContent->pcount()) : 0; }
+
+char const* HTTPMessage::contentBytes() { return m_pContent ? m_pContent->str() : nullptr; }
+
+HTTPMessage* HTTPMessage::getPart(int i) {
+    return i >= 0 && i < num_parts() ? (*m_pParts)[static_cast<std::size_t>(i)] : nullptr;
+}
+
+int HTTPMessage::num_parts() { return m_pParts ? static_cast<int>(m_pParts->size()) : 0; }
+
+void HTTPMessage::addChild(HTTPMessage* pChild) {
+    QOR_ASSERT(pChild);
+    if (m_pParts) {
+        m_pParts->push_back(pChild);
+        return;
+    }
+    auto parts = guardedNew<VecpHTTPMessages>(QORFileLocation(kSourceFile, __LINE__));
+    parts->push_back(pChild);
+    m_pParts = parts.release();
+}
+
+char const* HTTPMessage::getStatusText(StatusCode code) {
+    switch (static_cast<int>(code)) {
+        case 200:
+            return "OK";
+        case 500:
+            return "Internal Server Error";
+        default:
+            return "";
+    }
+}
+
+void HTTPMessage::setContent(char const* bytes, int length) {
+    QOR_ASSERT(bytes);
+    QOR_ASSERT(length >= 0);
+    auto const size = static_cast<unsigned int>(length);
+    auto content = guardedNew<QORByteBuffer>(QORFileLocation(kSourceFile, __LINE__), size, 256U);
+    content->appendChars(bytes, size);
+    std::unique_ptr<QORByteBuffer> const old(std::exchange(m_pContent, content.release()));
+}
+
+void HTTPMessage::setBoundary(char const* boundary) {
+    QOR_ASSERT(boundary);
+    m_boundary = boundary;
+}
+
+char const* HTTPMessage::getBoundary() { return m_boundary.c_str(); }
