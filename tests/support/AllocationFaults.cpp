@@ -83,10 +83,12 @@ int callsWithFailure(std::function<void()> const& body, int failAt, bool onwards
     } catch (QOROutOfMemoryError const&) {
         outOfMemory = true;
     } catch (QORThrowable const& t) {
+        AllocationPause const pause;
         stray = t.getThrowableName();
     } catch (std::bad_alloc const&) {
         outOfMemory = true;
     } catch (std::exception const& e) {
+        AllocationPause const pause;
         stray = e.what();
     }
     Faults const seen = arming.end();
