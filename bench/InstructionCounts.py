@@ -1,0 +1,142 @@
+#!/usr/bin/env python3
+"""Instructions a message, counted by callgrind: the same on every run, where seconds are not.
+
+    InstructionCounts.py PROGRAM_FOLDER linear      twice the work over once, for header lines,
+                                                    parts, chunks and body bytes: about 2
+    InstructionCounts.py PROGRAM_FOLDER profile     `small` and `headers`, beside the closest peer,
+                                                    and the functions they are spent in
+
+PROGRAM_FOLDER holds postwire_once and peer_once of the preset `bench`. A count is the difference
+of two runs, divided by the difference of their messages, so that the start cancels out.
+"""
+import collections
+import os
+import re
+import subprocess
+import sys
+import tempfile
+import zlib
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "corpus"))
+import make_corpus as corpus    # noqa: E402
+
+
+def run(program, folder, case, count):
+    """Instructions in all, and by function (its own, without those it calls)."""
+    with tempfile.TemporaryDirectory() as scratch:
+        out = os.path.join(scratch, "out")
+        subprocess.run(["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out,
+                        program, folder, case, str(count)], check=True, capture_output=True)
+        text = subprocess.run(["callgrind_annotate", "--threshold=100", out], check=True,
+                              capture_output=True, text=True).stdout
+    functions = collections.Counter()
+    for line in text.splitlines():
+        m = re.match(r"\s*([\d,]+) \([ \d.]+%\)\s+(\S.*)$", line)
+        if m:
+            functions[m[2]] += int(m[1].replace(",", ""))
+    total = functions.pop("PROGRAM TOTALS")
+    return total, functions
+
+
+def per_message(program, folder, case, few, many):
+    total_few, functions_few = run(program, folder, case, few)
+    total_many, functions_many = run(program, folder, case, many)
+    functions_many.subtract(functions_few)
+    n = many - few
+    return (total_many - total_few) / n, {f: c / n for f, c in functions_many.items() if c}
+
+
+def name_of(function):
+    name = re.sub(r"^[^:]*:(?!:)|'\d+|\[[^\[]*\]$", "", function).strip()
+    return re.sub(r"std::__cxx11::basic_string<[^()]*?allocator<char> ?>", "std::string", name)
+
+
+# ---- linear ------------------------------------------------------------------------------------
+
+def header_lines(n):
+    headers = [("X-Field-%05d" % (i * 7919 % 100000), "value %d; a=%d" % (i, i)) for i in range(n)]
+    headers.append(corpus.length(b"12"))
+    return corpus.start(headers) + b"12", len(headers), b"12", 0, 0
+
+
+def parts(n):
+    tree = corpus.Multi("=_outer", [corpus.binary_part(i, 64) for i in range(n)])
+    return (corpus.start(tree.headers) + tree.entity(), len(tree.headers), tree.leaves(),
+            tree.parts(), tree.part_headers())
+
+
+def chunks(n):
+    body = corpus.noise("chunks", 64 * n)
+    headers = [("Transfer-Encoding", "chunked")]
+    return corpus.start(headers) + corpus.chunked(body, 64), 1, body, 0, 0
+
+
+def lines_skipped(n):
+    tree = corpus.Multi("=_outer", [corpus.binary_part(1, 64)])
+    return (corpus.start(tree.headers) + b"a line that is no delimiter\r\n" * n + tree.entity(),
+            len(tree.headers), tree.leaves(), 1, tree.part_headers())
+
+
+def body_bytes(n):
+    body = corpus.noise("body", 1024 * n)
+    return corpus.start([corpus.length(body)]) + body, 1, body, 0, 0
+
+
+def write_corpus(folder, name, shape):
+    wire, headers, leaves, part_count, part_headers = shape
+    with open(os.path.join(folder, name + ".http"), "wb") as f:
+        f.write(wire)
+    row = (name, 1, headers, len(leaves), zlib.crc32(leaves), part_count, part_headers,
+           len(leaves), zlib.crc32(leaves))
+    with open(os.path.join(folder, "manifest.tsv"), "w", encoding="ascii") as f:
+        f.write("columns as in make_corpus.py\n" + "\t".join(map(str, row)) + "\n")
+
+
+def linear(programs):
+    print("%-16s %8s %14s %14s %7s" % ("", "n", "for n", "for 2n", "ratio"))
+    once = os.path.join(programs, "postwire_once")
+    for make, n in ((header_lines, 1000), (parts, 250), (chunks, 1000), (lines_skipped, 1000),
+                    (body_bytes, 1000)):
+        counts = []
+        for size in (n, 2 * n):
+            with tempfile.TemporaryDirectory() as folder:
+                write_corpus(folder, "shape", make(size))
+                counts.append(per_message(once, folder, "postwire/shape", 1, 5)[0])
+        print("%-16s %8d %14.0f %14.0f %7.3f" % (
+            make.__name__.replace("_", " "), n, *counts, counts[1] / counts[0]))
+
+
+# ---- profile -----------------------------------------------------------------------------------
+
+def small_corpus(folder):
+    """The corpus without its large files: every peer is checked on all of it at the start."""
+    rows = []
+    for name, wire, messages, headers, entity, n, part_headers, leaves in corpus.workloads():
+        if name in ("small", "headers"):
+            with open(os.path.join(folder, name + ".http"), "wb") as f:
+                f.write(wire)
+            rows.append("\t".join(map(str, (
+                name, messages, headers, len(entity), zlib.crc32(entity), n, part_headers,
+                len(leaves), zlib.crc32(leaves)))))
+    with open(os.path.join(folder, "manifest.tsv"), "w", encoding="ascii") as f:
+        f.write("\n".join(["columns as in make_corpus.py"] + rows) + "\n")
+
+
+def profile(programs):
+    with tempfile.TemporaryDirectory() as folder:
+        small_corpus(folder)
+        for workload in ("small", "headers"):
+            peer, _ = per_message(os.path.join(programs, "peer_once"), folder,
+                                  "beast_read/" + workload, 100, 300)
+            ours, functions = per_message(os.path.join(programs, "postwire_once"), folder,
+                                          "postwire/" + workload, 100, 300)
+            print("\n%s: %.0f instructions a message (beast_read: %.0f)" % (workload, ours, peer))
+            for function, count in sorted(functions.items(), key=lambda f: -f[1]):
+                if count >= 0.01 * ours:
+                    print("  %8.0f  %4.1f %%  %s" % (count, 100 * count / ours, name_of(function)))
+
+
+if __name__ == "__main__":
+    if len(sys.argv) != 3 or sys.argv[2] not in ("linear", "profile"):
+        sys.exit(__doc__)
+    {"linear": linear, "profile": profile}[sys.argv[2]](sys.argv[1])
