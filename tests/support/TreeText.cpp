@@ -64,11 +64,11 @@ std::string bodyText(std::string const& bytes) {
            printable(bytes.substr(0, 16));
 }
 
-std::string treeText(HTTPMessage& message, int depth) {
-    std::string const pad(2 * static_cast<std::size_t>(depth), ' ');
+std::string treeText(HTTPMessage& message, int indent) {
+    std::string const pad(static_cast<std::size_t>(indent), ' ');
     std::string body;
     for (int i = 0; i < message.num_parts(); ++i)
-        body += pad + "part\n" + treeText(*message.getPart(i), depth + 1);
+        body += pad + "part\n" + treeText(*message.getPart(i), indent + 2);
     if (char const* const bytes = message.num_parts() ? nullptr : message.contentBytes()) {
         auto const size = static_cast<std::size_t>(message.contentSize());
         body = pad + "body " + bodyText(std::string(bytes, size)) + '\n';

@@ -6,9 +6,9 @@ class HTTPMessage;
 
 // A message tree as text, as the .tree files of tests/data/captured have it below their first
 // line: a line for each header, its name in lower case, in collection order; then "body" with what
-// bodyText gives, or "part" for each part, with its own lines indented below it. Writing it changes
-// the tree's framing headers.
-std::string treeText(HTTPMessage& message, int depth = 1);
+// bodyText gives, or "part" for each part, with its own lines below it. Lines are indented by
+// `indent` blanks, and by two more at each level. Writing it changes the tree's framing headers.
+std::string treeText(HTTPMessage& message, int indent = 2);
 
 // The bytes with those outside ASCII's printable range as \x0d.
 std::string printable(std::string const& bytes);
