@@ -71,6 +71,7 @@ endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/postwire
   FILES_MATCHING PATTERN "*.h"
   PATTERN AsciiText.h EXCLUDE
+  PATTERN AsciiText.h EXCLUDE
   PATTERN GuardedAllocation.h EXCLUDE
   PATTERN HttpOutputStream.h EXCLUDE
   PATTERN QORSocketAddress.h EXCLUDE)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the build, compiles a program against the installed headers and libraries alone, runs
-# it, and compares what the library shows with the checked-in list.
+# Installs the build, compiles a program against the installed headers, all of them, and the
+# installed libraries alone, runs it, and compares what the library shows with the checked-in list.
 #
 # usage: ExportTest.sh BUILD_FOLDER CMAKE COMPILER [FLAG...]
 set -euo pipefail
@@ -12,7 +12,9 @@ prefix=$build/tests/installed
 
 rm -rf "$prefix"
 "$cmake" --install "$build" --prefix "$prefix" >/dev/null
-"$@" -std=c++17 "-I$prefix/include/postwire" "$here/ExportTest.cpp" -o "$prefix/export_test" \
+find "$prefix/include" -name '*.h' -printf '#include "%p"\n' >"$prefix/all_headers.h"
+"$@" -std=c++17 "-I$prefix/include/postwire" -include "$prefix/all_headers.h" \
+    "$here/ExportTest.cpp" -o "$prefix/export_test" \
     "-L$prefix/lib" "-Wl,-rpath,$prefix/lib" -lpostwire -lzulstream -lqorcore
 "$prefix/export_test"
 
