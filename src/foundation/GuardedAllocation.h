@@ -21,7 +21,7 @@ template <class Make>
     } catch (QORThrowable& t) {
         t.addBackTrace(where, nullptr, "QOR_RETHROW");
         throw;
-    } catch (std::bad_alloc const&) {   // before std::exception, its base
+    } catch (std::bad_alloc const&) {  // before std::exception, its base
         QOROutOfMemoryError(0, nullptr).hurl(where, nullptr, "QOR_THROW");
     } catch (std::exception const& e) {
         QORStdExceptionError(e).hurl(where, nullptr, "QOR_THROW");
@@ -33,8 +33,7 @@ template <class Make>
 // A new T, guarded.
 template <class T, class... Args>
 [[nodiscard]] std::unique_ptr<T> guardedNew(QORFileLocation const& where, Args&&... args) {
-    return guarded(where,
-                   [&] { return std::unique_ptr<T>(new T(std::forward<Args>(args)...)); });
+    return guarded(where, [&] { return std::unique_ptr<T>(new T(std::forward<Args>(args)...)); });
 }
 
 // n value-initialised elements, guarded.

@@ -56,7 +56,7 @@ public:
 private:
     void growTo(unsigned int total);
 
-    char* m_bytes;            // m_capacity + 1 bytes: room for the terminating zero is always kept
+    char* m_bytes;  // m_capacity + 1 bytes: room for the terminating zero is always kept
     unsigned int m_length;
     unsigned int m_capacity;
     unsigned int m_growth;

@@ -95,8 +95,8 @@ private:
 // One station of a throwable on its way: where it was thrown or passed on.
 struct QORBackTraceEntry {
     QORFileLocation location;
-    char const* method = nullptr;   // signature of the operation, or null
-    char const* macro = nullptr;    // "QOR_THROW" or "QOR_RETHROW"
+    char const* method = nullptr;  // signature of the operation, or null
+    char const* macro = nullptr;   // "QOR_THROW" or "QOR_RETHROW"
 };
 
 // The stations of a throwable, oldest first.
@@ -161,7 +161,7 @@ protected:
 
 private:
     QORBackTrace m_backTrace;
-    std::string m_description;   // what toString() last gave
+    std::string m_description;  // what toString() last gave
 };
 
 // A throwable with a code, a severity and messages.
@@ -272,9 +272,9 @@ public:
 // Raises QORAssertError when the expression is false. Its text is the macro call as it stands in
 // the source, closing semicolon included, and reaches callers: rewording the expression changes
 // behaviour. The source file names itself in a constant kSourceFile.
-#define QOR_ASSERT(expression)                                                        \
-    do {                                                                              \
-        if (!(expression))                                                            \
-            QORAssertError::raise("QOR_ASSERT(" #expression ");",                     \
-                                  QORFileLocation(kSourceFile, __LINE__));            \
+#define QOR_ASSERT(expression)                                             \
+    do {                                                                   \
+        if (!(expression))                                                 \
+            QORAssertError::raise("QOR_ASSERT(" #expression ");",          \
+                                  QORFileLocation(kSourceFile, __LINE__)); \
     } while (false)

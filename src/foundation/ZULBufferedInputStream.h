@@ -47,12 +47,15 @@ public:
     void skip(int n);
 
 private:
+    friend class ZULChunkedInputStream;  // joins chunks while bytes are buffered
+
     // One read beneath into the empty read-ahead; the number of bytes, or -1.
     int fill();
+    void requireWithinLimit(unsigned int length, char const* end) const;
     int buffered() const { return static_cast<int>(m_readAhead.pcount()) - m_position; }
 
     QORByteBuffer m_readAhead;
-    int m_position;   // of the next byte within m_readAhead
+    int m_position;  // of the next byte within m_readAhead
     int m_size;
     int m_maxLine;
 };

@@ -14,8 +14,8 @@
 // Rule: it takes no byte beyond the chunked body from the stream beneath, and says -1 only after
 //   the trailer's end; -1 is remembered too. A size is 1 to 8 hexadecimal digits without sign or
 //   prefix and at most 2^31 - 1; white space and an extension behind it are ignored up to 4 KiB;
-//   CRLF alone ends a size line and chunk data. Looser readings of these lines are what lets two
-//   servers in a row see different messages in the same bytes.
+//   CRLF alone ends a size line, chunk data and a trailer line. Looser readings of these lines are
+//   what lets two servers in a row see different messages in the same bytes.
 class POSTWIRE_EXPORT ZULChunkedInputStream : public ZULFilterInputStream {
 public:
     explicit ZULChunkedInputStream(ZULBufferedInputStream& in);
@@ -23,24 +23,43 @@ public:
 
     using ZULFilterInputStream::read;
 
-    // At most n bytes of chunk data; may join the data of chunks that are already buffered.
+    // At most n bytes of chunk data; joins the data of chunks as far as they are buffered beneath.
     int read(char* bytes, int n) override;
 
     void detach() override;
 
 private:
-    enum class State { SizeLine, Data, DataEnd, Trailer, End, Failed };
+    // What the next byte belongs to; a line's end is two states, for CR and LF.
+    enum class State {
+        Size,
+        BehindSize,
+        Extension,
+        SizeLf,
+        Data,
+        DataCr,
+        DataLf,
+        Trailer,
+        TrailerLine,
+        TrailerLineLf,
+        BodyLf,
+        End,
+        Failed
+    };
 
-    // Reads framing until data can follow or the body has ended.
-    void advance();
-    int readSizeLine();
-    void readDataEnd();
-    void readTrailer();
-    int nextByte();
-    [[noreturn]] void fail(ZULStreamException::Fault fault, int line);
+    bool inFraming() const;
+    int readData(char* bytes, int n);
+    void readFraming();
+    void takeFramingByte(char byte);
+    void takeSizeByte(char byte);
+    void takeByteBehindSize(char byte);
+    void takeTrailerByte(char byte);
+    void expect(char wanted, char byte, State next);
+    void enter(State state);
+    void fail(ZULStreamException::Fault fault);
 
-    ZULBufferedInputStream* m_pBuffered;   // the stream beneath, by its own type
+    ZULBufferedInputStream* m_pBuffered;  // the stream beneath, by its own type
     State m_state;
-    ZULStreamException::Fault m_fault;     // what Failed raises again
-    int m_left;                            // bytes of the current chunk still to be read
+    ZULStreamException::Fault m_fault;  // what Failed raises
+    unsigned int m_left;                // bytes of the current chunk still to be read
+    int m_count;                        // bytes of a length-limited piece of framing so far
 };

@@ -9,7 +9,9 @@
 // Ownership: the stream beneath is borrowed.
 // Raises: ZULStreamException for a size below 1.
 // Rule: each chunk, framing included, leaves in one write. flush and close end here: the stream
-//   beneath is neither flushed nor closed.
+//   beneath is neither flushed nor closed. If the stream beneath raises, the body is given up, as
+//   by reset(): close then writes nothing, so that the reader sees a body cut short and never a
+//   whole one with a gap.
 class POSTWIRE_EXPORT ZULChunkedOutputStream : public ZULOutputStream {
 public:
     // Chunks of at most `size` bytes; the buffer grows as bytes come.
@@ -35,8 +37,10 @@ public:
     void reset();
 
 private:
-    // Writes the `length` data bytes that stand in m_chunk behind the room for the size line.
     void writeHeld();
+    int held() const { return static_cast<int>(m_chunk.pcount()) - kSizeLine; }
+
+    static constexpr int kSizeLine = 10;  // 8 digits and CRLF
 
     ZULOutputStream& m_out;
     int m_size;

@@ -8,14 +8,14 @@ class POSTWIRE_EXPORT ZULStreamException : public QORException {
 public:
     // One code a fault; each has a fixed text.
     enum Fault : int {
-        ZUL_ERR_END_OF_INPUT = 2000,     // fewer bytes than asked for, or the end inside a chunked body
+        ZUL_ERR_END_OF_INPUT = 2000,     // fewer bytes than asked for, also inside a chunked body
         ZUL_ERR_NEGATIVE_COUNT = 2001,   // a count or size below 0 (below 1 where 0 makes no sense)
         ZUL_ERR_CHUNK_SIZE = 2002,       // not 1 to 8 hexadecimal digits, RFC 9112 section 7.1
         ZUL_ERR_CHUNK_TOO_LARGE = 2003,  // a chunk size above 2^31 - 1
-        ZUL_ERR_CHUNK_END = 2004,        // chunk data or size line not followed by CRLF
+        ZUL_ERR_CHUNK_END = 2004,        // chunk data, a size or a trailer line without CRLF
         ZUL_ERR_CHUNK_EXTENSION = 2005,  // more than 4 KiB behind a chunk size
-        ZUL_ERR_TRAILER_TOO_LONG = 2006, // more than 64 KiB of trailer lines
-        ZUL_ERR_LINE_TOO_LONG = 2007,    // a line above the limit set for the stream
+        ZUL_ERR_TRAILER_TOO_LONG = 2006,  // more than 64 KiB of trailer lines
+        ZUL_ERR_LINE_TOO_LONG = 2007,     // a line above the limit set for the stream
     };
 
     explicit ZULStreamException(Fault fault);
@@ -27,6 +27,9 @@ public:
     [[noreturn]] void hurl(QORFileLocation const& where, char const* method,
                            char const* macro) override;
     char const* getThrowableName() const override;
+
+    // Builds the error and hurls it from `where`.
+    [[noreturn]] static void raise(Fault fault, QORFileLocation const& where);
 
     // The text of a fault: static, never null for the values above, null outside them.
     static char const* getMessageString(Fault fault);

@@ -1,0 +1,130 @@
+#include "foundation/ZULBufferedInputStream.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "foundation/QORThrowable.h"
+#include "foundation/ZULStreamException.h"
+
+static char const kSourceFile[] = "ZULBufferedInputStream";
+
+namespace {
+
+void requireAtLeast(int least, int n, int line) {
+    if (n < least)
+        ZULStreamException::raise(ZULStreamException::ZUL_ERR_NEGATIVE_COUNT,
+                                  QORFileLocation(kSourceFile, line));
+}
+
+char const* endOf(QORByteBuffer const& buf) { return buf.str() + buf.pcount(); }
+
+}  // namespace
+
+ZULBufferedInputStream::ZULBufferedInputStream(ZULInputStream& in, int size)
+    : ZULFilterInputStream(in), m_readAhead(0, 1), m_position(0), m_size(size), m_maxLine(0) {
+    requireAtLeast(1, size, __LINE__);
+}
+
+ZULBufferedInputStream::ZULBufferedInputStream(ZULBufferedInputStream const&) = default;
+ZULBufferedInputStream::~ZULBufferedInputStream() = default;
+
+int ZULBufferedInputStream::read(QORByteBuffer& buf, int n) {
+    requireAtLeast(0, n, __LINE__);
+    if (n == 0) return 0;
+    if (buffered() == 0) {
+        if (n >= m_size) return ZULFilterInputStream::read(buf, n);
+        if (fill() < 0) return -1;
+    }
+    int const given = std::min(n, buffered());
+    buf.appendChars(m_readAhead.str() + m_position, static_cast<unsigned int>(given));
+    m_position += given;
+    return given;
+}
+
+int ZULBufferedInputStream::read(char* bytes, int n) {
+    requireAtLeast(0, n, __LINE__);
+    if (n == 0) return 0;
+    if (buffered() == 0) {
+        if (n >= m_size) return beneath().read(bytes, n);
+        if (fill() < 0) return -1;
+    }
+    int const given = std::min(n, buffered());
+    std::memcpy(bytes, m_readAhead.str() + m_position, static_cast<unsigned int>(given));
+    m_position += given;
+    return given;
+}
+
+int ZULBufferedInputStream::read() {
+    if (buffered() == 0 && fill() < 0) return -1;
+    return static_cast<unsigned char>(m_readAhead.str()[m_position++]);
+}
+
+bool ZULBufferedInputStream::canUnread() { return true; }
+
+void ZULBufferedInputStream::unread(char const* bytes, int n) {
+    requireAtLeast(0, n, __LINE__);
+    unsigned int const count = static_cast<unsigned int>(n);
+    if (n > m_position) {
+        unsigned int const have = static_cast<unsigned int>(buffered());
+        m_readAhead.reserve(count + have);
+        std::memmove(m_readAhead.str() + n, m_readAhead.str() + m_position, have);
+        m_readAhead.setLength(count + have);
+        m_position = n;
+    }
+    m_position -= n;
+    // They may be the very bytes that peek showed.
+    if (n > 0) std::memmove(m_readAhead.str() + m_position, bytes, count);
+}
+
+int ZULBufferedInputStream::readLine(QORByteBuffer& buf) {
+    unsigned int const before = buf.pcount();
+    while (buffered() > 0 || fill() > 0) {
+        char const* const begin = m_readAhead.str() + m_position;
+        unsigned int const have = static_cast<unsigned int>(buffered());
+        void const* const lf = std::memchr(begin, '\n', have);
+        unsigned int const piece =
+            lf ? static_cast<unsigned int>(static_cast<char const*>(lf) - begin) : have;
+        requireWithinLimit(buf.pcount() - before + piece, piece > 0 ? begin + piece : endOf(buf));
+        buf.appendChars(begin, piece);
+        m_position += static_cast<int>(piece);
+        if (!lf) continue;
+        ++m_position;
+        if (buf.pcount() > before && endOf(buf)[-1] == '\r') buf.setLength(buf.pcount() - 1);
+        return static_cast<int>(buf.pcount() - before);
+    }
+    return buf.pcount() > before ? static_cast<int>(buf.pcount() - before) : -1;
+}
+
+// A CR just before `end` may belong to the terminator, and then does not count.
+void ZULBufferedInputStream::requireWithinLimit(unsigned int length, char const* end) const {
+    if (m_maxLine == 0 || length <= static_cast<unsigned int>(m_maxLine)) return;
+    if (length - 1 > static_cast<unsigned int>(m_maxLine) || end[-1] != '\r')
+        ZULStreamException::raise(ZULStreamException::ZUL_ERR_LINE_TOO_LONG,
+                                  QORFileLocation(kSourceFile, __LINE__));
+}
+
+void ZULBufferedInputStream::setMaxLine(int bytes) {
+    requireAtLeast(0, bytes, __LINE__);
+    m_maxLine = bytes;
+}
+
+char const* ZULBufferedInputStream::peek(int& n) {
+    n = buffered() > 0 ? buffered() : std::max(0, fill());
+    return m_readAhead.str() + m_position;
+}
+
+void ZULBufferedInputStream::skip(int n) {
+    QOR_ASSERT(n >= 0 && n <= buffered());
+    m_position += n;
+}
+
+int ZULBufferedInputStream::fill() {
+    ZULInputStream& in = beneath();
+    m_readAhead.reset();
+    m_position = 0;
+    m_readAhead.reserve(static_cast<unsigned int>(m_size));
+    int const got = in.read(m_readAhead.str(), m_size);
+    if (got <= 0) return -1;
+    m_readAhead.setLength(static_cast<unsigned int>(got));
+    return got;
+}
