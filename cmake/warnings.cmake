@@ -7,5 +7,5 @@ target_compile_options(postwire_warnings INTERFACE
   -Wnon-virtual-dtor -Woverloaded-virtual -Wsuggest-override -Wextra-semi
   -Wformat=2 -Wundef -Wnull-dereference -Wimplicit-fallthrough -Wvla
   -Wzero-as-null-pointer-constant -Wmissing-declarations
-  $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-cond;-Wduplicated-branches;-Wlogical-op;-Wredundant-decls>
+  $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-cond;-Wduplicated-branches;-Wlogical-op;-Wcatch-value=3;-Wredundant-decls>
   $<$<CXX_COMPILER_ID:Clang>:-Wunreachable-code;-Wcomma;-Wheader-hygiene;-Wmissing-variable-declarations>)
