@@ -112,7 +112,9 @@ class Held:
         self.held += data
 
     def finish(self):
-        self.up.write(block_of(self.node, len(self.held)) + self.held)
+        self.up.write(block_of(self.node, len(self.held)))
+        if self.held:
+            self.up.write(self.held)
 
     def begin(self):
         if not self.begun:
@@ -143,7 +145,8 @@ class Direct(Held):
     def write(self, data):
         self.begin()
         self.up.flush()
-        self.up.up.write(chunk_of(data))
+        for piece in (b'%x\r\n' % len(data), data, b'\r\n'):
+            self.up.up.write(piece)
 
     def finish(self):
         pass
@@ -385,8 +388,8 @@ class Wireshark(unittest.TestCase):
         parts = [leaf(0, [b'<a/>']), leaf(0, [BODY]), leaf(0, [])]
         for chunk in (0, 4096):
             request, answer = write(
-                calls(multi(chunk, 'b1', parts + [leaf(-1, [BODY, BODY])] * (chunk > 0))),
-                calls(multi(chunk, 'b2', parts), RESPONSE))
+                calls(multi(chunk, 'outer', parts + [leaf(-1, [BODY, BODY])] * (chunk > 0))),
+                calls(multi(chunk, 'outer', parts), RESPONSE))
             with tempfile.TemporaryDirectory() as folder:
                 text = self.dissect(folder, request.bytes, answer.bytes)
             self.assertIn('POST /svc HTTP/1.1\\r\\n', text)

@@ -4,6 +4,7 @@
 
 #include <iostream>
 
+#include "foundation/QORThrowable.h"
 #include "foundation/ZULMemoryInputStream.h"
 #include "foundation/ZULMemoryOutputStream.h"
 
