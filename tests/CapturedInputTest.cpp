@@ -89,9 +89,9 @@ void expectOutcome(Capture const& c, std::size_t length, std::string const& outc
         EXPECT_EQ(tree, c.tree);
     } else if (outcome == "shorter") {
         EXPECT_EQ(withoutLastLine(tree), withoutLastLine(c.tree));
-        std::size_t const body = c.wire.find("\r\n\r\n") + 4;
-        std::string const content = connection.message.contentBytes();
-        EXPECT_EQ(content, c.wire.substr(body, length - body));
+        std::string const cut = c.wire.substr(0, length);
+        std::size_t const body = std::min(c.wire.find("\r\n\r\n") + 4, length);
+        EXPECT_EQ(connection.message.contentBytes(), cut.substr(body));
     } else {
         EXPECT_EQ(std::to_string(code), outcome);
     }
