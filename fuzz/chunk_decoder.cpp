@@ -48,7 +48,7 @@ bool decodeWhole(std::string_view coded, Decoded& found) {
             std::strtoul(std::string(coded.substr(0, digits)).c_str(), nullptr, 16);
         std::string_view const behind = coded.substr(digits, end - digits);
         std::size_t const extension = std::min(behind.find_first_not_of(" \t"), behind.size());
-        if (size > INT_MAX || behind.size() > 4096 || behind.find('\n') != behind.npos)
+        if (size > INT_MAX || behind.size() > 4096 || behind.find_first_of("\r\n") != behind.npos)
             return false;
         if (extension < behind.size() && behind[extension] != ';') return false;
         coded.remove_prefix(end + 2);
@@ -57,13 +57,15 @@ bool decodeWhole(std::string_view coded, Decoded& found) {
         found.data.append(coded.substr(0, size));
         coded.remove_prefix(size + 2);
     }
-    for (std::size_t end; (end = coded.find('\n')) != coded.npos;) {
-        bool const empty = coded.substr(0, end) == "" || coded.substr(0, end) == "\r";
-        coded.remove_prefix(end + 1);
-        if (empty) {
+    std::size_t trailer = 0;
+    for (std::size_t end; (end = coded.find("\r\n")) != coded.npos; trailer += end + 2) {
+        std::string_view const line = coded.substr(0, end);
+        coded.remove_prefix(end + 2);
+        if (line.empty()) {
             found.rest = coded;
-            return true;
+            return trailer <= 65536;
         }
+        if (line.find_first_of("\r\n") != line.npos) return false;
     }
     return false;
 }
