@@ -14,18 +14,17 @@ import sys
 
 def read_expected(path):
     """[(class, base or None, [slot], [member])], in the order of the file."""
-    classes, pending = [], set()
+    classes = []
     for line in path.read_text().splitlines():
         kind, _, rest = line.partition(' ')
-        if kind in ('class', 'pending'):
+        if kind == 'class':
             name, _, base = rest.partition(' : ')
             classes.append((name, base or None, [], []))
-            pending.update([name] if kind == 'pending' else [])
         elif kind == 'slot':
             classes[-1][2].append(rest)
         elif kind == 'member':
             classes[-1][3].append(rest)
-    return [c for c in classes if c[0] not in pending]
+    return classes
 
 
 def compile_probe(classes, include_root, work, command):
