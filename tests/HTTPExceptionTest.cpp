@@ -1,0 +1,88 @@
+#include <gtest/gtest.h>
+
+#include "foundation/GuardedAllocation.h"
+#include "foundation/HTTPException.h"
+#include "foundation/StringTokenizer.h"
+#include "message/HTTPMessage.h"
+#include "support/AllocationFaults.h"
+#include "support/CaseFile.h"
+#include "support/Raised.h"
+
+namespace {
+
+QORFileLocation const kHere("Here", 7);
+
+TEST(HTTPException, HasATextForEachCode) {
+    for (TestCase const& c : loadCases("http_errors.txt")) {
+        auto const code = static_cast<HTTPException::plexaErrorCode>(c.number("code"));
+        char const* const text = HTTPException::getMessageString(code);
+        EXPECT_EQ(c["text"], text ? text : "null");
+    }
+}
+
+TEST(HTTPException, ThrowsAnIndependentCopyOfItsOwnType) {
+    auto error = std::make_unique<HTTPException>(HTTPException::HTTP_ERR_VERSION);
+    *error << QORMessage(I18NString("text", nullptr, -1, nullptr, nullptr));
+    error->operator=(*error);
+    auto const caught = raised([&] { error->hurl(kHere, "void f()", "QOR_THROW"); });
+    EXPECT_EQ("QOR_THROW Here void f()\n", backTraceText(*error));
+    error.reset();
+    auto const& copy = dynamic_cast<HTTPException&>(*caught);
+    EXPECT_STREQ("HTTPException", copy.getThrowableName());
+    EXPECT_EQ(1001, copy.getCode());
+    EXPECT_STREQ("text", copy.getMessage());
+    EXPECT_EQ("QOR_THROW Here void f()\n", backTraceText(copy));
+}
+
+struct NullGiving {
+    static void* operator new(std::size_t) noexcept { return nullptr; }
+};
+
+template <class Failure>
+struct Throwing {
+    explicit Throwing(Failure const& failure) { throw failure; }
+};
+
+template <class T, class... Args>
+std::string traceOf(Args const&... args) {
+    auto const t = raised([&] { (void)guardedNew<T>(kHere, args...); });
+    return t->getThrowableName() + (' ' + backTraceText(*t));
+}
+
+TEST(GuardedAllocation, TurnsEachFailureIntoItsThrowable) {
+    std::bad_alloc const memory;
+    std::runtime_error const other("why");
+    HTTPException const own("why");
+    EXPECT_EQ("QOROutOfMemoryError QOR_THROW Here\n", traceOf<NullGiving>());
+    EXPECT_EQ("QOROutOfMemoryError QOR_THROW Here\n", traceOf<Throwing<std::bad_alloc>>(memory));
+    EXPECT_EQ("QORStdExceptionError QOR_THROW Here\n",
+              traceOf<Throwing<std::runtime_error>>(other));
+    EXPECT_EQ("HTTPException QOR_RETHROW Here\n", traceOf<Throwing<HTTPException>>(own));
+    EXPECT_THROW((void)guardedNew<Throwing<int>>(kHere, 1), int);
+}
+
+TEST(GuardedAllocation, ReportsWantOfMemoryFromItsCallersFile) {
+    HTTPException const error("a text that is too long to stand inside");
+    std::pair<char const*, std::function<void()>> const scenes[] = {
+        {"HTTPException", [&] { std::unique_ptr<HTTPException>(error.clone()).reset(); }},
+        {"StringTokenizer", [] { QORStringTokenizer("a b", " ", 0); }},
+        {"HTTPMessage",
+         [] {
+             auto part = std::make_unique<HTTPMessage>();
+             HTTPMessage().addChild(part.get());
+             (void)part.release();
+         }},
+    };
+    for (auto const& [file, scene] : scenes)
+        EXPECT_LT(0, forEachFailingAllocation([file = file, &scene = scene] {
+                      try {
+                          scene();
+                      } catch (QOROutOfMemoryError const& e) {
+                          AllocationPause const pause;
+                          EXPECT_EQ(std::string("QOR_THROW ") + file + '\n', backTraceText(e));
+                          throw;
+                      }
+                  }));
+}
+
+}  // namespace
