@@ -100,7 +100,8 @@ private:
         for (char& c : start) {
             if (!std::isprint(static_cast<unsigned char>(c))) c = '.';
         }
-        line("body of " + std::to_string(body.size) + " bytes  ", start);
+        if (!start.empty()) start.insert(0, ": ");
+        line("body of " + std::to_string(body.size) + " bytes", start);
     }
 
     void line(std::string const& before, std::string const& text) const {
