@@ -1,5 +1,6 @@
 #include "support/AllocationFaults.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <exception>
@@ -7,6 +8,7 @@
 #include <utility>
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include "foundation/QORThrowable.h"
 
@@ -28,6 +30,8 @@ struct Faults {
     bool onwards = false;
     int calls = 0;
     int live = 0;
+    long bytes = 0;
+    long peak = 0;
 };
 thread_local Faults t_faults;
 
@@ -38,32 +42,38 @@ bool failsNow() {
     return f.failAt > 0 && (f.onwards ? f.calls >= f.failAt : f.calls == f.failAt);
 }
 
+// The room of a block counts, which is a little more than what was asked for.
+void count(void* block, int sign) {
+    Faults& f = t_faults;
+    if (!block || !f.armed) return;
+    f.live += sign;
+    f.bytes += sign * static_cast<long>(malloc_usable_size(block));
+    f.peak = std::max(f.peak, f.bytes);
+}
+
 void* counted(void* block) {
-    if (block && t_faults.armed) ++t_faults.live;
+    count(block, 1);
     return block;
 }
 
 void release(void* block) {
-    if (block && t_faults.armed) --t_faults.live;
+    count(block, -1);
     __real_free(block);
 }
 
-void* allocate(std::size_t size, std::size_t alignment) {
-    if (failsNow()) return nullptr;
-    if (size == 0) size = 1;
-    if (alignment <= alignof(std::max_align_t)) return counted(__real_malloc(size));
-    return counted(std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment));
-}
-
-void* allocateOrThrow(std::size_t size, std::align_val_t alignment = std::align_val_t(1)) {
-    if (void* const block = allocate(size, static_cast<std::size_t>(alignment))) return block;
-    throw std::bad_alloc();
+void* allocate(std::size_t size) {
+    return failsNow() ? nullptr : counted(__real_malloc(size > 0 ? size : 1));
 }
 
 // Armed while it lives.
 class Arming {
 public:
-    Arming(int failAt, bool onwards) { t_faults = Faults{true, failAt, onwards, 0, 0}; }
+    Arming(int failAt, bool onwards) {
+        t_faults = Faults{};
+        t_faults.failAt = failAt;
+        t_faults.onwards = onwards;
+        t_faults.armed = true;
+    }
     ~Arming() { end(); }
     Faults end() {
         t_faults.armed = false;
@@ -117,42 +127,37 @@ int allocationsOf(std::function<void()> const& body) {
     return t_faults.calls;
 }
 
+long peakHeapOf(std::function<void()> const& body) {
+    Arming const arming(0, false);
+    body();
+    return t_faults.peak;
+}
+
 AllocationPause::AllocationPause() : m_armed(std::exchange(t_faults.armed, false)) {}
 AllocationPause::~AllocationPause() { t_faults.armed = m_armed; }
 
-void* __wrap_malloc(std::size_t size) {
-    return failsNow() ? nullptr : counted(__real_malloc(size));
-}
+void* __wrap_malloc(std::size_t size) { return allocate(size); }
 
 void* __wrap_realloc(void* block, std::size_t size) {
     if (failsNow()) return nullptr;
+    count(block, -1);
     void* const moved = __real_realloc(block, size);
-    return block ? moved : counted(moved);
+    count(moved ? moved : block, 1);
+    return moved;
 }
 
 void __wrap_free(void* block) { release(block); }
 
-void* operator new(std::size_t n) { return allocateOrThrow(n); }
-void* operator new[](std::size_t n) { return allocateOrThrow(n); }
-void* operator new(std::size_t n, std::align_val_t a) { return allocateOrThrow(n, a); }
-void* operator new[](std::size_t n, std::align_val_t a) { return allocateOrThrow(n, a); }
-void* operator new(std::size_t n, std::nothrow_t const&) noexcept { return allocate(n, 1); }
-void* operator new[](std::size_t n, std::nothrow_t const&) noexcept { return allocate(n, 1); }
-void* operator new(std::size_t n, std::align_val_t a, std::nothrow_t const&) noexcept {
-    return allocate(n, static_cast<std::size_t>(a));
+void* operator new(std::size_t n) {
+    if (void* const block = allocate(n)) return block;
+    throw std::bad_alloc();
 }
-void* operator new[](std::size_t n, std::align_val_t a, std::nothrow_t const&) noexcept {
-    return allocate(n, static_cast<std::size_t>(a));
-}
+void* operator new[](std::size_t n) { return operator new(n); }
+void* operator new(std::size_t n, std::nothrow_t const&) noexcept { return allocate(n); }
+void* operator new[](std::size_t n, std::nothrow_t const&) noexcept { return allocate(n); }
 void operator delete(void* p) noexcept { release(p); }
 void operator delete[](void* p) noexcept { release(p); }
 void operator delete(void* p, std::size_t) noexcept { release(p); }
 void operator delete[](void* p, std::size_t) noexcept { release(p); }
 void operator delete(void* p, std::nothrow_t const&) noexcept { release(p); }
 void operator delete[](void* p, std::nothrow_t const&) noexcept { release(p); }
-void operator delete(void* p, std::align_val_t) noexcept { release(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { release(p); }
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept { release(p); }
-void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { release(p); }
-void operator delete(void* p, std::align_val_t, std::nothrow_t const&) noexcept { release(p); }
-void operator delete[](void* p, std::align_val_t, std::nothrow_t const&) noexcept { release(p); }

@@ -38,8 +38,10 @@ public:
 
     using ZULInputStream::read;
     int read(char* bytes, int n) override {
-        if (++m_reads == m_failAt)
+        if (++m_reads == m_failAt) {
+            if (n > 0) bytes[0] = '!';
             QORException(kStreamFailure).hurl(QORFileLocation("test", 0), nullptr, "QOR_THROW");
+        }
         if (n == 0) return 0;
         m_largest = std::max(m_largest, n);
         if (m_next == m_bytes.size()) return -1;
@@ -51,7 +53,7 @@ public:
         return static_cast<int>(given);
     }
 
-    // The nth read from now raises kStreamFailure.
+    // The nth read from now raises kStreamFailure, after it has written.
     void failAtRead(int nth) { m_failAt = m_reads + nth; }
     // More bytes behind those given, also after an end.
     void append(std::string const& bytes) { m_bytes += bytes; }

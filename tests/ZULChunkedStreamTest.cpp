@@ -1,0 +1,218 @@
+#include <sstream>
+
+#include "foundation/QORByteBuffer.h"
+#include "foundation/ZULBufferedOutputStream.h"
+#include "foundation/ZULChunkedInputStream.h"
+#include "foundation/ZULChunkedOutputStream.h"
+#include "foundation/ZULMemoryOutputStream.h"
+
+#include "support/AllocationFaults.h"
+#include "support/CaseFile.h"
+#include "support/FragmentingStream.h"
+#include "support/Raised.h"
+#include "support/RecordingOutputStream.h"
+
+namespace {
+
+void readOn(ZULInputStream& in, QORByteBuffer& data, int request) {
+    while (in.read(data, request) > 0) continue;
+}
+
+struct Decoded {
+    QORByteBuffer data{16, 16}, rest{16, 16};
+    long error = 0;
+
+    // In reads of at most `request` bytes; asks again after the end or the error.
+    Decoded(std::string const& coded, int step, int request, int readAhead) {
+        FragmentingStream wire(coded, step);
+        ZULBufferedInputStream beneath(wire, readAhead);
+        ZULChunkedInputStream decoder(beneath);
+        error = raisedCode([&] { readOn(decoder, data, request); });
+        int const reads = wire.reads();
+        EXPECT_EQ(error, raisedCode([&] { readOn(decoder, data, request); })) << "asked again";
+        EXPECT_EQ(reads, wire.reads()) << "asked again";
+        if (error == 0) readOn(beneath, rest, 1000);
+    }
+};
+
+std::string textOf(QORByteBuffer const& b) { return {b.str(), b.pcount()}; }
+
+std::unique_ptr<ZULOutputStream> outputStream(TestCase const& c, ZULOutputStream& beneath) {
+    int const size = static_cast<int>(c.number("size"));
+    if (c["stream"] == "chunked") return std::make_unique<ZULChunkedOutputStream>(beneath, size);
+    return std::make_unique<ZULBufferedOutputStream>(beneath, size);
+}
+
+void makeCalls(ZULOutputStream& out, std::string const& calls) {
+    std::istringstream words(calls);
+    for (std::string call; words >> call;)
+        if (call == "FLUSH")
+            out.flush();
+        else if (call == "CLOSE")
+            out.close();
+        else if (call == "RESET")
+            dynamic_cast<ZULChunkedOutputStream&>(out).reset();
+        else
+            out.write(call.data(), call == "NOTHING" ? 0 : static_cast<int>(call.size()));
+}
+
+std::string bracketed(RecordingOutputStream const& out, std::size_t from = 0) {
+    std::string all;
+    for (; from < out.writes.size(); ++from) all += '[' + out.writes[from] + ']';
+    return all;
+}
+
+}  // namespace
+
+TEST(ZULChunkedInputStream, DecodesOrRefusesAtEveryReadSize) {
+    for (TestCase const& c : loadCases("chunked_bodies.txt"))
+        forEachReadSize([&](int step) {
+            SCOPED_TRACE(c.where());
+            for (int const request : {4096, 3, 1})
+                for (int const readAhead : {4096, 6, 1}) {
+                    Decoded const found(c["coded"], step, request, readAhead);
+                    EXPECT_EQ(c["data"], textOf(found.data));
+                    EXPECT_EQ(c["rest"], textOf(found.rest));
+                    EXPECT_EQ(c.number("error"), found.error);
+                    if (c["coded"].size() > 10000) return;
+                }
+        });
+}
+
+TEST(ZULChunkedInputStream, TellsOfABodyCutShortAtAnyByte) {
+    for (TestCase const& c : loadCases("chunked_bodies.txt")) {
+        std::size_t const length = c["coded"].size() - c["rest"].size();
+        if (c.number("error") != 0 || length > 200) continue;
+        for (std::size_t cut = 0; cut < length; ++cut)
+            for (int const step : kReadSizes) {
+                SCOPED_TRACE(c.where() + " cut at " + std::to_string(cut));
+                Decoded const found(c["coded"].substr(0, cut), step, 4096, 16);
+                EXPECT_EQ(ZULStreamException::ZUL_ERR_END_OF_INPUT, found.error);
+                EXPECT_EQ(0U, c["data"].find(textOf(found.data)));
+            }
+    }
+}
+
+TEST(ZULChunkedInputStream, JoinsBufferedChunksWithoutAllocating) {
+    std::string coded;
+    for (int i = 0; i < 1000; ++i) coded += "2\r\nab\r\n";
+    FragmentingStream wire(coded + "0\r\n\r\n", 3500);
+    ZULBufferedInputStream beneath(wire, 4096);
+    ZULChunkedInputStream decoder(beneath), detached(beneath);
+    char data[2000];
+    int const allocations = allocationsOf([&] {
+        EXPECT_EQ(1000, decoder.read(data, 2000)) << "those of the first read beneath";
+        EXPECT_EQ(999, decoder.read(data, 999));
+        EXPECT_EQ(1, decoder.read(data, 2000));
+        EXPECT_EQ(-1, decoder.read(data, 2000));
+    });
+    EXPECT_EQ(1, allocations) << "the read-ahead alone";
+    EXPECT_EQ(3, wire.reads());
+    detached.detach();
+    EXPECT_EQ("QOR_ASSERT(m_pIn);", failedAssertion([&] { detached.ZULInputStream::read(); }));
+}
+
+TEST(ZULChunkedInputStream, GoesOnAfterAFailedReadOrAllocation) {
+    std::string const coded = "3;x\r\nabc\r\n2\r\nde\r\n0\r\nA: b\r\n\r\n";
+    for (int nth = 1; nth <= static_cast<int>(coded.size()); ++nth)
+        forEachFailingAllocation([&] {
+            FragmentingStream wire(coded, 1);
+            ZULBufferedInputStream beneath(wire, 4);
+            ZULChunkedInputStream decoder(beneath);
+            QORByteBuffer data(1, 1);
+            wire.failAtRead(nth);
+            for (int attempt = 0; attempt < 3 && data.pcount() < 5; ++attempt) try {
+                    readOn(decoder, data, 2);
+                } catch (QOROutOfMemoryError const&) {
+                    if (attempt == 2) throw;
+                } catch (QORException const& e) {
+                    EXPECT_EQ(kStreamFailure, e.getCode());
+                }
+            EXPECT_STREQ("abcde", data.str());
+        });
+}
+
+TEST(ZULOutputStream, WritesInTheExpectedPieces) {
+    for (TestCase const& c : loadCases("output_calls.txt")) {
+        SCOPED_TRACE(c.where());
+        RecordingOutputStream beneath;
+        auto const out = outputStream(c, beneath);
+        makeCalls(*out, c["calls"]);
+        EXPECT_EQ(2001, raisedCode([&] { out->write("x", -1); }));
+        EXPECT_EQ(c["writes"], bracketed(beneath));
+        bool const flushed = c["calls"].find_first_of("FC") != std::string::npos;
+        EXPECT_EQ(c["stream"] == "buffered" && flushed, beneath.flushes > 0);
+        EXPECT_EQ(0, beneath.closes);
+    }
+}
+
+TEST(ZULOutputStream, RefusesSizesThatMakeNoSense) {
+    ZULMemoryOutputStream memory(1000, 1000);
+    for (int const size : {0, -1, INT_MIN}) {
+        EXPECT_EQ(2001, raisedCode([&] { ZULChunkedOutputStream(memory, size); }));
+        EXPECT_EQ(2001, raisedCode([&] { ZULBufferedOutputStream(memory, size); }));
+        EXPECT_EQ(size < 0 ? 2001 : 0, raisedCode([&] { memory.write("", size); }));
+        EXPECT_EQ(size < 0 ? 2001 : 0, raisedCode([&] { ZULMemoryOutputStream(size, 1); }));
+        EXPECT_EQ(size < 0 ? 2001 : 0, raisedCode([&] { ZULMemoryOutputStream(1, size); }));
+    }
+    memory.write("a\0b", 3);
+    EXPECT_EQ(std::string("a\0b", 4), std::string(memory.bytes(), 4));
+    memory.reset();
+    EXPECT_EQ(0, memory.length());
+}
+
+// A body whose writer failed is never ended, and nothing of it reaches the next one.
+TEST(ZULOutputStream, DropsWhatAFailedWriteHeld) {
+    for (TestCase const& c : loadCases("output_calls.txt"))
+        for (std::size_t sent = 0;; ++sent) {
+            SCOPED_TRACE(c.where() + ", after " + std::to_string(sent) + " writes");
+            RecordingOutputStream beneath;
+            beneath.failAt = static_cast<int>(sent) + 1;
+            auto const out = outputStream(c, beneath);
+            if (raisedCode([&] { makeCalls(*out, c["calls"]); }) == 0) break;
+            beneath.failAt = 0;
+            makeCalls(*out, "CLOSE x CLOSE");
+            EXPECT_EQ(c["stream"] == "buffered" ? "[x]" : "[1\r\nx\r\n][0\r\n\r\n]",
+                      bracketed(beneath, sent));
+        }
+}
+
+TEST(ZULChunkedOutputStream, LeavesNoGapWhereMemoryRunsOut) {
+    forEachFailingAllocation([] {
+        ZULMemoryOutputStream beneath(2000, 1);
+        ZULChunkedOutputStream encoder(beneath, 600);
+        char const bytes[1000] = {};
+        for (int attempt = 0, written = 0; written < 1; ++attempt) try {
+                encoder.write(bytes, 1000), ++written;
+            } catch (QOROutOfMemoryError const&) {
+                if (attempt == 1) throw;
+            }
+        encoder.close();
+        AllocationPause const pause;
+        Decoded const found({beneath.bytes(), static_cast<unsigned>(beneath.length())}, 100, 100,
+                            16);
+        EXPECT_TRUE(found.error == 0 && found.data.pcount() == 1000);
+    });
+}
+
+TEST(ZULChunkedOutputStream, IsReadBackByTheDecoder) {
+    std::minstd_rand random(testSeed());
+    for (int const size : {1, 7, 4096, 65536})
+        forEachReadSize([&](int step) {
+            ZULMemoryOutputStream wire(1000, 1000);
+            ZULChunkedOutputStream encoder(wire, size);
+            std::string sent;
+            while (sent.size() < 5000) {
+                std::string const piece(random() % 700, static_cast<char>(random()));
+                encoder.write(piece.data(), static_cast<int>(piece.size()));
+                if (random() % 4 == 0) encoder.flush();
+                sent += piece;
+            }
+            encoder.close();
+            wire.write("next", 4);
+            Decoded const found({wire.bytes(), static_cast<unsigned>(wire.length())}, step, 300,
+                                4096);
+            EXPECT_EQ(0, found.error);
+            EXPECT_EQ(sent + "next", textOf(found.data) + textOf(found.rest));
+        });
+}
