@@ -17,21 +17,27 @@ std::string shown(QORByteBuffer const& bytes) {
     return all.size() <= 64 ? printable(all) : bodyText(all);
 }
 
+std::string methodText(std::string const& name) {
+    std::string const argument = name == "processHeader" ? "QORByteBuffer &osline"
+                                 : name[0] == 'v'        ? "QORByteBuffer &line"
+                                                         : "ZULBufferedInputStream *is";
+    return "void HTTPParser::" + name + "( " + argument + " )";
+}
+
 std::string describe(HTTPException const& e) {
     EXPECT_EQ(1U, e.getMessages().size());
     auto const code = static_cast<HTTPException::plexaErrorCode>(e.getCode());
     EXPECT_STREQ(HTTPException::getMessageString(code), e.getMessages()[0].getText());
-    std::size_t const thrown = e.getBackTrace().size();
-    std::string const method = e.getBackTrace()[0].method;
-    std::size_t const name = method.find("::") + 2;
-    std::string text = "HTTPException " + std::to_string(e.getCode()) + ' ' +
-                       method.substr(name, method.find('(') - name);
-    for (std::size_t i = 0; i < thrown; ++i) {
-        QORBackTraceEntry const& entry = e.getBackTrace()[i];
-        EXPECT_STREQ("HTTPParser", entry.location.getFileName());
-        EXPECT_STREQ(i == 0 ? "QOR_THROW" : "QOR_RETHROW", entry.macro);
-    }
-    return thrown > 1 ? text + " +" + std::to_string(thrown - 1) : text;
+    std::string const first = e.getBackTrace()[0].method;
+    std::size_t const begin = first.find("::") + 2;
+    std::string const name = first.substr(begin, first.find('(') - begin);
+    std::string expected = "QOR_THROW HTTPParser " + methodText(name) + '\n';
+    std::size_t const rethrown = e.getBackTrace().size() - 1;
+    for (std::size_t i = 0; i < rethrown; ++i)
+        expected += "QOR_RETHROW HTTPParser " + methodText("processEntities") + '\n';
+    EXPECT_EQ(expected, backTraceText(e));
+    std::string const text = "HTTPException " + std::to_string(e.getCode()) + ' ' + name;
+    return rethrown ? text + " +" + std::to_string(rethrown) : text;
 }
 
 std::string describe(QORThrowable const& t) {
@@ -43,6 +49,11 @@ std::string describe(QORThrowable const& t) {
 }
 
 }  // namespace
+
+void EventLog::note(std::string const& event) {
+    m_text += '[' + event + ']';
+    if (event == m_failAt) HTTPException(1).hurl(QORFileLocation("test", 0), nullptr, "QOR_THROW");
+}
 
 void EventLog::setURI(char const* uri) { note("uri " + printable(uri)); }
 

@@ -11,7 +11,9 @@ class EventLog : public HTTPMsgHandler {
 public:
     std::string const& text() const { return m_text; }
     void clear() { m_text.clear(); }
-    void note(std::string const& event) { m_text += "[" + event + "]"; }
+    void note(std::string const& event);
+    // Lets this event, "content 3", raise an HTTPException of code 1.
+    void failAt(std::string const& event) { m_failAt = event; }
 
     void reset() override { note("reset"); }
     void setURI(char const* uri) override;
@@ -28,11 +30,12 @@ public:
 
 private:
     std::string m_text;
+    std::string m_failAt;
 };
 
 // The events of one parse, by parseRequest or parseResponse; then what it raised, as
 // "[HTTPException 1010 processEntities +1]", +1 for one QOR_RETHROW, "[QOR_ASSERT(is);]", or
 // "[ZULStreamException 2000]"; then the bytes it left, as "[left abc]". An HTTPException must
-// carry its code's text as its one message, and begin its back-trace where the parser threw it.
+// carry its code's text as its one message, and method texts in its back-trace.
 std::string parseEvents(HTTPParser& parser, void (HTTPParser::*parse)(ZULBufferedInputStream*),
                         std::string const& bytes, int step);

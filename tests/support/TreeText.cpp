@@ -69,9 +69,10 @@ std::string treeText(HTTPMessage& message, int indent) {
     std::string body;
     for (int i = 0; i < message.num_parts(); ++i)
         body += pad + "part\n" + treeText(*message.getPart(i), indent + 2);
-    if (char const* const bytes = message.num_parts() ? nullptr : message.contentBytes()) {
+    if (message.num_parts() == 0) {
         auto const size = static_cast<std::size_t>(message.contentSize());
-        body = pad + "body " + bodyText(std::string(bytes, size)) + '\n';
+        std::string const bytes(size ? message.contentBytes() : "", size);
+        body = pad + "body " + bodyText(bytes) + '\n';
     }
     std::string text;
     for (auto const& [name, value] : headersOf(message))

@@ -1,0 +1,100 @@
+#include <algorithm>
+
+#include <gtest/gtest.h>
+
+#include "foundation/ZULBufferedInputStream.h"
+
+#include "parser/HTTPParser.h"
+#include "support/CaseFile.h"
+#include "support/EventLog.h"
+#include "support/FragmentingStream.h"
+#include "support/Raised.h"
+
+namespace {
+
+// One parser for all cases: each parse starts clean, whatever became of the one before.
+void expectEvents(char const* fileName) {
+    HTTPParser parser;
+    for (TestCase const& c : loadCases(fileName)) {
+        SCOPED_TRACE(c.where());
+        bool const isResponse = c.has("response");
+        auto const parse = isResponse ? &HTTPParser::parseResponse : &HTTPParser::parseRequest;
+        std::string input = c[isResponse ? "response" : "request"], events = c["events"];
+        if (c.has("message")) {
+            input = "POST / HTTP/1.1\r\n" + c["message"];
+            events = "[reset][uri /]" + events;
+        }
+        forEachReadSize(
+            [&](int step) { EXPECT_EQ(parseEvents(parser, parse, input, step), events); });
+    }
+}
+
+struct Parsing {
+    explicit Parsing(std::string const& bytes, HTTPMsgHandler* handler) : wire(bytes) {
+        parser.setMsgHandler(handler);
+    }
+    FragmentingStream wire;
+    ZULBufferedInputStream stream{wire, 4096};
+    HTTPParser parser;
+};
+
+// Takes one byte of each body.
+class Sipping : public EventLog {
+public:
+    using EventLog::content;
+    void content(ZULInputStream& is) override { note(std::to_string(is.read())); }
+};
+
+}  // namespace
+
+TEST(HTTPParserMessages, BecomeTheirEventsAtEveryReadSize) { expectEvents("messages.txt"); }
+
+TEST(HTTPParserMessages, OfHostilePeersEndInTheirErrorsAtEveryReadSize) {
+    expectEvents("hostile.txt");
+}
+
+TEST(HTTPParserHandler, ErrorGetsAnEntryForEachLevelWhoseBodyItPassed) {
+    for (TestCase const& c : loadCases("handler_errors.txt")) {
+        SCOPED_TRACE(c.where());
+        EventLog log;
+        log.failAt(c["event"]);
+        Parsing p("POST / HTTP/1.1\r\n" + c["message"], &log);
+        std::string const trace = raisedBackTrace([&] { p.parser.parseRequest(&p.stream); });
+        EXPECT_EQ(std::count(trace.begin(), trace.end(), '\n'), c.number("entries")) << trace;
+    }
+}
+
+TEST(HTTPParserHandler, MayLeaveBytesOfAChunkedBodyUnread) {
+    Sipping log;
+    Parsing p("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\nnext",
+              &log);
+    p.parser.parseRequest(&p.stream);
+    EXPECT_EQ(p.stream.read(), 'n');
+}
+
+TEST(HTTPParser, RefusesAMissingStreamOrHandler) {
+    EventLog log;
+    Parsing p("", nullptr);
+    QORByteBuffer line(16, 16);
+    char const* const noStream = "QOR_ASSERT(is);";
+    char const* const noHandler = "QOR_ASSERT(m_pHandler);";
+    EXPECT_EQ(failedAssertion([&] { p.parser.parseRequest(nullptr); }), noStream);
+    EXPECT_EQ(failedAssertion([&] { p.parser.parseResponse(nullptr); }), noStream);
+    EXPECT_EQ(failedAssertion([&] { p.parser.processHeaders(nullptr); }), noStream);
+    EXPECT_EQ(failedAssertion([&] { p.parser.processEntities(nullptr); }), noStream);
+    EXPECT_EQ(failedAssertion([&] { p.parser.parseRequest(&p.stream); }), noHandler);
+    EXPECT_EQ(failedAssertion([&] { p.parser.parseResponse(&p.stream); }), noHandler);
+    EXPECT_EQ(failedAssertion([&] { p.parser.processEntities(&p.stream); }), noHandler);
+    EXPECT_EQ(failedAssertion([&] { p.parser.processPart(&p.stream); }), noHandler);
+    EXPECT_EQ(failedAssertion([&] { p.parser.validateRequestLine(line); }), noHandler);
+    EXPECT_EQ(failedAssertion([&] { p.parser.validateResponseLine(line); }), noHandler);
+    EXPECT_EQ(failedAssertion([&] { p.parser.processHeader(line); }), noHandler);
+}
+
+TEST(HTTPParser, ReadsAHeaderBlockAndABodyOnTheirOwn) {
+    EventLog log;
+    Parsing p("A: 1\r\nContent-Length: 2\r\n\r\nabc", &log);
+    p.parser.processHeaders(&p.stream);
+    p.parser.processEntities(&p.stream);
+    EXPECT_EQ(log.text(), "[a: 1][content-length: 2][content 2]ab");
+}
