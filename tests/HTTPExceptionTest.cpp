@@ -38,27 +38,20 @@ struct NullGiving {
     static void* operator new(std::size_t) noexcept { return nullptr; }
 };
 
+// What becomes of what escapes from an allocation.
 template <class Failure>
-struct Throwing {
-    explicit Throwing(Failure const& failure) { throw failure; }
-};
-
-template <class T, class... Args>
-std::string traceOf(Args const&... args) {
-    auto const t = raised([&] { (void)guardedNew<T>(kHere, args...); });
+std::string traceOf(Failure const& failure) {
+    auto const make = [&]() -> std::unique_ptr<int> { throw failure; };
+    auto const t = raised([&] { (void)guarded(kHere, make); });
     return t->getThrowableName() + (' ' + backTraceText(*t));
 }
 
 TEST(GuardedAllocation, TurnsEachFailureIntoItsThrowable) {
-    std::bad_alloc const memory;
-    std::runtime_error const other("why");
-    HTTPException const own("why");
-    EXPECT_EQ("QOROutOfMemoryError QOR_THROW Here\n", traceOf<NullGiving>());
-    EXPECT_EQ("QOROutOfMemoryError QOR_THROW Here\n", traceOf<Throwing<std::bad_alloc>>(memory));
-    EXPECT_EQ("QORStdExceptionError QOR_THROW Here\n",
-              traceOf<Throwing<std::runtime_error>>(other));
-    EXPECT_EQ("HTTPException QOR_RETHROW Here\n", traceOf<Throwing<HTTPException>>(own));
-    EXPECT_THROW((void)guardedNew<Throwing<int>>(kHere, 1), int);
+    EXPECT_EQ("QOR_THROW Here\n", raisedBackTrace([] { (void)guardedNew<NullGiving>(kHere); }));
+    EXPECT_EQ("QOROutOfMemoryError QOR_THROW Here\n", traceOf(std::bad_alloc()));
+    EXPECT_EQ("QORStdExceptionError QOR_THROW Here\n", traceOf(std::runtime_error("why")));
+    EXPECT_EQ("HTTPException QOR_RETHROW Here\n", traceOf(HTTPException("why")));
+    EXPECT_THROW(traceOf(1), int);
 }
 
 TEST(GuardedAllocation, ReportsWantOfMemoryFromItsCallersFile) {
