@@ -27,21 +27,18 @@ postwire_add_library(zulstream platform.map platform/stream/*.cpp)
 postwire_add_library(postwire postwire.map src/*/*.cpp)
 target_link_libraries(zulstream PUBLIC qorcore)
 target_link_libraries(postwire PUBLIC zulstream qorcore)
-set(installed qorcore zulstream postwire)
 
-file(GLOB resolver CONFIGURE_DEPENDS platform/resolver/*.cpp)
-if(resolver)
-  add_library(TOV_Crypto_Interface MODULE ${resolver})
-  target_link_libraries(TOV_Crypto_Interface PRIVATE postwire_warnings)
-  target_include_directories(TOV_Crypto_Interface PRIVATE ${PROJECT_SOURCE_DIR}/src)
-  set_target_properties(TOV_Crypto_Interface PROPERTIES
-    CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
-  list(APPEND installed TOV_Crypto_Interface)
-endif()
+file(GLOB sources CONFIGURE_DEPENDS platform/resolver/*.cpp)
+add_library(TOV_Crypto_Interface MODULE ${sources})
+target_include_directories(TOV_Crypto_Interface PRIVATE ${PROJECT_SOURCE_DIR}/src)
+target_link_libraries(TOV_Crypto_Interface PRIVATE postwire_warnings)
+set_target_properties(TOV_Crypto_Interface PROPERTIES
+  CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
 
 # Installed: the libraries, the resolver module beside the core library that looks for it there,
 # and the headers in their folders, but for those that the library keeps to itself.
 include(GNUInstallDirs)
+set(installed qorcore zulstream postwire TOV_Crypto_Interface)
 set_target_properties(${installed} PROPERTIES INSTALL_RPATH $ORIGIN)
 install(TARGETS ${installed} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/postwire
