@@ -3,8 +3,9 @@
 
     InstructionCounts.py PROGRAM_FOLDER linear      twice the work over once, for header lines,
                                                     parts, chunks and body bytes: about 2
-    InstructionCounts.py PROGRAM_FOLDER profile     `small` and `headers`, beside the closest peer,
-                                                    and the functions they are spent in
+    InstructionCounts.py PROGRAM_FOLDER compare     the small workloads, beside the closest peer
+    InstructionCounts.py PROGRAM_FOLDER profile     `small` and `headers`, and the functions that
+                                                    they are spent in
 
 PROGRAM_FOLDER holds postwire_once and peer_once of the preset `bench`. A count is the difference
 of two runs, divided by the difference of their messages, so that the start cancels out.
@@ -116,13 +117,18 @@ def linear(programs):
             make.__name__.replace("_", " "), n, *counts, counts[1] / counts[0]))
 
 
-# ---- profile -----------------------------------------------------------------------------------
+# ---- small messages ---------------------------------------------------------------------------
+
+CLOSEST = {"tiny": "beast_read", "small": "beast_read", "headers": "beast_read",
+           "chunked-small": "beast_read", "multipart-small": "poco_istream",
+           "nested": "poco_istream", "write-small": "beast"}
+
 
 def small_corpus(folder):
     """The corpus without its large files: every peer is checked on all of it at the start."""
     rows = []
     for name, wire, messages, headers, entity, n, part_headers, leaves in corpus.workloads():
-        if name in ("small", "headers"):
+        if name in CLOSEST:
             with open(os.path.join(folder, name + ".http"), "wb") as f:
                 f.write(wire)
             rows.append("\t".join(map(str, (
@@ -132,21 +138,34 @@ def small_corpus(folder):
         f.write("\n".join(["columns as in make_corpus.py"] + rows) + "\n")
 
 
+def compare(programs):
+    print("%-16s %10s %10s %7s" % ("", "postwire", "peer", "ratio"))
+    with tempfile.TemporaryDirectory() as folder:
+        small_corpus(folder)
+        for workload, peer in CLOSEST.items():
+            ours, theirs = (per_message(os.path.join(programs, program), folder,
+                                        name + "/" + workload, 100, 300)[0]
+                            for program, name in (("postwire_once", "postwire"),
+                                                  ("peer_once", peer)))
+            print("%-16s %10.0f %10.0f %7.2f  (%s)" % (
+                workload, ours, theirs, theirs / ours, peer))
+
+
 def profile(programs):
     with tempfile.TemporaryDirectory() as folder:
         small_corpus(folder)
         for workload in ("small", "headers"):
-            peer, _ = per_message(os.path.join(programs, "peer_once"), folder,
-                                  "beast_read/" + workload, 100, 300)
-            ours, functions = per_message(os.path.join(programs, "postwire_once"), folder,
-                                          "postwire/" + workload, 100, 300)
-            print("\n%s: %.0f instructions a message (beast_read: %.0f)" % (workload, ours, peer))
+            total, functions = per_message(os.path.join(programs, "postwire_once"), folder,
+                                           "postwire/" + workload, 100, 300)
+            print("\n%s: %.0f instructions a message" % (workload, total))
             for function, count in sorted(functions.items(), key=lambda f: -f[1]):
-                if count >= 0.01 * ours:
-                    print("  %8.0f  %4.1f %%  %s" % (count, 100 * count / ours, name_of(function)))
+                if count >= 0.01 * total:
+                    print("  %8.0f  %4.1f %%  %s" % (count, 100 * count / total, name_of(function)))
 
+
+MODES = {"linear": linear, "compare": compare, "profile": profile}
 
 if __name__ == "__main__":
-    if len(sys.argv) != 3 or sys.argv[2] not in ("linear", "profile"):
+    if len(sys.argv) != 3 or sys.argv[2] not in MODES:
         sys.exit(__doc__)
-    {"linear": linear, "profile": profile}[sys.argv[2]](sys.argv[1])
+    MODES[sys.argv[2]](sys.argv[1])
