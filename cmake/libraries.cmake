@@ -40,9 +40,10 @@ set_target_properties(TOV_Crypto_Interface PROPERTIES
 include(GNUInstallDirs)
 set(installed qorcore zulstream postwire TOV_Crypto_Interface)
 set_target_properties(${installed} PROPERTIES INSTALL_RPATH $ORIGIN)
-install(TARGETS ${installed} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS ${installed} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  COMPONENT library NAMELINK_COMPONENT development)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/postwire
-  FILES_MATCHING PATTERN "*.h"
+  COMPONENT development FILES_MATCHING PATTERN "*.h"
   PATTERN AsciiText.h EXCLUDE
   PATTERN GuardedAllocation.h EXCLUDE
   PATTERN HttpOutputStream.h EXCLUDE

@@ -11,7 +11,9 @@ here=$(cd "$(dirname "$0")" && pwd)
 prefix=$build/tests/installed
 
 rm -rf "$prefix"
-"$cmake" --install "$build" --prefix "$prefix" >/dev/null
+for component in library development; do
+    "$cmake" --install "$build" --component $component --prefix "$prefix" >/dev/null
+done
 find "$prefix/include" -name '*.h' -printf '#include "%p"\n' >"$prefix/all_headers.h"
 "$@" -std=c++17 "-I$prefix/include/postwire" -include "$prefix/all_headers.h" \
     "$here/ExportTest.cpp" -o "$prefix/export_test" \
