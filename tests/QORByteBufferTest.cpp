@@ -2,6 +2,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <gtest/gtest.h>
+
 #include "foundation/QORByteBuffer.h"
 #include "foundation/QORUtConvert.h"
 

@@ -2,6 +2,8 @@
 #include <stdexcept>
 #include <typeinfo>
 
+#include <gtest/gtest.h>
+
 #include "foundation/QORFmDir.h"
 #include "foundation/QORThrowable.h"
 #include "foundation/ZULStreamException.h"

@@ -25,13 +25,16 @@ long raisedCode(Call const& call) {
     return e && e->getCode() != 0 ? e->getCode() : -1;
 }
 
-// Its message; empty: nothing was raised. A throwable without a message gives its name.
+// The message of a throwable, or its name where it has none.
+inline std::string textOf(QORThrowable const& t) {
+    return t.getMessage() ? t.getMessage() : t.getThrowableName();
+}
+
+// The same of what was raised; empty: nothing was.
 template <class Call>
 std::string raisedText(Call const& call) {
     auto const t = raised(call);
-    if (!t) return "";
-    QORThrowable const& raisedOne = *t;
-    return raisedOne.getMessage() ? raisedOne.getMessage() : raisedOne.getThrowableName();
+    return t ? textOf(*t) : "";
 }
 
 // The text of the assertion that failed, as "QOR_ASSERT(is);"; another throwable gives its name.
@@ -39,9 +42,7 @@ template <class Call>
 std::string failedAssertion(Call const& call) {
     auto const t = raised(call);
     if (!t) return "";
-    QORThrowable const& raisedOne = *t;
-    bool const asserted = dynamic_cast<QORAssertError const*>(t.get()) != nullptr;
-    return asserted ? raisedOne.getMessage() : raisedOne.getThrowableName();
+    return dynamic_cast<QORAssertError*>(t.get()) ? textOf(*t) : t->getThrowableName();
 }
 
 // One line a station, oldest first: macro, source file, and the method where there is one.

@@ -20,12 +20,6 @@ public:
     void flush() override { ++flushes; }
     void close() override { ++closes; }
 
-    std::string all() const {
-        std::string joined;
-        for (std::string const& w : writes) joined += w;
-        return joined;
-    }
-
     std::vector<std::string> writes;
     int failAt = 0;
     int flushes = 0;
