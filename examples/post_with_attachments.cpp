@@ -38,12 +38,14 @@ void addEnvelope(MultipartHttpMsg& message) {
 }
 
 void addFile(MultipartHttpMsg& message, std::string const& path) {
-    OnePieceHttpMsg* const part = message.addOnePiece(-1);  // each block one chunk of the message
+    auto const size = std::filesystem::file_size(path);
+    // -1: each block one chunk of the message. Without a block such a part would have no header.
+    OnePieceHttpMsg* const part = message.addOnePiece(size > 0 ? -1 : 0);
     part->setHeader("Content-Type", "application/octet-stream");
     part->setHeader("Content-Location", path.c_str());
     // A direct part declares no length of its own accord; a reader that does not look for
     // boundaries within bodies needs one.
-    part->setHeader("Content-Length", std::to_string(std::filesystem::file_size(path)).c_str());
+    part->setHeader("Content-Length", std::to_string(size).c_str());
     std::ifstream file(path, std::ios::binary);
     std::vector<char> block(65536);
     while (file.read(block.data(), static_cast<std::streamsize>(block.size())), file.gcount() > 0) {

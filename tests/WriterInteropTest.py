@@ -197,7 +197,7 @@ def tree_text(node, indent=''):
     """A tree as write_messages prints what the reader found, see support/TreeText.h."""
     length = node.length if node.chunk else len(held_body(node))
     lines = [f'{name.lower()}: {value}' for name, value in headers_of(node, length)]
-    if not node.boundary:
+    if not node.parts:
         data = b''.join(node.blocks)
         shown = ''.join(chr(b) if 32 <= b < 127 else f'\\x{b:02x}' for b in data[:16])
         lines.append(f'body {len(data)} {zlib.crc32(data):08x} {shown}')
