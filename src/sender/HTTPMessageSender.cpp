@@ -103,7 +103,7 @@ void HttpMsgNode::startResponse(int code, char const* msg) {
 void HttpMsgNode::setHeader(char const* name, char const* value) {
     HTTPHeader header;
     header.parse(value);
-    headers.setHeader(name, &header);
+    headers.takeHeader(name, header);
 }
 
 void HttpMsgNode::setHeader(char const* name, int value) {
