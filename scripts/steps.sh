@@ -20,7 +20,7 @@ step() {
         printf '%d s\n' $((SECONDS - begin))
     else
         printf 'FAILED after %d s\n' $((SECONDS - begin))
-        tail -n 100 "$log"
+        tail -n 100 "$log" | cut -c 1-2000
         echo
         fail "$title failed; all it said is in $log"
     fi
