@@ -119,6 +119,7 @@ void write_chunked(OnePieceHttpMsg& node, std::string& sink) {
 
 // 16 parts of 64 KiB, node and parts buffered.
 constexpr std::size_t kParts = 16, kPartSize = 64 << 10;
+constexpr char kBoundary[] = "=_outer_5f2b6c1e8d1a4b7e";
 
 std::string_view part_body(std::size_t i) {
     return std::string_view(write_big_body()).substr(i * kPartSize, kPartSize);
@@ -155,6 +156,7 @@ struct Writer {
     StringStream out{sink};
     OnePieceHttpMsg plain{out, 0};
     OnePieceHttpMsg chunked{out, int(write_chunk)};
+    MultipartHttpMsg multipart{out, 0, kBoundary};
 };
 
 void register_writers() {
@@ -178,15 +180,21 @@ void register_writers() {
         add_writer(peer, "write-small", write_small_body(), false, w.sink, small(kept));
         add_writer(peer, "write-chunked", write_big_body(), true, w.sink, chunked(kept));
     }
-    auto multipart = [] {
-        MultipartHttpMsg node(w.out, 0, "=_outer_5f2b6c1e8d1a4b7e");
-        write_multipart(node, w.sink);
+    auto multipart = [](bool kept) {
+        return [kept] {
+            if (kept) return write_multipart(w.multipart, w.sink);
+            MultipartHttpMsg node(w.out, 0, kBoundary);
+            write_multipart(node, w.sink);
+        };
     };
-    for (int round = 0; round < 2; ++round) {
-        multipart();
-        check_multipart(w.sink);
+    for (bool kept : {false, true}) {
+        for (int round = 0; round < 2; ++round) {
+            multipart(kept)();
+            check_multipart(w.sink);
+        }
+        std::string peer = kept ? "postwire_kept" : "postwire";
+        add_limit(peer + "/write-multipart", 1, w.sink.size(), multipart(kept));
     }
-    add_limit("postwire/write-multipart", 1, w.sink.size(), multipart);
     add_limit("limit_memcpy/write-multipart", 1, kParts * kPartSize, [] {
         w.sink.assign(write_big_body(), 0, kParts * kPartSize);
         keep(w.sink.data());
