@@ -1,0 +1,412 @@
+#!/usr/bin/env python3
+"""postwire-serve before clients of all kinds: usual ones, old ones, slow ones, hostile ones.
+
+usage: ServeTest.py PROGRAM_FOLDER [TEST...]
+"""
+import hashlib
+import http.client
+import os
+import pathlib
+import random
+import re
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+import xml.etree.ElementTree
+
+import programs
+from programs import chunked, multipart, request
+
+FOLDER = sys.argv[1]
+LARGE = random.Random(1).randbytes(20_000_000)
+NESTED = multipart('in', (['Content-ID: <deep>'], b'deep \0 --i\r'), (['X-Two: 2'], b''))
+PARTS = multipart(
+    'out', (['Content-Type: text/xml; charset=utf-8', 'Content-ID: <a@b>'], b'<a/>'),
+    (['Content-Location: x/y.bin'], bytes(range(256)) + b'\r\n--ou\r\n--i\r\n'),
+    (['Content-Type: multipart/mixed; boundary=in'], NESTED))
+TYPE = 'Content-Type: multipart/related; boundary=out; type="text/xml"'
+
+
+def sha256(data):
+    return hashlib.sha256(data).hexdigest()
+
+
+def receipt(body):
+    root = xml.etree.ElementTree.fromstring(body)
+    return root.find('uri').text, root.find('message')
+
+
+class Serve(unittest.TestCase):
+    def server(self, *options):
+        server = programs.Server(FOLDER, *options)
+        self.addCleanup(server.__exit__, None)
+        return server
+
+    def receives(self, client, body, uri='/svc'):
+        """The next answer is a receipt for this body."""
+        status, head, answer = client.answer()
+        self.assertEqual(status, 200, answer)
+        got_uri, message = receipt(answer)
+        self.assertEqual((got_uri, message.get('size'), message.get('sha256')),
+                         (uri, str(len(body)), sha256(body)))
+        return head
+
+
+class Receives(Serve):
+    def test_bodies_however_they_are_framed(self):
+        server = self.server()
+        for body in b'', b'x', b'a\0b\r\n\r\n', LARGE:
+            for size in 0, 1000, 1 << 20:
+                data = request(body) if size == 0 else request(
+                    chunked(body, size), 'Transfer-Encoding: chunked', length=False)
+                with self.subTest(body=len(body), size=size), server.connect() as client:
+                    client.send(data)
+                    self.receives(client, body)
+
+    def test_http_client_with_20_mb_and_100_requests_on_one_connection(self):
+        server = self.server()
+        connection = http.client.HTTPConnection('127.0.0.1', server.port, timeout=programs.TIMEOUT)
+        self.addCleanup(connection.close)
+        for i in range(100):
+            body = LARGE if i == 50 else b'%d' % i
+            connection.request('POST', f'/{i}?a&b', body, encode_chunked=i % 2 == 1,
+                               headers={'Transfer-Encoding': 'chunked'} if i % 2 else {})
+            answer = connection.getresponse()
+            uri, message = receipt(answer.read())
+            self.assertEqual((answer.status, uri, message.get('sha256')),
+                             (200, f'/{i}?a&b', sha256(body)))
+        self.assertIsNotNone(connection.sock)
+
+    def test_requests_sent_without_waiting_are_answered_in_order(self):
+        bodies = [b'%d' % i * i for i in range(300)]
+        with self.server().connect() as client:
+            sender = threading.Thread(target=client.send,
+                                      args=(b'\r\n\n'.join(map(request, bodies)),))
+            sender.start()
+            for body in bodies:
+                self.receives(client, body)
+            sender.join()
+
+    def test_connection_goes_on_or_ends_as_version_and_field_say(self):
+        server = self.server()
+        for version, fields, goes_on, named in (
+                ('1.1', (), True, None), ('1.1', ('Connection: close',), False, 'close'),
+                ('1.1', ('Connection: x, CLOSE ',), False, 'close'),
+                ('1.0', (), False, 'close'), ('1.0', ('Connection: close',), False, 'close'),
+                ('1.0', ('Connection: keep-alive',), True, 'keep-alive'),
+                ('1.0', ('Connection: Upgrade, Keep-Alive',), True, 'keep-alive')):
+            with self.subTest(version=version, fields=fields), server.connect() as client:
+                client.send(request(b'x', *fields, version=version))
+                head = self.receives(client, b'x')
+                found = re.search(r'^Connection: (.*)\r$', head, re.M)
+                self.assertEqual(found and found.group(1), named)
+                if goes_on:
+                    client.send(request(b'y'))
+                    self.receives(client, b'y')
+                else:
+                    self.assertTrue(client.at_end())
+
+    def test_request_without_framing_has_no_body(self):
+        with self.server().connect() as client:
+            client.send(request(length=False) + request(b'next'))
+            self.receives(client, b'')
+            self.receives(client, b'next')
+
+    def test_client_that_waits_for_100_is_told_to_go_on(self):
+        server = self.server('--max-body', '100')
+        for version, size, told in ('1.1', 4, 100), ('1.0', 4, None), ('1.1', 0, 200), \
+                ('1.1', 101, 413):
+            with self.subTest(version=version, size=size), server.connect() as client:
+                head = request(bytes(size), 'Expect: 100-Continue', version=version)
+                client.send(head[:len(head) - size])
+                if told is None:
+                    self.assertTrue(client.silent(0.2))
+                else:
+                    self.assertEqual(client.answer()[0], told)
+                if told in (None, 100):
+                    client.send(bytes(size))
+                    self.receives(client, bytes(size))
+
+    def test_half_closed_connection_is_answered_and_an_aborted_upload_is_forgotten(self):
+        server = self.server()
+        with server.connect() as client:
+            client.send(request(b'last'))
+            client.end()
+            self.receives(client, b'last')
+            self.assertTrue(client.at_end())
+        for cut in 30, 70, 5000:
+            with server.connect() as client:
+                client.send(request(bytes(100_000))[:cut])
+        with server.connect() as client:
+            client.send(request(b'x'))
+            self.receives(client, b'x')
+
+    def test_receipt_lists_parts_and_escapes_what_they_say(self):
+        with self.server().connect() as client:
+            client.send(request(PARTS.replace(b'<a@b>', b'<&"\'\xe9\x01>'), TYPE, target='/<&>'))
+            uri, message = receipt(client.answer()[2])
+        self.assertEqual(uri, '/<&>')
+        leaves = [p for p in message.iter('part') if p.get('size')]
+        self.assertEqual([p.get('size') for p in leaves], ['4', '269', '11', '0'])
+        self.assertEqual(leaves[0].get('content-id'), '<&"\'\xe9?>')
+        self.assertEqual(leaves[0].get('sha256'), sha256(b'<a/>'))
+        self.assertEqual([len(message), len(message[2])], [3, 2])
+
+
+class Echoes(Serve):
+    def test_body_comes_back_with_its_fields_but_not_those_of_the_connection(self):
+        for options in (), ('--chunked', '7'):
+            server = self.server('--echo', *options)
+            for body in b'', bytes(range(256)) * 4:
+                with server.connect() as client:
+                    client.send(request(body, 'X-Odd: a\rb', 'Content-Type: text/xml; charset="x"',
+                                        'TE: x', 'Expect: x', 'X-Twice: 1', 'x-twice: 2',
+                                        'bad name: x', 'Host: h', 'X-Long: ' + 'y' * 5000))
+                    status, head, got = client.answer()
+                self.assertEqual((status, got), (200, body))
+                fields = dict(line.split(': ', 1) for line in head.split('\r\n')[1:-2])
+                framing = {'Transfer-Encoding': 'chunked'} if options else \
+                    {'Content-Length': str(len(body))}
+                self.assertEqual(fields, {'x-odd': 'a b', 'content-type': 'text/xml; charset=x',
+                                          'x-twice': '2', 'x-long': 'y' * 5000, **framing})
+
+    def test_parts_come_back_in_their_order_and_nesting(self):
+        receipts = self.server()
+        for options, version in ((), '1.1'), (('--chunked', '50'), '1.1'), \
+                (('--chunked', '50'), '1.0'):
+            with self.server('--echo', *options).connect() as client:
+                client.send(request(PARTS, TYPE, version=version))
+                status, head, got = client.answer()
+            self.assertEqual(status, 200)
+            self.assertEqual('Transfer-Encoding' in head, bool(options) and version == '1.1')
+            echoed = re.search(r'^Content-Type: .*(?=\r$)', head, re.M).group()
+            self.assertEqual(echoed, 'Content-Type: multipart/related; boundary=out; type=text/xml')
+            self.assertIn(b'\r\nx-two: 2\r\n', got)
+            with receipts.connect() as client:
+                client.send(request(PARTS, TYPE) + request(got, echoed))
+                self.assertEqual(client.answer()[2], client.answer()[2])
+
+    def test_boundary_that_occurs_in_a_part_is_not_used_again(self):
+        body = multipart('b', ([], b'x\r\n--b\r\ny'))
+        for boundary, data in ('b', body), ('b:1', body.replace(b'--b', b'--b:1')):
+            with self.server('--echo').connect() as client:
+                client.send(request(data, f'Content-Type: multipart/mixed; boundary="{boundary}"'))
+                _, head, got = client.answer()
+            used = re.search(r'boundary=(\S+)', head).group(1)
+            self.assertRegex(used, '^postwire-[0-9a-f]{32}$')
+            self.assertEqual(got.count(b'--' + used.encode()), 2)
+
+
+class Refuses(Serve):
+    CASES = (
+        (b'GET / HTTP/1.1\r\n\r\n', 400, 'method is not POST'),
+        (b'POST / HTTP/2.0\r\n\r\n', 400, 'HTTP version must be 1.1'),
+        (b'POST /\r\n\r\n', 400, 'bad 1st line of request'),
+        (b'POST / HTTP/1.1\r\nContent-Length:\r\n\r\n', 400, 'malformed Content-Length header'),
+        (b'POST / HTTP/1.1\r\nContent-Length: x\r\n\r\n', 400, 'bad Content-Length'),
+        (b'POST / HTTP/1.1\r\nTransfer-Encoding: gzip\r\n\r\n', 400, 'bad Transfer-Encoding'),
+        (b'POST / HTTP/1.1\r\nContent-Length: -1\r\n\r\n', 400, None),
+        (b'POST / HTTP/1.1\r\nContent-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n',
+         400, 'QOR_ASSERT(!m_bChunking[m_idepth]);'),
+        (b'POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n-1\r\n', 400, None),
+        (b'POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n99999999\r\n', 400, None),
+        (b'POST / HTTP/1.1\r\nContent-Type: multipart/x\r\n\r\n', 400,
+         'multipart Content-Type header has no boundary attribute'),
+        (b'POST / HTTP/1.1\r\nContent-Type: multipart/x; boundary=b\r\n\r\n--b\r\n\r\nx', 400,
+         'a part has neither Content-Length nor chunked coding'),
+        (b'POST / HTTP/1.1\r\nContent-Length: 99999999999\r\n\r\n', 413, None),
+        (b'POST / HTTP/1.1\r\nContent-Length: 1000001\r\n\r\n', 413, None),
+        (b'POST / HTTP/1.1\r\nX: ' + b'x' * 20_000 + b'\r\n\r\n', 400, None),
+        (b'POST / HTTP/1.1\r\n' + b''.join(b'X%d: x\r\n' % i for i in range(101)) + b'\r\n', 431,
+         'too many header fields'),
+        (request(multipart('b', *[([], b'')] * 1001), 'Content-Type: multipart/x; boundary=b'),
+         413, 'too many parts'),
+        (request(multipart('b', ([], bytes(600_000)), ([], bytes(600_000))),
+                 'Content-Type: multipart/x; boundary=b'), 413, None),
+        (request(chunked(bytes(1_000_001), 100_000), 'Transfer-Encoding: chunked', length=False),
+         413, None),
+        (request(b'no part\r\n' * 200_000, 'Content-Type: multipart/x; boundary=b'), 413, None),
+    )
+
+    def test_with_one_answer_and_then_the_end(self):
+        server = self.server('--max-body', '1000000')
+        for data, status, text in self.CASES:
+            with self.subTest(data=data[:60]), server.connect() as client:
+                try:
+                    client.send(data + request(b'never looked at'))
+                except ConnectionError:
+                    pass  # it was refused before all was sent
+                got, head, body = client.answer()
+                self.assertEqual(got, status)
+                self.assertIn('\r\nConnection: close\r\n', head)
+                if text:
+                    self.assertEqual(body.decode(), text + '\n')
+                self.assertTrue(client.at_end())
+
+    def test_nothing_at_the_limit(self):
+        server = self.server('--max-body', '1000000')
+        body = LARGE[:1_000_000]
+        for data in request(body), request(chunked(body, 64), 'Transfer-Encoding: chunked',
+                                           length=False):
+            with server.connect() as client:
+                client.send(data)
+                self.receives(client, body)
+
+    def test_input_cut_short(self):
+        server = self.server()
+        for data in b'POST', b'POST / HTTP/1.1\r\nX: y', request(b'12345')[:-1], \
+                request(chunked(b'12345', 2)[:-2], 'Transfer-Encoding: chunked', length=False), \
+                request(PARTS[:-4], TYPE):
+            with self.subTest(data=data), server.connect() as client:
+                client.send(data)
+                client.end()
+                self.assertEqual(client.answer()[0], 400)
+                self.assertTrue(client.at_end())
+
+
+class Ends(Serve):
+    def test_a_request_that_drips_in_while_others_are_answered(self):
+        server = self.server('--request-timeout', '1')
+        for data in b'POST / HTTP/1.1\r\n' + b'X' * 10_000, \
+                b'POST / HTTP/1.1\r\nContent-Length: 10000\r\n\r\n' + b'x' * 9000:
+            with server.connect() as slow:
+                sent = 0
+                while slow.silent(0.05):
+                    slow.send(data[sent:sent + 1])
+                    sent += 1
+                    with server.connect() as other:
+                        other.send(request(b'x'))
+                        self.receives(other, b'x')
+                self.assertEqual(slow.answer()[0], 408)
+                self.assertTrue(slow.at_end())
+
+    def test_idle_connections_and_clients_that_do_not_read(self):
+        server = self.server('--echo', '--workers', '1', '--idle-timeout', '0.5',
+                             '--request-timeout', '0.5')
+        with server.connect() as idle, server.connect() as deaf:
+            self.assertTrue(idle.at_end())
+            self.assertRaises(OSError, deaf.send, request(LARGE[:8_000_000]) * 20)
+            with server.connect() as client:
+                client.send(request(b'x'))
+                self.assertEqual(client.answer()[2], b'x')
+
+    def test_idle_connections_when_others_wait(self):
+        server = self.server('--workers', '1')
+        with server.connect() as first, server.connect() as second:
+            for client in first, second:
+                client.send(request(b'x'))
+            self.assertIn('Connection: close', self.receives(first, b'x'))
+            self.receives(second, b'x')
+            with server.connect() as third:
+                third.send(request(b'x'))
+                self.receives(third, b'x')
+            self.assertTrue(second.at_end())
+
+    def test_everything_by_a_signal_once_requests_under_way_are_finished(self):
+        server = self.server()
+        data = request(b'12345')
+        with server.connect() as idle, server.connect() as busy, server.connect() as served:
+            served.send(data)
+            self.receives(served, b'12345')
+            busy.send(data[:-1])
+            served.send(data[:10])
+            server.process.terminate()
+            self.assertTrue(idle.at_end())
+            served.send(data[10:])
+            busy.send(data[-1:])
+            for client in served, busy:
+                self.assertIn('Connection: close', self.receives(client, b'12345'))
+                self.assertTrue(client.at_end())
+        self.assertEqual(server.stop(), 0)
+
+    def test_requests_that_a_signal_finds_unfinished_at_the_request_timeout(self):
+        server = self.server('--request-timeout', '0.5')
+        with server.connect() as client:
+            client.send(b'POST')
+            self.assertEqual(server.stop(), 0)
+
+
+class Saves(Serve):
+    def test_parts_into_files_of_their_own_within_the_folder(self):
+        with tempfile.TemporaryDirectory() as top:
+            folder = pathlib.Path(top, 'in')
+            folder.mkdir()
+            (folder / '000001-linked').symlink_to(pathlib.Path(top, 'outside'))
+            server = self.server('--save', folder)
+            names = ['<a@b.c>', '../../up', '<a@b.c>', '/etc/passwd', '.', '..', '-rf',
+                     'a\x01b c;d', 'linked', 'x' * 300 + '.xml', '']
+            body = multipart('b', *((['Content-ID: ' + name], name.encode()) for name in names))
+            with server.connect() as client:
+                client.send(request(body, 'Content-Type: multipart/mixed; boundary=b'))
+                self.assertEqual(client.answer()[0], 200)
+                client.send(request(b'alone', 'Content-Location: http://h/p/q.xml?'))
+                self.assertEqual(client.answer()[0], 200)
+            self.assertEqual(server.stop(), 0)
+            saved = {path.name: path.read_bytes() for path in folder.iterdir()
+                     if not path.is_symlink()}
+            self.assertEqual(sorted(os.listdir(top)), ['in'])
+            self.assertEqual(saved, {f'000001-{name}': body.encode() for name, body in (
+                ('a@b.c', '<a@b.c>'), ('up', '../../up'), ('a@b-2.c', '<a@b.c>'),
+                ('passwd', '/etc/passwd'), ('part-5', '.'), ('part-6', '..'), ('_rf', '-rf'),
+                ('a_b_c', 'a\x01b c;d'), ('linked-2', 'linked'), ('x' * 100, names[9]),
+                ('part-11', ''))} | {'000002-q.xml_': b'alone'})
+
+    def test_nothing_when_the_disk_is_full_but_tells_the_client(self):
+        with tempfile.TemporaryDirectory() as folder:
+            server = self.server('--save', folder)
+            os.rmdir(folder)
+            with server.connect() as client:
+                client.send(request(b'x'))
+                self.assertEqual(client.answer()[0], 500)
+            os.mkdir(folder)
+            server.stop()
+            self.assertIn(folder, server.complaints)
+
+    def test_a_trace_of_each_connection(self):
+        with tempfile.TemporaryDirectory() as folder:
+            server = self.server('--trace', folder)
+            for body in b'one', b'two':
+                with server.connect() as client:
+                    client.send(request(body))
+                    self.receives(client, body)
+            self.assertEqual(server.stop(), 0)
+            for name, body in ('connection-000001.trace', b'one'), ('connection-000002.trace',
+                                                                    b'two'):
+                path = pathlib.Path(folder, name)
+                data = request(body)
+                self.assertTrue(path.read_bytes().startswith(b'\n<read[%d]>\n%b\n<write[' %
+                                                             (len(data), data)))
+                self.assertEqual(path.stat().st_mode & 0o777, 0o600)
+
+
+class Program(unittest.TestCase):
+    def test_exit_codes(self):
+        program = pathlib.Path(FOLDER) / 'postwire-serve'
+        with programs.Server(FOLDER) as server, tempfile.NamedTemporaryFile() as file:
+            for options, code in ((['--help'], 0), (['--version'], 0), (['--port', '65536'], 2),
+                                  (['--chunked', '10'], 2), (['--nonsense'], 2), (['x'], 2),
+                                  (['--save', file.name], 3), (['--trace', file.name], 3),
+                                  (['--port', str(server.port + 0), '--workers', '1'], 4)):
+                with self.subTest(options=options):
+                    self.assertEqual(subprocess.run([program, *options], timeout=programs.TIMEOUT,
+                                                    capture_output=True).returncode, code)
+
+    def test_runs_on_without_growing(self):
+        with programs.Server(FOLDER, '--workers', '4') as server:
+            def exchange(n):
+                for _ in range(n):
+                    with server.connect() as client:
+                        client.send(request(b'x') + request(PARTS, TYPE) + b'GET /\r\n')
+                        self.assertEqual([client.answer()[0] for _ in range(3)], [200, 200, 400])
+                        self.assertTrue(client.at_end())
+            exchange(50)
+            descriptors, resident = server.descriptors(), server.resident()
+            exchange(300)
+            self.assertLessEqual(server.descriptors(), descriptors + 1)
+            self.assertLess(server.resident(), resident + 2048)
+
+
+if __name__ == '__main__':
+    unittest.main(argv=sys.argv[:1] + sys.argv[2:])

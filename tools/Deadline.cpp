@@ -1,0 +1,45 @@
+#include "tools/Deadline.h"
+
+#include <algorithm>
+
+#include "socket/SoapSocket.h"
+
+Deadline::~Deadline() = default;
+
+void Deadline::check() const {
+    if (Clock::now() >= m_end) throw TimeLimitPassed("the time limit has passed");
+}
+
+DeadlineInputStream::DeadlineInputStream(SoapSocket& socket, Deadline const& deadline)
+    : ZULFilterInputStream(*socket.getInputStream()), m_socket(socket), m_deadline(deadline) {
+    m_socket.setTimeLimitCallback(&checkDeadline, this, static_cast<int>(kCheckInterval.count()));
+}
+
+DeadlineInputStream::~DeadlineInputStream() { m_socket.setTimeLimitCallback(nullptr, nullptr, 0); }
+
+int DeadlineInputStream::read(char* bytes, int n) {
+    m_deadline.check();
+    return beneath().read(bytes, n);
+}
+
+void DeadlineInputStream::checkDeadline(void* self) {
+    static_cast<DeadlineInputStream*>(self)->m_deadline.check();
+}
+
+DeadlineOutputStream::DeadlineOutputStream(ZULOutputStream& out, Deadline const& deadline)
+    : m_out(out), m_deadline(deadline) {}
+
+DeadlineOutputStream::~DeadlineOutputStream() = default;
+
+void DeadlineOutputStream::write(char const* data, int length) {
+    while (length > 0) {
+        m_deadline.check();
+        int const piece = std::min(length, kPiece);
+        m_bytesWritten += piece;  // before: part of it may be on the wire when write raises
+        m_out.write(data, piece);
+        data += piece;
+        length -= piece;
+    }
+}
+
+void DeadlineOutputStream::flush() { m_out.flush(); }

@@ -1,0 +1,126 @@
+#include "tools/Echo.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+#include "tools/Boundary.h"
+#include "tools/HeaderFields.h"
+#include "tools/MessageSummary.h"
+#include "tools/RequestReader.h"
+
+namespace {
+
+// Framing is the writer's own; the others speak of this connection or of this request.
+bool isEchoed(std::string const& name) {
+    static constexpr std::string_view kOwn[] = {"connection", "content-length",
+                                                "expect",     "host",
+                                                "keep-alive", "te",
+                                                "trailer",    "transfer-encoding",
+                                                "upgrade",    "proxy-connection"};
+    return isToken(name) && std::find(std::begin(kOwn), std::end(kOwn), name) == std::end(kOwn);
+}
+
+std::string withoutControls(std::string text) {
+    for (char& c : text)
+        if (!isFieldValue({&c, 1})) c = ' ';
+    return text;
+}
+
+// Whether the field is a value alone, and that fit to be written.
+bool isPlain(HTTPHeader& field) {
+    std::string_view const value = field.getValue();
+    return field.dumpSize() == value.size() && isFieldValue(value);
+}
+
+// Walks the tree in the order in which it was read, beside the heads.
+class Echo {
+public:
+    explicit Echo(Request& request) : m_request(request) {}
+
+    void write(WholeOnePiece& node, char const* connection) {
+        start(node, connection);
+        writeBody(node, m_request.message);
+        node.finish();
+    }
+
+    void writeMultipart(ZULOutputStream& out, int chunkSize, char const* connection) {
+        WholeMultipart node(out, chunkSize, chooseBoundary(m_request.message).c_str());
+        start(node, connection);
+        writeParts(node, m_request.message);
+        node.finish();
+    }
+
+private:
+    // The boundary for the echo, which the message's own Content-Type names from now on.
+    static std::string chooseBoundary(HTTPMessage& message) {
+        std::string boundary = message.getBoundary();
+        if (!isPlainBoundary(boundary) || boundaryOccurs(boundary, message))
+            boundary = makeBoundary();
+        HTTPHeader* const type = message.getHeader("Content-Type");
+        if (type) type->setAttribute("boundary", boundary.c_str());
+        return boundary;
+    }
+
+    template <class Node>
+    void start(WholeMessage<Node>& node, char const* connection) {
+        node.startResponse(200, "OK");
+        HTTPMessage& message = m_request.message;
+        for (std::string const& name : m_request.heads[m_next++].names) {
+            HTTPHeader* const field = isEchoed(name) ? message.getHeader(name.c_str()) : nullptr;
+            if (field && isPlain(*field)) {
+                node.takeField(name.c_str(), *field);  // most fields, and the cheaper way
+            } else if (field) {
+                node.setField(name.c_str(), withoutControls(headerText(message, name.c_str())));
+            }
+        }
+        if (connection) node.setField("Connection", connection);
+    }
+
+    void writeParts(MultipartHttpMsg& node, HTTPMessage& message) {
+        for (int i = 0; i < message.num_parts(); ++i) writePart(node, *message.getPart(i));
+    }
+
+    void writePart(MultipartHttpMsg& node, HTTPMessage& message) {
+        if (m_request.heads[m_next].multipart) {
+            MultipartHttpMsg* const part = node.addMultiPart(0, chooseBoundary(message).c_str());
+            setPartHead(*part, message);
+            writeParts(*part, message);
+            node.endPart(part);
+        } else {
+            OnePieceHttpMsg* const part = node.addOnePiece(0);
+            setPartHead(*part, message);
+            writeBody(*part, message);
+            node.endPart(part);
+        }
+    }
+
+    void setPartHead(HttpMsgNode& node, HTTPMessage& message) {
+        node.reset();  // drops the machine's Host
+        for (std::string const& name : m_request.heads[m_next++].names) {
+            if (isEchoed(name))
+                node.setHeader(name.c_str(),
+                               withoutControls(headerText(message, name.c_str())).c_str());
+        }
+    }
+
+    static void writeBody(OnePieceHttpMsg& node, HTTPMessage& message) {
+        if (message.contentSize() > 0) node.write(message.contentBytes(), message.contentSize());
+    }
+
+    Request& m_request;
+    std::size_t m_next = 0;  // of m_request.heads
+};
+
+}  // namespace
+
+void writeEcho(WholeOnePiece& node, Request& request, char const* connection) {
+    Echo(request).write(node, connection);
+}
+
+void writeMultipartEcho(ZULOutputStream& out, int chunkSize, Request& request,
+                        char const* connection) {
+    Echo(request).writeMultipart(out, chunkSize, connection);
+}

@@ -1,0 +1,110 @@
+// postwire-serve: receives SOAP messages with attachments and answers what arrived.
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+#include <CLI/CLI.hpp>
+
+#include "foundation/QORThrowable.h"
+
+#include "tools/Server.h"
+#include "tools/StopSignals.h"
+
+namespace {
+
+enum ExitCode : int { kStopped = 0, kBadUsage = 2, kBadDirectory = 3, kCantListen = 4 };
+
+char const kFooter[] =
+    "Prints \"listening on 0.0.0.0:PORT\" when it is ready. SIGTERM and SIGINT end it: requests\n"
+    "under way are finished within the request timeout, no new ones are taken.\n"
+    "Exit codes: 0 stopped by a signal, 2 bad options, 3 a directory can't be used,\n"
+    "4 the port can't be listened on.";
+
+struct CommandLine {
+    ServerOptions options;
+    double idleSeconds = 60;
+    double requestSeconds = 60;
+};
+
+Deadline::Clock::duration fromSeconds(double seconds) {
+    return std::chrono::duration_cast<Deadline::Clock::duration>(
+        std::chrono::duration<double>(seconds));
+}
+
+void define(CLI::App& app, CommandLine& line) {
+    ServerOptions& options = line.options;
+    auto const within = [](auto low, auto high) { return CLI::Range(low, high).description(""); };
+    app.set_version_flag("--version", "postwire-serve " POSTWIRE_VERSION);
+    app.footer(kFooter);
+    app.add_option("--port", options.port, "Port to listen on, all interfaces; 0: any free one")
+        ->type_name("PORT")
+        ->check(within(0, 65535))
+        ->capture_default_str();
+    app.add_option("--workers", options.workers, "Connections that are served at once")
+        ->type_name("N")
+        ->check(within(1, 1024))
+        ->capture_default_str();
+    CLI::Option* const echo = app.add_flag(
+        "--echo", options.echo,
+        "Answer with the same message instead of a receipt; quotes around header values are lost");
+    app.add_option("--chunked", options.chunkSize, "Echo in chunks of at most SIZE bytes")
+        ->type_name("SIZE")
+        ->needs(echo)
+        ->check(within(1, 1 << 30));
+    app.add_option("--save", options.saveDirectory, "Write every part into a file of its own")
+        ->type_name("DIR");
+    app.add_option("--trace", options.traceDirectory, "Trace every connection into a file")
+        ->type_name("DIR");
+    app.add_option("--idle-timeout", line.idleSeconds, "Longest wait for a request")
+        ->type_name("SECONDS")
+        ->check(within(0.01, 86400.0))
+        ->capture_default_str();
+    app.add_option("--request-timeout", line.requestSeconds,
+                   "Time for a request to arrive, and again for its answer to be taken")
+        ->type_name("SECONDS")
+        ->check(within(0.01, 86400.0))
+        ->capture_default_str();
+    app.add_option("--max-body", options.maxBody, "Largest body taken, all parts together")
+        ->type_name("BYTES")
+        ->check(within(0, 2147483647))
+        ->capture_default_str();
+}
+
+int serve(ServerOptions const& options) {
+    StopSignals signals;
+    Server server(options);
+    std::printf("listening on 0.0.0.0:%d\n", server.port());
+    std::fflush(stdout);
+    // Requests that did not finish in time are cut off, and their threads with them.
+    if (!server.run(signals)) std::_Exit(kStopped);
+    return kStopped;
+}
+
+int complained(int code, std::string const& text) {
+    Server::complain(text);
+    return code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    CLI::App app("Receives SOAP messages with attachments and answers what arrived.");
+    CommandLine line;
+    define(app, line);
+    try {
+        app.parse(argc, argv);
+    } catch (CLI::ParseError const& e) {
+        return app.exit(e) == 0 ? kStopped : kBadUsage;
+    }
+    line.options.idleTimeout = fromSeconds(line.idleSeconds);
+    line.options.requestTimeout = fromSeconds(line.requestSeconds);
+    return serve(line.options);
+} catch (SoapSocketException& e) {
+    return complained(kCantListen, std::string("can't listen: ") + e.getDetails());
+} catch (QORThrowable& e) {
+    return complained(kCantListen, e.toString());
+} catch (std::exception& e) {
+    return complained(kBadDirectory, e.what());
+}
