@@ -41,7 +41,7 @@ void HTTPMOMMsgHandler::setStatusMessage(char const* text) { m_statusMessage = t
 
 void HTTPMOMMsgHandler::header(char const* name, HTTPHeader* value) {
     QOR_ASSERT(m_pCurrentMessage);
-    m_pCurrentMessage->m_headers.setHeader(name, value);
+    m_pCurrentMessage->m_headers.addHeader(name, value);
 }
 
 void HTTPMOMMsgHandler::content(ZULInputStream& is, int length) {

@@ -7,10 +7,10 @@
 #include <string_view>
 
 #include "foundation/QORThrowable.h"
-#include "foundation/QORUtConvert.h"
 #include "foundation/ZULBufferedInputStream.h"
 #include "foundation/ZULChunkedInputStream.h"
 
+#include "foundation/AsciiText.h"
 #include "foundation/GuardedAllocation.h"
 #include "foundation/HTTPException.h"
 #include "foundation/StringTokenizer.h"
@@ -65,13 +65,11 @@ private:
 
 bool isVersion(std::string_view word) { return word == "HTTP/1.1" || word == "HTTP/1.0"; }
 
-char lowerCased(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
 // Whether the text begins with `start`, which is in lower case, in any letter case.
 bool beginsWith(std::string_view text, std::string_view start) {
     return text.size() >= start.size() &&
            std::equal(start.begin(), start.end(), text.begin(),
-                      [](char a, char b) { return a == lowerCased(b); });
+                      [](char a, char b) { return a == asciiLowerCase(b); });
 }
 
 struct Number {
@@ -227,24 +225,32 @@ void HTTPParser::processHeaders(ZULBufferedInputStream* is) {
 
 void HTTPParser::processHeader(QORByteBuffer& osline) {
     QOR_ASSERT(m_pHandler);
-    char const* const colon = std::strchr(osline.str(), ':');
+    char const* const text = osline.str();
+    char const* const colon = std::strchr(text, ':');
     if (!colon) return;
-    m_name.assign(static_cast<char const*>(osline.str()), colon);
-    HTTPMessage::trim(m_name);
-    QORUtConvert::strlwr(m_name.data());
+    takeName(text, colon);
     m_header.reset();
     m_header.parse(colon + 1);
     recordFraming();
     m_pHandler->header(m_name.c_str(), &m_header);
 }
 
+// Trimmed and in lower case. Few names need trimming.
+void HTTPParser::takeName(char const* begin, char const* end) {
+    auto const isTrimmed = [](char c) { return isAsciiSpace(c) || c == '"'; };
+    m_name.assign(begin, end);
+    if (begin != end && (isTrimmed(*begin) || isTrimmed(end[-1]))) HTTPMessage::trim(m_name);
+    for (char& c : m_name) c = asciiLowerCase(c);
+}
+
 // The level's framing, where the header at hand says something about it.
 void HTTPParser::recordFraming() {
-    if (m_name == "content-type")
+    std::string_view const name = m_name;
+    if (name == "content-type")
         recordContentType();
-    else if (m_name == "content-length")
+    else if (name == "content-length")
         recordContentLength();
-    else if (m_name == "transfer-encoding")
+    else if (name == "transfer-encoding")
         recordTransferEncoding();
 }
 

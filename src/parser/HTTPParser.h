@@ -70,6 +70,7 @@ private:
     void endMessage(ZULBufferedInputStream* is);
     void resetLevel();
     bool readLine(ZULBufferedInputStream& is);
+    void takeName(char const* begin, char const* end);
     void recordFraming();
     void recordContentType();
     void recordContentLength();
