@@ -53,9 +53,10 @@ struct Connection {
 
 TEST(HTTPMessageReader, ReadsBackToBackMessagesWithTheReadAheadItWasGiven) {
     forEachReadSize([](int step) {
-        FragmentingStream wire(std::string("xPOST /1 HTTP/1.1\r\nContent-Length: 1\r\n\r\na") +
-                                   "HTTP/1.0 500 Not Good\r\nContent-Length: 0\r\n\r\n" + kNested +
-                                   kNext,
+        FragmentingStream wire(std::string("xPOST /1 HTTP/1.1\r\nA: 1\r\na: 2\r\nSet-Cookie: b\r\n"
+                                           "Set-Cookie: c\r\nContent-Length: 1\r\n\r\na"
+                                           "HTTP/1.0 500 Not Good\r\nContent-Length: 0\r\n\r\n") +
+                                   kNested + kNext,
                                step);
         ZULBufferedInputStream buffered(wire, 4096);
         EXPECT_EQ(buffered.read(), 'x');
@@ -67,11 +68,13 @@ TEST(HTTPMessageReader, ReadsBackToBackMessagesWithTheReadAheadItWasGiven) {
         HTTPMessage::StatusCode status{};
         reader.getRequest(&message, &text);
         EXPECT_EQ(text + '\n' + treeText(message),
-                  "/1\n  content-length: 1\n  body 1 e8b7be43 a\n");
+                  "/1\n  a: 2\n  content-length: 1\n  set-cookie: b\n  set-cookie: c\n"
+                  "  body 1 e8b7be43 a\n");
         reader.getResponse(&message, &status, &text);
         EXPECT_EQ(std::to_string(status) + text, "500Not Good");
         reader.getRequest(&message, &text);
         EXPECT_EQ(message.getPart(0)->getPart(1)->contentSize(), 3);
+        EXPECT_STREQ(message.getPart(0)->getBoundary(), "BB");
         reader.getRequest(&message, &text);
         EXPECT_EQ(text, "/next");
     });

@@ -73,22 +73,17 @@ TEST(HTTPParserHandler, MayLeaveBytesOfAChunkedBodyUnread) {
 }
 
 TEST(HTTPParser, RefusesAMissingStreamOrHandler) {
-    EventLog log;
+    using P = HTTPParser;
     Parsing p("", nullptr);
     QORByteBuffer line(16, 16);
-    char const* const noStream = "QOR_ASSERT(is);";
-    char const* const noHandler = "QOR_ASSERT(m_pHandler);";
-    EXPECT_EQ(failedAssertion([&] { p.parser.parseRequest(nullptr); }), noStream);
-    EXPECT_EQ(failedAssertion([&] { p.parser.parseResponse(nullptr); }), noStream);
-    EXPECT_EQ(failedAssertion([&] { p.parser.processHeaders(nullptr); }), noStream);
-    EXPECT_EQ(failedAssertion([&] { p.parser.processEntities(nullptr); }), noStream);
-    EXPECT_EQ(failedAssertion([&] { p.parser.parseRequest(&p.stream); }), noHandler);
-    EXPECT_EQ(failedAssertion([&] { p.parser.parseResponse(&p.stream); }), noHandler);
-    EXPECT_EQ(failedAssertion([&] { p.parser.processEntities(&p.stream); }), noHandler);
-    EXPECT_EQ(failedAssertion([&] { p.parser.processPart(&p.stream); }), noHandler);
-    EXPECT_EQ(failedAssertion([&] { p.parser.validateRequestLine(line); }), noHandler);
-    EXPECT_EQ(failedAssertion([&] { p.parser.validateResponseLine(line); }), noHandler);
-    EXPECT_EQ(failedAssertion([&] { p.parser.processHeader(line); }), noHandler);
+    for (auto const op :
+         {&P::parseRequest, &P::parseResponse, &P::processHeaders, &P::processEntities})
+        EXPECT_EQ(failedAssertion([&] { (p.parser.*op)(nullptr); }), "QOR_ASSERT(is);");
+    for (auto const op :
+         {&P::parseRequest, &P::parseResponse, &P::processEntities, &P::processPart})
+        EXPECT_EQ(failedAssertion([&] { (p.parser.*op)(&p.stream); }), "QOR_ASSERT(m_pHandler);");
+    for (auto const op : {&P::validateRequestLine, &P::validateResponseLine, &P::processHeader})
+        EXPECT_EQ(failedAssertion([&] { (p.parser.*op)(line); }), "QOR_ASSERT(m_pHandler);");
 }
 
 TEST(HTTPParser, ReadsAHeaderBlockAndABodyOnTheirOwn) {
