@@ -3,7 +3,7 @@
 
 # The packages that building and testing a preset takes.
 packages_of_preset() {
-    echo cmake ninja-build g++ googletest python3 curl tshark libcli11-dev libssl-dev
+    echo cmake ninja-build g++ googletest python3 curl tshark libcli11-dev libssl-dev libpcap-dev pkg-config
     case $1 in
         i386) echo g++-multilib ;;
         clang) echo clang-14 ;;

@@ -1,0 +1,113 @@
+#!/usr/bin/env python3
+"""postwire-trace: what it prints and writes of a trace, and what it says of files that are none.
+
+usage: TraceTest.py PROGRAM_FOLDER [TEST...]
+"""
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+import programs
+
+PROGRAM = pathlib.Path(sys.argv[1]) / 'postwire-trace'
+REQUEST = programs.request(
+    programs.multipart('B', (['Content-Type: text/xml'], b'<a/>'),
+                       (['Content-ID: <x@y>'], b'\0\r\n--B--\r\n\n<read[3]>\nzzz')),
+    'Content-Type: multipart/related; boundary=B; type="text/xml"')
+RESPONSE = b'HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n' + programs.chunked(b'hello', 2)
+CONTINUE = b'HTTP/1.1 100 Continue\r\n\r\n'
+
+
+def trace(*blocks):
+    return b''.join(b'\n<%s[%d]>\n' % (name.encode(), len(data)) + data for name, data in blocks)
+
+
+# Two exchanges as a server sees them; the second request came in two pieces, with an interim answer
+# between, and the client then ended.
+EXCHANGE = trace(('read', REQUEST), ('write', RESPONSE), ('read', REQUEST[:50]),
+                 ('write', CONTINUE), ('read', REQUEST[50:]), ('write', RESPONSE), ('read', b''))
+
+
+class TraceTest(unittest.TestCase):
+    def setUp(self):
+        self.folder = tempfile.TemporaryDirectory()
+        self.addCleanup(self.folder.cleanup)
+
+    def run_on(self, content, command, *arguments):
+        file = pathlib.Path(self.folder.name) / 'trace'
+        file.write_bytes(content)
+        return subprocess.run([PROGRAM, command, file, *arguments], capture_output=True, text=True,
+                              errors='replace')
+
+    def test_show_prints_the_messages_in_their_order(self):
+        shown = self.run_on(EXCHANGE, 'show')
+        self.assertEqual((0, ''), (shown.returncode, shown.stderr))
+        heads = [line for line in shown.stdout.splitlines() if ' message ' in line]
+        self.assertEqual([
+            f'<- message 1: request, {len(REQUEST)} bytes in 1 receive',
+            f'-> message 2: response, {len(RESPONSE)} bytes in 1 send',
+            f'<- message 3: request, {len(REQUEST)} bytes in 2 receives',
+            f'-> message 4: response, {len(CONTINUE)} bytes in 1 send',
+            f'-> message 5: response, {len(RESPONSE)} bytes in 1 send'], heads)
+        for line in ('    POST /svc HTTP/1.1', '    part 1: text/xml', '      4 bytes: <a/>',
+                     '    5 bytes: hello', '    HTTP/1.1 100 Continue'):
+            self.assertIn(line, shown.stdout.splitlines())
+
+    def test_stats_counts_each_direction(self):
+        lines = self.run_on(EXCHANGE, 'stats').stdout.splitlines()
+        self.assertEqual(['received', '2', str(2 * len(REQUEST)), '3', '1.50'], lines[1].split())
+        self.assertEqual(['sent', '3', str(2 * len(RESPONSE) + len(CONTINUE)), '3', '1.00'],
+                         lines[2].split())
+
+    def test_a_message_that_cannot_be_read_is_shown_as_far_as_it_goes(self):
+        shown = self.run_on(trace(('read', b'GET / HTTP/1.1\r\n\r\n')), 'show', '--role', 'server')
+        self.assertEqual(0, shown.returncode)
+        self.assertIn('    stopped here: HTTPException: method is not POST', shown.stdout)
+
+    def test_files_that_are_no_trace_end_with_2(self):
+        for content in (b'x', b'POST / HTTP/1.1\r\n\r\n', b'\n<read[x]>\n', b'\n<read[-1]>\n',
+                        b'\n<read[1]>\nabc', b'\n<write[99999999999999999999999]>\n'):
+            with self.subTest(content):
+                failed = self.run_on(content, 'show')
+                self.assertEqual(2, failed.returncode)
+                self.assertRegex(failed.stderr, 'not a socket trace|damaged at byte 12')
+        missing = subprocess.run([PROGRAM, 'show', self.folder.name + '/none'], capture_output=True)
+        self.assertEqual(2, missing.returncode)
+
+    def test_a_trace_cut_at_any_byte_is_used_as_far_as_it_goes(self):
+        content = trace(('read', REQUEST), ('write', RESPONSE))
+        for cut in list(range(3, 40)) + list(range(40, len(content), 7)):
+            done = self.run_on(content[:cut], 'stats')
+            with self.subTest(cut):
+                self.assertEqual(0, done.returncode, done.stderr)
+                whole = cut == len(trace(('read', REQUEST)))
+                self.assertRegex(done.stderr, '^$' if whole else 'lacks|ends inside')
+
+    @unittest.skipUnless(shutil.which('tshark'), 'tshark is not there')
+    def test_tshark_dissects_the_capture_down_to_the_parts(self):
+        capture = pathlib.Path(self.folder.name) / 'out.pcap'
+        big = programs.request(programs.multipart('B', ([], bytes(100000)), ([], b'')),
+                               'Content-Type: multipart/related; boundary=B')
+        made = self.run_on(EXCHANGE + trace(('read', big), ('write', RESPONSE)), 'pcap', capture,
+                           '--client-address', '127.0.0.2', '--server-port', '8080')
+        self.assertEqual((0, ''), (made.returncode, made.stderr))
+        fields = ['tcp.dstport', 'http.request.method', 'http.response.code',
+                  'mime_multipart.header.content-type']
+        rows = subprocess.run(
+            ['tshark', '-r', capture, '-d', 'tcp.port==8080,http', '-o', 'tcp.check_checksum:TRUE',
+             '-Y', 'http or _ws.malformed or tcp.analysis.flags or tcp.checksum.status == 0',
+             '-T', 'fields', '-E', 'separator=;', *(f for n in fields for f in ('-e', n))],
+            capture_output=True, text=True, check=True).stdout.splitlines()
+        request, response = '8080;POST;;text/xml', '49152;;200;'
+        self.assertEqual([request, response, '49152;;100;', request, response, '8080;POST;;',
+                          response], rows)
+
+    def test_a_capture_that_cannot_be_written_ends_with_1(self):
+        self.assertEqual(1, self.run_on(EXCHANGE, 'pcap', self.folder.name + '/no/out').returncode)
+
+
+if __name__ == '__main__':
+    unittest.main(argv=sys.argv[:1] + sys.argv[2:])
