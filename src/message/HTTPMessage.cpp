@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <utility>
 
@@ -31,6 +32,7 @@ std::string_view trimmed(std::string_view text) {
 // strcasecmp of the POSIX locale.
 int compareNames(char const* a, char const* b) {
     for (;; ++a, ++b) {
+        if (*a == *b && *a != 0) continue;
         int const x = static_cast<unsigned char>(asciiLowerCase(*a));
         int const y = static_cast<unsigned char>(asciiLowerCase(*b));
         if (x != y || x == 0) return x - y;
@@ -52,36 +54,37 @@ std::uint64_t chunkDumpSize(std::uint64_t bytes) {
 
 // HTTPHeader
 
-HTTPHeader::HTTPHeader() : m_quoted(0) {}
+HTTPHeader::HTTPHeader() : m_quoted(0), m_unread(false), m_source(nullptr) {}
 
-HTTPHeader::HTTPHeader(char const* value) : m_quoted(0) { setValue(value); }
+HTTPHeader::HTTPHeader(char const* value) : HTTPHeader() { setValue(value); }
 
-HTTPHeader::HTTPHeader(HTTPHeader const&) = default;
-
-HTTPHeader::HTTPHeader(HTTPHeader&& other) noexcept
-    : m_value(std::move(other.m_value)),
-      m_attributes(std::move(other.m_attributes)),
-      m_quoted(other.m_quoted) {
-    other.reset();
+// A copy, or what is moved away, may outlive the text that was lent to the other header.
+HTTPHeader::HTTPHeader(HTTPHeader const& other)
+    : m_value(other.m_value),
+      m_attributes(other.m_attributes),
+      m_quoted(other.m_quoted),
+      m_unread(false),
+      m_source(nullptr) {
+    if (other.m_unread) parseText(other.m_source);
 }
+
+HTTPHeader::HTTPHeader(HTTPHeader&& other) : HTTPHeader() { *this = std::move(other); }
 
 HTTPHeader::~HTTPHeader() = default;
 
 HTTPHeader& HTTPHeader::operator=(HTTPHeader const& other) {
-    if (this == &other) return *this;
-    auto attributes = other.m_attributes;
-    m_value = other.m_value;
-    m_attributes.swap(attributes);
-    m_quoted = other.m_quoted;
+    if (this != &other) *this = HTTPHeader(other);
     return *this;
 }
 
-HTTPHeader& HTTPHeader::operator=(HTTPHeader&& other) noexcept {
+HTTPHeader& HTTPHeader::operator=(HTTPHeader&& other) {
     if (this == &other) return *this;
-    m_value = std::move(other.m_value);
-    m_attributes = std::move(other.m_attributes);
-    m_quoted = other.m_quoted;
-    other.reset();
+    other.takeApart();
+    reset();
+    m_value.swap(other.m_value);
+    m_attributes.swap(other.m_attributes);
+    std::swap(m_quoted, other.m_quoted);
+    other.m_source = nullptr;
     return *this;
 }
 
@@ -89,19 +92,28 @@ void HTTPHeader::reset() {
     m_value.clear();
     m_attributes.clear();
     m_quoted = 0;
+    m_unread = false;
+    m_source = nullptr;
 }
 
 void HTTPHeader::setValue(char const* value) {
     QOR_ASSERT(value);
+    takeApart();
+    m_source = nullptr;
     m_value = value;
     m_quoted = 0;
 }
 
-char const* HTTPHeader::getValue() { return m_value.c_str(); }
+char const* HTTPHeader::getValue() {
+    takeApart();
+    return m_value.c_str();
+}
 
 void HTTPHeader::setAttribute(char const* field, char const* value) {
     QOR_ASSERT(field);
     QOR_ASSERT(value);
+    takeApart();
+    m_source = nullptr;
     storeAttribute(field, value);
 }
 
@@ -115,16 +127,31 @@ void HTTPHeader::storeAttribute(std::string_view name, std::string_view value) {
 
 char const* HTTPHeader::getAttribute(char const* field) {
     QOR_ASSERT(field);
+    takeApart();
     auto const found = m_attributes.find(std::string_view(field));
     return found == m_attributes.end() ? nullptr : found->second.c_str();
 }
 
 void HTTPHeader::parse(char const* pvalue) {
     QOR_ASSERT(pvalue);
+    takeApart();
+    m_source = nullptr;
     if (holds(pvalue))
         parseText(std::string(pvalue));
     else
         parseText(pvalue);
+}
+
+void HTTPHeader::parseLater(char const* text) {
+    reset();
+    m_source = text;
+    m_unread = true;
+}
+
+void HTTPHeader::takeApart() {
+    if (!m_unread) return;
+    parseText(m_source);
+    m_unread = false;
 }
 
 // Whether the text is one of our own, which storing parts of it would change under way.
@@ -153,6 +180,7 @@ void HTTPHeader::parseText(std::string_view text) {
 }
 
 void HTTPHeader::dump(QORByteBuffer& buf) {
+    takeApart();
     if (m_quoted) buf << '"';
     append(buf, m_value);
     for (auto const& [name, value] : m_attributes) {
@@ -164,7 +192,8 @@ void HTTPHeader::dump(QORByteBuffer& buf) {
     if (m_quoted) buf << '"';
 }
 
-std::size_t HTTPHeader::dumpSize() const {
+std::size_t HTTPHeader::dumpSize() {
+    takeApart();
     std::size_t size = m_value.size() + (m_quoted ? 2 : 0);
     for (auto const& [name, value] : m_attributes) size += name.size() + value.size() + 3;
     return size;
@@ -176,12 +205,13 @@ bool httphdr_CaseInsensitiveStringComparePredicate::operator()(char const* a, ch
     return compareNames(a, b) < 0;
 }
 
-HTTPHeaders::HTTPHeaders() = default;
+HTTPHeaders::HTTPHeaders() : m_settled(0) {}
 
 HTTPHeaders::~HTTPHeaders() = default;
 
 HTTPHeader* HTTPHeaders::getHeader(char const* field) {
     QOR_ASSERT(field);
+    settle();
     auto const found = m_headers.lower_bound(field);
     bool const equal = found != m_headers.end() && compareNames(field, found->first.c_str()) == 0;
     return equal ? &found->second : nullptr;
@@ -190,12 +220,47 @@ HTTPHeader* HTTPHeaders::getHeader(char const* field) {
 HTTPHeader* HTTPHeaders::setHeader(char const* name, HTTPHeader* phdr) {
     QOR_ASSERT(name);
     QOR_ASSERT(phdr);
+    settle();
     return store(name, std::as_const(*phdr));
 }
 
 HTTPHeader* HTTPHeaders::takeHeader(char const* name, HTTPHeader& header) {
     QOR_ASSERT(name);
+    settle();
     return store(name, std::move(header));
+}
+
+void HTTPHeaders::addHeader(char const* name, HTTPHeader* phdr) {
+    QOR_ASSERT(name);
+    QOR_ASSERT(phdr);
+    if (!phdr->m_source) {
+        setHeader(name, phdr);
+        return;
+    }
+    std::size_t const before = m_added.size();
+    std::size_t const nameSize = std::strlen(name) + 1;
+    std::size_t const textSize = std::strlen(phdr->m_source) + 1;
+    std::size_t const size = before + nameSize + textSize;
+    // Room at once for the header lines of a usual message.
+    if (size > m_added.capacity()) m_added.reserve(std::max<std::size_t>(size, 512));
+    m_added.resize(size);
+    std::memcpy(&m_added[before], name, nameSize);
+    std::memcpy(&m_added[before + nameSize], phdr->m_source, textSize);
+}
+
+// Entry by entry: when memory runs out, what is not sorted in yet is left for the next time.
+void HTTPHeaders::settle() {
+    while (m_settled != m_added.size()) {
+        char const* const name = &m_added[m_settled];
+        char const* const text = name + std::strlen(name) + 1;
+        HTTPHeader header;
+        header.parse(text);
+        store(name, std::move(header));
+        m_settled = static_cast<std::size_t>(text + std::strlen(text) + 1 - m_added.data());
+    }
+    if (m_settled == 0) return;
+    std::string().swap(m_added);
+    m_settled = 0;
 }
 
 template <class Header>
@@ -212,11 +277,13 @@ HTTPHeader* HTTPHeaders::store(char const* name, Header&& header) {
 
 void HTTPHeaders::removeHeader(char const* name) {
     QOR_ASSERT(name);
+    settle();
     auto const [first, last] = m_headers.equal_range(name);
     m_headers.erase(first, last);
 }
 
 void HTTPHeaders::dump(QORByteBuffer& buf) {
+    settle();
     for (auto& [name, header] : m_headers) {
         append(buf, name);
         buf << ": ";
@@ -225,13 +292,18 @@ void HTTPHeaders::dump(QORByteBuffer& buf) {
     }
 }
 
-std::size_t HTTPHeaders::dumpSize() const {
+std::size_t HTTPHeaders::dumpSize() {
+    settle();
     std::size_t size = 0;
-    for (auto const& [name, header] : m_headers) size += name.size() + header.dumpSize() + 4;
+    for (auto& [name, header] : m_headers) size += name.size() + header.dumpSize() + 4;
     return size;
 }
 
-void HTTPHeaders::reset() { m_headers.clear(); }
+void HTTPHeaders::reset() {
+    m_headers.clear();
+    m_added.clear();
+    m_settled = 0;
+}
 
 // VecpHTTPMessages
 

@@ -53,17 +53,24 @@ public:
     void dump(QORByteBuffer& buf);
 
     // Takes over what the other header holds, and leaves it empty.
-    HTTPHeader(HTTPHeader&&) noexcept;
-    HTTPHeader& operator=(HTTPHeader&&) noexcept;
+    HTTPHeader(HTTPHeader&&);
+    HTTPHeader& operator=(HTTPHeader&&);
 
     // As after default construction, but the memory of the value is kept: for a header that is
     // parsed into again and again.
     void reset();
 
+    // As reset and parse, but the text is borrowed until the header next changes, and taken apart
+    // when it is first asked for: most headers of a message that is read are never looked at.
+    void parseLater(char const* text);
+
     // The number of bytes that dump appends.
-    std::size_t dumpSize() const;
+    std::size_t dumpSize();
 
 private:
+    friend class HTTPHeaders;
+
+    void takeApart();
     void parseText(std::string_view text);
     void storeAttribute(std::string_view name, std::string_view value);
     bool holds(char const* text) const;
@@ -71,6 +78,8 @@ private:
     std::string m_value;
     std::map<std::string, std::string, std::less<>> m_attributes;
     int m_quoted;
+    bool m_unread;         // the text of parseLater has not been taken apart
+    char const* m_source;  // that text, as long as it tells all that the header says, or null
 };
 
 // Orders field names as strcasecmp does in the POSIX locale: letters without their case, bytes
@@ -118,14 +127,21 @@ public:
     // As setHeader, but moves what the header holds instead of copying it, and leaves it empty.
     HTTPHeader* takeHeader(char const* name, HTTPHeader& header);
 
+    // As setHeader, for callers that don't need the stored header. The text that parseLater gave
+    // to the header is only copied, and sorted in when the collection is next asked or changed.
+    void addHeader(char const* name, HTTPHeader* phdr);
+
     // The number of bytes that dump appends.
-    std::size_t dumpSize() const;
+    std::size_t dumpSize();
 
 private:
     template <class Header>
     HTTPHeader* store(char const* name, Header&& header);
+    void settle();
 
     std::multimap<std::string, HTTPHeader, httphdr_CaseInsensitiveStringComparePredicate> m_headers;
+    std::string m_added;    // by addHeader: names and texts with their zero bytes
+    std::size_t m_settled;  // bytes of m_added that are sorted in
 };
 
 class HTTPMessage;
