@@ -48,7 +48,7 @@ def escaped(data):
 def body_calls(node):
     yield f'header: X-Id {node.ident}'
     if node.length is not None:
-        yield f'number: Content-Length {node.length}'
+        yield f'header: Content-Length {node.length}'
     for part in node.parts:
         yield f'addmulti: {part.chunk} {part.boundary}' if part.boundary else f'add: {part.chunk}'
         yield from body_calls(part)
