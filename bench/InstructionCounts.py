@@ -139,16 +139,17 @@ def small_corpus(folder):
 
 
 def compare(programs):
-    print("%-16s %10s %10s %7s" % ("", "postwire", "peer", "ratio"))
+    print("%-16s %10s %10s %10s %7s" % ("", "postwire", "asked", "peer", "ratio"))
     with tempfile.TemporaryDirectory() as folder:
         small_corpus(folder)
         for workload, peer in CLOSEST.items():
-            ours, theirs = (per_message(os.path.join(programs, program), folder,
-                                        name + "/" + workload, 100, 300)[0]
-                            for program, name in (("postwire_once", "postwire"),
-                                                  ("peer_once", peer)))
-            print("%-16s %10.0f %10.0f %7.2f  (%s)" % (
-                workload, ours, theirs, theirs / ours, peer))
+            def count(program, name):
+                return per_message(os.path.join(programs, program), folder,
+                                   name + "/" + workload, 100, 300)[0]
+            ours, theirs = count("postwire_once", "postwire"), count("peer_once", peer)
+            asked = 0 if workload == "write-small" else count("postwire_once", "postwire_asked")
+            print("%-16s %10.0f %10.0f %10.0f %7.2f  (%s)" % (
+                workload, ours, asked, theirs, theirs / ours, peer))
 
 
 def profile(programs):

@@ -4,6 +4,8 @@
 //                   the bytes read beyond a message. Messages are new
 //   postwire_fresh  streams and reader are new for each run of the workload too: what a
 //                   connection with a single run costs
+//   postwire_asked  as postwire, but each message and part is asked for its Content-Type and an
+//                   attribute of it, so that nothing of the headers can be left for later
 // Writing: OnePieceHttpMsg and MultipartHttpMsg into a string; `postwire` builds the node anew for
 // each message, `postwire_kept` keeps it.
 #include "cases.hpp"
@@ -51,6 +53,12 @@ template <class Done> void read_fresh(const Workload& w, Done done) {
     ZULBufferedInputStream buffered(wire, kReadAhead);
     HTTPMessageReader reader(buffered);
     read_all(w, reader, done);
+}
+
+void ask(HTTPMessage& m) {
+    HTTPHeader* type = m.getHeader("content-type");
+    keep(type ? type->getAttribute("charset") : nullptr);
+    for (int i = 0; i < m.num_parts(); ++i) ask(*m.getPart(i));
 }
 
 // Header lines of a message as it was read: dump writes them, after it has changed the two that
@@ -211,6 +219,13 @@ void register_postwire() {
             [&w, c] {
                 Seen s;
                 read_kept(w, *c, [&s](HTTPMessage& m) { count_message(s, m); });
+                return s;
+            });
+        add_reader("postwire_asked", w, Depth::Tree,
+            [&w, c] { read_kept(w, *c, ask); },
+            [&w, c] {
+                Seen s;
+                read_kept(w, *c, [&s](HTTPMessage& m) { ask(m); count_message(s, m); });
                 return s;
             });
         add_reader("postwire_fresh", w, Depth::Tree,
