@@ -8,21 +8,18 @@
 
 #include "socket/SoapSocket.h"
 
-// A socket whose descriptors a test may look at.
-template <class Socket>
-struct Exposed : Socket {
-    using Socket::m_ioSocket;
-    using Socket::m_socket;
-    using Socket::Socket;
-
-    // Which descriptors it holds: "", "socket", "io", or "both" for one that is both.
-    std::string held() const {
-        if (m_socket != -1) return m_ioSocket == m_socket ? "both" : "socket";
-        return m_ioSocket == -1 ? "" : "io";
-    }
+// The descriptor that an Open made, and the one that reads and writes.
+struct SocketDescriptors : SoapSocket {
+    static int made(SoapSocket const& s) { return s.*&SocketDescriptors::m_socket; }
+    static int io(SoapSocket const& s) { return s.*&SocketDescriptors::m_ioSocket; }
 };
-using ExposedSocket = Exposed<SoapSocket>;
-using ExposedServerSocket = Exposed<SoapServerSocket>;
+
+// Which of them a socket holds: "none", "socket", "io", or "both", which are one.
+inline std::string heldBy(SoapSocket const& s) {
+    int const made = SocketDescriptors::made(s), io = SocketDescriptors::io(s);
+    if (made != -1) return io == made ? "both" : io == -1 ? "socket" : "two";
+    return io == -1 ? "none" : "io";
+}
 
 // "1001 Connection refused": id and details of the SoapSocketException a call raised; "" without.
 template <class Call>
@@ -74,7 +71,7 @@ struct LoopbackPair {
         closeFar();
     }
 
-    ExposedServerSocket server;
-    ExposedSocket near;
+    SoapServerSocket server;
+    SoapSocket near;
     int far = -1;
 };

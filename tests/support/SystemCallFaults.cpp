@@ -26,10 +26,11 @@ struct Script {
 };
 thread_local Script* t_script = nullptr;
 
+// 0: the text is no error's name.
 int errorNumber(std::string const& name) {
-    int error = 133;
-    while (error > 0 && name != strerrorname_np(error)) --error;
-    return error;
+    for (int error = 1; error < 134; ++error)
+        if (char const* known = strerrorname_np(error); known && name == known) return error;
+    return 0;
 }
 
 // call[@n]=result[*times]
