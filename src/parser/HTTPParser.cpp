@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -70,6 +71,28 @@ bool beginsWith(std::string_view text, std::string_view start) {
     return text.size() >= start.size() &&
            std::equal(start.begin(), start.end(), text.begin(),
                       [](char a, char b) { return a == asciiLowerCase(b); });
+}
+
+// Eight letters at a time: the sums set a byte's highest bit from 'A' on and from behind 'Z' on,
+// without a carry into the next byte.
+void lowerCase(char* text, char const* end) {
+    constexpr std::uint64_t kEach = 0x0101010101010101U;
+    for (; end - text >= 8; text += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, text, 8);
+        std::uint64_t const low = word & kEach * 0x7F;
+        std::uint64_t const fromA = low + kEach * (0x80 - 'A');
+        std::uint64_t const behindZ = low + kEach * (0x7F - 'Z');
+        word |= (fromA & ~behindZ & ~word & kEach * 0x80) >> 2;
+        std::memcpy(text, &word, 8);
+    }
+    for (; text != end; ++text) *text = asciiLowerCase(*text);
+}
+
+// Whether HTTPMessage::trim could take something off the text: hardly ever for a header's name.
+bool mayNeedTrimming(char const* text, char const* end) {
+    auto const isTrimmed = [](char c) { return isAsciiSpace(c) || c == '"'; };
+    return text != end && (isTrimmed(*text) || isTrimmed(end[-1]));
 }
 
 struct Number {
@@ -190,7 +213,9 @@ void HTTPParser::resetLevel() {
 bool HTTPParser::readLine(ZULBufferedInputStream& is) {
     m_line.reset();
     if (is.readLine(m_line) == -1) return false;
-    m_line.trim();
+    unsigned int const length = m_line.pcount();
+    char const* const text = m_line.str();
+    if (length > 0 && (isAsciiSpace(text[0]) || isAsciiSpace(text[length - 1]))) m_line.trim();
     return true;
 }
 
@@ -225,33 +250,35 @@ void HTTPParser::processHeaders(ZULBufferedInputStream* is) {
 
 void HTTPParser::processHeader(QORByteBuffer& osline) {
     QOR_ASSERT(m_pHandler);
-    char const* const text = osline.str();
-    char const* const colon = std::strchr(text, ':');
+    // The line is cut in two where it stands; a caller's is left alone.
+    if (&osline != &m_line) {
+        m_line.reset();
+        m_line << osline.str();
+    }
+    char* const name = m_line.str();
+    char* const colon = std::strchr(name, ':');
     if (!colon) return;
-    takeName(text, colon);
-    m_header.reset();
-    m_header.parse(colon + 1);
-    recordFraming();
-    m_pHandler->header(m_name.c_str(), &m_header);
+    *colon = '\0';
+    m_header.parseLater(colon + 1);
+    lowerCase(name, colon);
+    if (mayNeedTrimming(name, colon)) {
+        std::string trimmed(name, colon);
+        HTTPMessage::trim(trimmed);
+        reportHeader(trimmed);
+    } else {
+        reportHeader({name, static_cast<std::size_t>(colon - name)});
+    }
 }
 
-// Trimmed and in lower case. Few names need trimming.
-void HTTPParser::takeName(char const* begin, char const* end) {
-    auto const isTrimmed = [](char c) { return isAsciiSpace(c) || c == '"'; };
-    m_name.assign(begin, end);
-    if (begin != end && (isTrimmed(*begin) || isTrimmed(end[-1]))) HTTPMessage::trim(m_name);
-    for (char& c : m_name) c = asciiLowerCase(c);
-}
-
-// The level's framing, where the header at hand says something about it.
-void HTTPParser::recordFraming() {
-    std::string_view const name = m_name;
+// The name is followed by a zero byte.
+void HTTPParser::reportHeader(std::string_view name) {
     if (name == "content-type")
         recordContentType();
     else if (name == "content-length")
         recordContentLength();
     else if (name == "transfer-encoding")
         recordTransferEncoding();
+    m_pHandler->header(name.data(), &m_header);
 }
 
 void HTTPParser::recordContentType() {

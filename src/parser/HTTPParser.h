@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "foundation/Export.h"
@@ -70,8 +71,7 @@ private:
     void endMessage(ZULBufferedInputStream* is);
     void resetLevel();
     bool readLine(ZULBufferedInputStream& is);
-    void takeName(char const* begin, char const* end);
-    void recordFraming();
+    void reportHeader(std::string_view name);
     void recordContentType();
     void recordContentLength();
     void recordTransferEncoding();
@@ -86,9 +86,8 @@ private:
     int m_contentlength[HTTP_MAX_DEPTH];     // 0 for none, too
     bool m_bLengthDeclared[HTTP_MAX_DEPTH];  // tells a declared 0 from none
     // Kept, so that a line costs no memory of its own: the line being looked at, of any level, and
-    // the name and the value of a header line.
+    // the value of a header line.
     QORByteBuffer m_line;
-    std::string m_name;
     HTTPHeader m_header;
 };
 
