@@ -6,9 +6,10 @@
 #include <string>
 #include <string_view>
 
+#include "foundation/QORByteBuffer.h"
+
 #include "tools/Boundary.h"
 #include "tools/HeaderFields.h"
-#include "tools/MessageSummary.h"
 #include "tools/RequestReader.h"
 
 namespace {
@@ -23,7 +24,10 @@ bool isEchoed(std::string const& name) {
     return isToken(name) && std::find(std::begin(kOwn), std::end(kOwn), name) == std::end(kOwn);
 }
 
-std::string withoutControls(std::string text) {
+std::string textOf(HTTPHeader& field) {
+    QORByteBuffer dumped(128, 128);
+    field.dump(dumped);
+    std::string text(dumped.str(), dumped.pcount());
     for (char& c : text)
         if (!isFieldValue({&c, 1})) c = ' ';
     return text;
@@ -47,19 +51,20 @@ public:
     }
 
     void writeMultipart(ZULOutputStream& out, int chunkSize, char const* connection) {
-        WholeMultipart node(out, chunkSize, chooseBoundary(m_request.message).c_str());
+        std::string const boundary = chooseBoundary(m_request.message);
+        WholeMultipart node(out, chunkSize, boundary.c_str());
         start(node, connection);
         writeParts(node, m_request.message);
         node.finish();
     }
 
 private:
-    // The boundary for the echo, which the message's own Content-Type names from now on.
-    static std::string chooseBoundary(HTTPMessage& message) {
+    // The boundary for the echo, which the head names from now on.
+    std::string chooseBoundary(HTTPMessage& message) {
         std::string boundary = message.getBoundary();
         if (!isPlainBoundary(boundary) || boundaryOccurs(boundary, message))
             boundary = makeBoundary();
-        HTTPHeader* const type = message.getHeader("Content-Type");
+        HTTPHeader* const type = m_request.heads[m_next].find("content-type");
         if (type) type->setAttribute("boundary", boundary.c_str());
         return boundary;
     }
@@ -67,13 +72,12 @@ private:
     template <class Node>
     void start(WholeMessage<Node>& node, char const* connection) {
         node.startResponse(200, "OK");
-        HTTPMessage& message = m_request.message;
-        for (std::string const& name : m_request.heads[m_next++].names) {
-            HTTPHeader* const field = isEchoed(name) ? message.getHeader(name.c_str()) : nullptr;
-            if (field && isPlain(*field)) {
-                node.takeField(name.c_str(), *field);  // most fields, and the cheaper way
-            } else if (field) {
-                node.setField(name.c_str(), withoutControls(headerText(message, name.c_str())));
+        for (EntityHead::Field& field : m_request.heads[m_next++].fields) {
+            if (!isEchoed(field.name)) continue;
+            if (isPlain(field.value)) {
+                node.takeField(field.name.c_str(), field.value);  // most fields: the cheaper way
+            } else {
+                node.setField(field.name.c_str(), textOf(field.value));
             }
         }
         if (connection) node.setField("Connection", connection);
@@ -86,24 +90,22 @@ private:
     void writePart(MultipartHttpMsg& node, HTTPMessage& message) {
         if (m_request.heads[m_next].multipart) {
             MultipartHttpMsg* const part = node.addMultiPart(0, chooseBoundary(message).c_str());
-            setPartHead(*part, message);
+            setPartHead(*part);
             writeParts(*part, message);
             node.endPart(part);
         } else {
             OnePieceHttpMsg* const part = node.addOnePiece(0);
-            setPartHead(*part, message);
+            setPartHead(*part);
             writeBody(*part, message);
             node.endPart(part);
         }
     }
 
-    void setPartHead(HttpMsgNode& node, HTTPMessage& message) {
+    void setPartHead(HttpMsgNode& node) {
         node.reset();  // drops the machine's Host
-        for (std::string const& name : m_request.heads[m_next++].names) {
-            if (isEchoed(name))
-                node.setHeader(name.c_str(),
-                               withoutControls(headerText(message, name.c_str())).c_str());
-        }
+        for (EntityHead::Field& field : m_request.heads[m_next++].fields)
+            if (isEchoed(field.name))
+                node.setHeader(field.name.c_str(), textOf(field.value).c_str());
     }
 
     static void writeBody(OnePieceHttpMsg& node, HTTPMessage& message) {

@@ -7,7 +7,7 @@ struct Request;
 // Write a response that is the request's message again: its header fields and body, or each of its
 // parts with its own. Fields that belong to the connection or to the request alone are left out;
 // quotes around values and white space in them were lost in reading, and control characters become
-// blanks. Header fields are taken out of the request, which is of no use afterwards.
+// blanks. The request's heads are of no use afterwards.
 
 // A message with one body. Where `connection` is not null it becomes the field of that name.
 void writeEcho(WholeOnePiece& node, Request& request, char const* connection);

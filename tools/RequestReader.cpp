@@ -30,6 +30,12 @@ std::string_view version(std::string_view line) {
 
 }  // namespace
 
+HTTPHeader* EntityHead::find(std::string_view name) {
+    auto const found = std::find_if(fields.begin(), fields.end(),
+                                    [name](Field const& field) { return field.name == name; });
+    return found == fields.end() ? nullptr : &found->value;
+}
+
 RequestReader::RequestReader(ZULInputStream& in, ZULOutputStream& out, int maxBody)
     : m_limited(in, 0),
       m_in(m_limited, kReadAhead),
@@ -74,7 +80,7 @@ int RequestReader::peekMinorVersion() {
 }
 
 bool RequestReader::wantsKeepAlive() {
-    std::string_view const connection = messageField("Connection");
+    std::string_view const connection = messageField("connection");
     if (listHolds(connection, "close")) return false;
     return m_request->minorVersion > 0 || listHolds(connection, "keep-alive");
 }
@@ -83,18 +89,19 @@ void RequestReader::reset() {
     HTTPMOMMsgHandler::reset();
     m_request->uri.clear();
     m_request->heads.resize(1);
-    m_request->heads.front().names.clear();
+    m_request->heads.front().fields.clear();
     m_request->heads.front().multipart = false;
 }
 
 void RequestReader::setURI(char const* uri) { m_request->uri = uri; }
 
-// Of fields with one name the last counts, so the name stands here once.
 void RequestReader::header(char const* name, HTTPHeader* value) {
-    std::vector<std::string>& names = m_request->heads.back().names;
-    if (std::find(names.begin(), names.end(), std::string_view(name)) == names.end()) {
-        if (names.size() == kMaxFields) throw RequestRefused(431, "too many header fields");
-        names.emplace_back(name);
+    EntityHead& head = m_request->heads.back();
+    if (HTTPHeader* const before = head.find(name)) {
+        *before = *value;
+    } else {
+        if (head.fields.size() == kMaxFields) throw RequestRefused(431, "too many header fields");
+        head.fields.push_back({name, *value});
     }
     HTTPMOMMsgHandler::header(name, value);
 }
@@ -108,11 +115,11 @@ void RequestReader::content(ZULInputStream& is, int length) {
 
 void RequestReader::content(ZULInputStream& is) {
     if (&is == &m_in) {  // neither a length nor chunks
-        for (char const* const framing : {"Content-Length", "Transfer-Encoding"})
-            if (m_request->heads.size() == 1 && m_request->message.getHeader(framing))
-                throw RequestRefused(400, std::string("bad ") + framing);
         if (m_request->heads.size() > 1)
             throw RequestRefused(400, "a part has neither Content-Length nor chunked coding");
+        for (char const* const framing : {"content-length", "transfer-encoding"})
+            if (m_request->heads.front().find(framing))
+                throw RequestRefused(400, std::string("bad ") + framing);
         return;
     }
     beginBody();
@@ -138,13 +145,13 @@ void RequestReader::startPart() {
 void RequestReader::beginBody() {
     static constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
     if (m_request->heads.size() > 1 || m_request->minorVersion == 0) return;
-    if (!equalIgnoringCase(messageField("Expect"), "100-continue")) return;
+    if (!equalIgnoringCase(messageField("expect"), "100-continue")) return;
     m_out.write(kContinue, sizeof kContinue - 1);
     m_out.flush();
 }
 
-// The field's value; empty where there is none.
-std::string_view RequestReader::messageField(char const* name) {
-    HTTPHeader* const field = m_request->message.getHeader(name);
+// The value of a field of the message's own head; empty where there is none.
+std::string_view RequestReader::messageField(std::string_view name) {
+    HTTPHeader* const field = m_request->heads.front().find(name);
     return field ? field->getValue() : "";
 }

@@ -14,9 +14,18 @@
 
 class ZULOutputStream;
 
-// What an HTTPMessage does not tell about itself.
+// The head of a message or a part, with what an HTTPMessage does not tell.
 struct EntityHead {
-    std::vector<std::string> names;  // of its header fields, in lower case, as they came
+    struct Field {
+        std::string name;  // in lower case
+        HTTPHeader value;
+    };
+
+    // The field of that name, or null.
+    HTTPHeader* find(std::string_view name);
+
+    // In the order in which they came; of fields with one name the last value.
+    std::vector<Field> fields;
     bool multipart = false;
 };
 
@@ -40,7 +49,7 @@ struct RequestRefused : std::runtime_error {
 // Reads the requests of one connection, one after the other, each into a message tree.
 //
 // It parses from a buffered stream of its own, because it must see what a tree does not hold: the
-// version in the request line, the moment at which a body begins, the names of all header fields.
+// version in the request line, the moment at which a body begins, all header fields in their order.
 //
 // Ownership: the streams are borrowed.
 // Raises: what HTTPParser raises; RequestRefused and SizeLimitPassed for requests beyond the limits
@@ -71,7 +80,7 @@ private:
     int peekMinorVersion();
     void beginBody();
     bool wantsKeepAlive();
-    std::string_view messageField(char const* name);
+    std::string_view messageField(std::string_view name);
 
     LimitedInputStream m_limited;
     ZULBufferedInputStream m_in;
