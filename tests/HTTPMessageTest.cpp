@@ -1,3 +1,5 @@
+#include <list>
+
 #include <gtest/gtest.h>
 
 #include "message/HTTPMessage.h"
@@ -11,6 +13,7 @@ namespace {
 struct Model {
     HTTPMessage root;
     std::vector<HTTPMessage*> open{&root};
+    std::list<std::string> lent;
     HTTPHeader header;
     HTTPHeaders headers;
     std::string said;
@@ -54,12 +57,16 @@ struct Model {
         if (op == "dump") write(&m, n);
         if (op == "status") say(m.getStatusText(static_cast<HTTPMessage::StatusCode>(n)));
         if (op == "parse") header.parse(a);
+        if (op == "later") header.parseLater(lent.emplace_back(text).c_str());
         if (op == "reparse") header.parse(*a ? header.getAttribute(a) : header.getValue());
         if (op == "value") header = HTTPHeader(a);
         if (op == "revalue") header.setValue(a);
         if (op == "attribute") header.setAttribute(a, b);
         if (op == "ask") say(header.getAttribute(a));
         if (op == "write") write(&header);
+        if (op == "add") headers.addHeader(a, &header);
+        if (op == "addnone") headers.addHeader(a, nullptr);
+        if (op == "clear") headers.reset();
         if (op == "store") headers.setHeader(a, &header);
         if (op == "storenone") headers.setHeader(a, nullptr);
         if (op == "take") headers.takeHeader(a, header);

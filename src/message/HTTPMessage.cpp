@@ -83,8 +83,8 @@ HTTPHeader& HTTPHeader::operator=(HTTPHeader&& other) {
     reset();
     m_value.swap(other.m_value);
     m_attributes.swap(other.m_attributes);
-    std::swap(m_quoted, other.m_quoted);
-    other.m_source = nullptr;
+    m_quoted = other.m_quoted;
+    other.reset();
     return *this;
 }
 
@@ -237,15 +237,12 @@ void HTTPHeaders::addHeader(char const* name, HTTPHeader* phdr) {
         setHeader(name, phdr);
         return;
     }
-    std::size_t const before = m_added.size();
     std::size_t const nameSize = std::strlen(name) + 1;
     std::size_t const textSize = std::strlen(phdr->m_source) + 1;
-    std::size_t const size = before + nameSize + textSize;
-    // Room at once for the header lines of a usual message.
+    std::size_t const size = m_added.size() + nameSize + textSize;
+    // Room first, so that no half of an entry is left behind; at once for a usual message.
     if (size > m_added.capacity()) m_added.reserve(std::max<std::size_t>(size, 512));
-    m_added.resize(size);
-    std::memcpy(&m_added[before], name, nameSize);
-    std::memcpy(&m_added[before + nameSize], phdr->m_source, textSize);
+    m_added.append(name, nameSize).append(phdr->m_source, textSize);
 }
 
 // Entry by entry: when memory runs out, what is not sorted in yet is left for the next time.
