@@ -86,10 +86,14 @@ TEST(HTTPParser, RefusesAMissingStreamOrHandler) {
         EXPECT_EQ(failedAssertion([&] { (p.parser.*op)(line); }), "QOR_ASSERT(m_pHandler);");
 }
 
-TEST(HTTPParser, ReadsAHeaderBlockAndABodyOnTheirOwn) {
+TEST(HTTPParser, ReadsAHeaderBlockABodyAndALineOnTheirOwn) {
     EventLog log;
     Parsing p("A: 1\r\nContent-Length: 2\r\n\r\nabc", &log);
     p.parser.processHeaders(&p.stream);
     p.parser.processEntities(&p.stream);
-    EXPECT_EQ(log.text(), "[a: 1][content-length: 2][content 2]ab");
+    QORByteBuffer line(16, 16);
+    line << "B: 2";
+    p.parser.processHeader(line);
+    EXPECT_EQ(log.text(), "[a: 1][content-length: 2][content 2]ab[b: 2]");
+    EXPECT_STREQ(line.str(), "B: 2");
 }
