@@ -41,11 +41,13 @@ void HTTPMOMMsgHandler::setStatusMessage(char const* text) { m_statusMessage = t
 
 void HTTPMOMMsgHandler::header(char const* name, HTTPHeader* value) {
     QOR_ASSERT(m_pCurrentMessage);
+    // Most header lines are never asked for: a copy of the text does until one is.
     m_pCurrentMessage->m_headers.addHeader(name, value);
 }
 
 void HTTPMOMMsgHandler::content(ZULInputStream& is, int length) {
     QOR_ASSERT(m_pCurrentMessage);
+    // No room is taken for the length: it is only declared, and may be far from what comes.
     is.readFully(contentBuffer(), length);
 }
 

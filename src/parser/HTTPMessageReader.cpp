@@ -10,6 +10,7 @@ HTTPMessageReader::HTTPMessageReader(ZULBufferedInputStream& is) : m_stream(is) 
 
 HTTPMessageReader::~HTTPMessageReader() = default;
 
+// The results are written last: after a failed parse they are as they were.
 void HTTPMessageReader::getRequest(HTTPMessage* msg, std::string* uri) {
     QOR_ASSERT(uri);
     m_handler.setMessage(msg);

@@ -73,20 +73,26 @@ bool beginsWith(std::string_view text, std::string_view start) {
                       [](char a, char b) { return a == asciiLowerCase(b); });
 }
 
-// Eight letters at a time: the sums set a byte's highest bit from 'A' on and from behind 'Z' on,
-// without a carry into the next byte.
-void lowerCase(char* text, char const* end) {
+// The sums set a byte's highest bit from 'A' on and from behind 'Z' on, without a carry into the
+// next byte.
+void lowerCaseEight(char* text) {
     constexpr std::uint64_t kEach = 0x0101010101010101U;
-    for (; end - text >= 8; text += 8) {
-        std::uint64_t word;
-        std::memcpy(&word, text, 8);
-        std::uint64_t const low = word & kEach * 0x7F;
-        std::uint64_t const fromA = low + kEach * (0x80 - 'A');
-        std::uint64_t const behindZ = low + kEach * (0x7F - 'Z');
-        word |= (fromA & ~behindZ & ~word & kEach * 0x80) >> 2;
-        std::memcpy(text, &word, 8);
+    std::uint64_t word;
+    std::memcpy(&word, text, 8);
+    std::uint64_t const low = word & kEach * 0x7F;
+    std::uint64_t const fromA = low + kEach * (0x80 - 'A');
+    std::uint64_t const behindZ = low + kEach * (0x7F - 'Z');
+    word |= (fromA & ~behindZ & ~word & kEach * 0x80) >> 2;
+    std::memcpy(text, &word, 8);
+}
+
+void lowerCase(char* text, char* end) {
+    if (end - text < 8) {
+        for (; text != end; ++text) *text = asciiLowerCase(*text);
+        return;
     }
-    for (; text != end; ++text) *text = asciiLowerCase(*text);
+    for (; end - text > 8; text += 8) lowerCaseEight(text);
+    lowerCaseEight(end - 8);
 }
 
 // Whether HTTPMessage::trim could take something off the text: hardly ever for a header's name.
