@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <vector>
 
 #include <pcap/pcap.h>
 
@@ -13,20 +12,20 @@ constexpr std::size_t kHeader = 20;       // of IPv4 and of TCP, without options
 constexpr std::int64_t kInterval = 1000;  // microseconds between packets
 constexpr std::uint8_t kFin = 0x01, kSyn = 0x02, kPush = 0x08, kAck = 0x10;
 
-using Bytes = std::vector<std::uint8_t>;
+using Packet = std::array<std::uint8_t, 2 * kHeader + kSegment>;
 
-void put16(Bytes& to, std::size_t at, std::uint32_t value) {
+void put16(Packet& to, std::size_t at, std::uint32_t value) {
     to[at] = static_cast<std::uint8_t>(value >> 8);
     to[at + 1] = static_cast<std::uint8_t>(value);
 }
 
-void put32(Bytes& to, std::size_t at, std::uint32_t value) {
+void put32(Packet& to, std::size_t at, std::uint32_t value) {
     put16(to, at, value >> 16);
     put16(to, at + 2, value);
 }
 
 // The internet checksum, RFC 1071, of the bytes from `from` to `to` upon a sum begun elsewhere.
-std::uint32_t checksum(Bytes const& bytes, std::size_t from, std::size_t to, std::uint32_t sum) {
+std::uint32_t checksum(Packet const& bytes, std::size_t from, std::size_t to, std::uint32_t sum) {
     for (std::size_t i = from; i < to; i += 2)
         sum += static_cast<std::uint32_t>(bytes[i] << 8) + (i + 1 < to ? bytes[i + 1] : 0u);
     while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
@@ -72,11 +71,12 @@ void PcapFile::finish() {
 void PcapFile::packet(bool fromClient, std::uint8_t flags, std::string_view bytes) {
     Side& from = fromClient ? m_client : m_server;
     Side const& to = fromClient ? m_server : m_client;
-    Bytes p(2 * kHeader + bytes.size());
+    Packet p{};
+    std::size_t const size = 2 * kHeader + bytes.size();
     std::copy(bytes.begin(), bytes.end(), p.begin() + 2 * kHeader);
 
     p[0] = 0x45;  // version 4, five words of header
-    put16(p, 2, static_cast<std::uint32_t>(p.size()));
+    put16(p, 2, static_cast<std::uint32_t>(size));
     p[6] = 0x40;  // not to be fragmented
     p[8] = 64;    // hops
     p[9] = 6;     // TCP
@@ -93,13 +93,13 @@ void PcapFile::packet(bool fromClient, std::uint8_t flags, std::string_view byte
     put16(p, kHeader + 14, 65535);  // window
     // Of the pseudo header, RFC 9293 section 3.1, the addresses stand right before the segment.
     std::uint32_t const pseudo = 6 + static_cast<std::uint32_t>(kHeader + bytes.size());
-    put16(p, kHeader + 16, checksum(p, 12, p.size(), pseudo));
+    put16(p, kHeader + 16, checksum(p, 12, size, pseudo));
 
     from.next += static_cast<std::uint32_t>(bytes.size()) + (flags & (kSyn | kFin) ? 1 : 0);
     pcap_pkthdr header{};
     header.ts.tv_sec = static_cast<decltype(header.ts.tv_sec)>(m_microseconds / 1000000);
     header.ts.tv_usec = static_cast<decltype(header.ts.tv_usec)>(m_microseconds % 1000000);
-    header.caplen = header.len = static_cast<bpf_u_int32>(p.size());
+    header.caplen = header.len = static_cast<bpf_u_int32>(size);
     pcap_dump(reinterpret_cast<u_char*>(m_dumper.get()), &header, p.data());
     m_microseconds += kInterval;
 }

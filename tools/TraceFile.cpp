@@ -5,15 +5,16 @@
 #include <charconv>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 
 namespace {
 
 std::string contentOf(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::string content{std::istreambuf_iterator<char>(in), {}};
+    std::ifstream const in(path, std::ios::binary);
     if (!in) throw TraceError(path + ": " + std::strerror(errno));
-    return content;
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
 }
 
 struct BlockHeader {
