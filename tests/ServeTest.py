@@ -401,11 +401,11 @@ class Program(unittest.TestCase):
                         client.send(request(b'x') + request(PARTS, TYPE) + b'GET /\r\n')
                         self.assertEqual([client.answer()[0] for _ in range(3)], [200, 200, 400])
                         self.assertTrue(client.at_end())
-            exchange(50)
+            exchange(200)
             descriptors, resident = server.descriptors(), server.resident()
             exchange(300)
             self.assertLessEqual(server.descriptors(), descriptors + 1)
-            self.assertLess(server.resident(), resident + 2048)
+            self.assertLess(server.resident(), resident + 4096)
 
 
 if __name__ == '__main__':

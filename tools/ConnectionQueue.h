@@ -27,14 +27,19 @@ public:
     // No more will be offered.
     void close();
 
-    // Asked by every worker while its own connection is idle, so without the lock.
-    bool empty() const { return m_size.load(std::memory_order_relaxed) == 0; }
+    // Whether a connection waits that no one waits for. Asked for every answer, so without the
+    // lock.
+    bool crowded() const { return m_crowded.load(std::memory_order_relaxed); }
 
 private:
+    // With the lock held, after every change.
+    void update();
+
     std::size_t const m_capacity;
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::deque<int> m_descriptors;
-    std::atomic<std::size_t> m_size{0};
+    std::size_t m_takers = 0;
+    std::atomic<bool> m_crowded{false};
     bool m_closed = false;
 };

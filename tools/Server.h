@@ -55,7 +55,7 @@ public:
     std::string makeTraceFile();
 
     // Whether idle connections should give way: to others that wait for a worker, or to the end.
-    bool wantsIdleToEnd() const { return stopping() || !m_queue.empty(); }
+    bool wantsIdleToEnd() const { return stopping() || m_queue.crowded(); }
     bool stopping() const { return stopBy() != Deadline::Clock::time_point::max(); }
 
     // When everything has to be over; the end of time unless the server is stopping.
