@@ -1,5 +1,6 @@
 #include "sender/HTTPMessageSender.h"
 
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -15,19 +16,28 @@ char host_name[256] = "";
 
 namespace {
 
-std::mutex hostNameMutex;
+// The name is read aside, and published with its first byte last: whoever sees that byte sees all
+// of it, and only the first threads take the lock. A try that raises leaves the place empty, and
+// the next caller tries again.
+void readMachineName() {
+    static std::mutex mutex;
+    std::lock_guard<std::mutex> const lock(mutex);
+    if (host_name[0] != '\0') return;
+    SoapSocketInit const sockets;
+    char name[sizeof host_name] = "";
+    SoapSocket::GetInternetMachineName(name, sizeof name - 1);
+    std::memcpy(host_name + 1, name + 1, sizeof name - 1);
+    __atomic_store_n(host_name, name[0], __ATOMIC_RELEASE);
+}
 
-// The name is read aside and published whole: another thread sees all of it or none. A try that
-// raises leaves the place empty, and the next caller tries again.
 char const* machineName() {
-    std::lock_guard<std::mutex> const lock(hostNameMutex);
-    if (host_name[0] == '\0') {
-        SoapSocketInit const sockets;
-        char name[sizeof host_name] = "";
-        SoapSocket::GetInternetMachineName(name, sizeof name - 1);
-        std::memcpy(host_name, name, sizeof host_name);
-    }
+    if (__atomic_load_n(host_name, __ATOMIC_ACQUIRE) == '\0') readMachineName();
     return host_name;
+}
+
+template <std::size_t N>
+void append(QORByteBuffer& buffer, char const (&literal)[N]) {
+    buffer.appendChars(literal, N - 1);
 }
 
 void writeAll(ZULOutputStream& os, QORByteBuffer const& bytes) {
@@ -86,7 +96,8 @@ void HttpMsgNode::startRequest(char const* uri, int http10) {
     QOR_ASSERT(uri);
     reset();
     m_line.reset();
-    m_line << "POST " << uri << (http10 ? " HTTP/1.0\r\n" : " HTTP/1.1\r\n");
+    append(m_line, "POST ");
+    m_line << uri << (http10 ? " HTTP/1.0\r\n" : " HTTP/1.1\r\n");
     writeAll(*p_os_upstream, m_line);
     setRequestHeaders();
 }
@@ -95,7 +106,9 @@ void HttpMsgNode::startResponse(int code, char const* msg) {
     QOR_ASSERT(msg);
     reset();
     m_line.reset();
-    m_line << "HTTP/1.1 " << code << " " << msg << "\r\n";
+    append(m_line, "HTTP/1.1 ");
+    m_line << code << ' ' << msg;
+    append(m_line, "\r\n");
     writeAll(*p_os_upstream, m_line);
     setResponseHeaders();
 }
@@ -109,14 +122,15 @@ void HttpMsgNode::setHeader(char const* name, char const* value) {
 void HttpMsgNode::setHeader(char const* name, int value) {
     m_number.reset();
     m_number << value;
-    setHeader(name, m_number.str());
+    HTTPHeader header(m_number.str());  // digits: nothing to trim or take apart
+    headers.takeHeader(name, header);
 }
 
 void HttpMsgNode::writeHeaders() {
     QOR_ASSERT(p_os_upstream);
     m_block.reset();
     headers.dump(m_block);
-    m_block << "\r\n";
+    append(m_block, "\r\n");
     writeAll(*p_os_upstream, m_block);
 }
 
@@ -182,7 +196,7 @@ void MultipartHttpMsg::setResponseHeaders() {
 // RFC 2387 asks for the root part's type; a response leaves it out.
 void MultipartHttpMsg::stageContentType(char const* type) {
     m_line.reset();
-    m_line << "multipart/related; boundary=\"" << boundary.c_str() << "\"" << type;
+    m_line << "multipart/related; boundary=\"" << boundary.c_str() << '"' << type;
     setHeader("Content-Type", m_line.str());
 }
 
@@ -223,6 +237,7 @@ void MultipartHttpMsg::endOpenPart(HttpMsgNode* part) {
 void MultipartHttpMsg::writePartBoundary(int last) {
     QOR_ASSERT(p_os_content);
     m_line.reset();
-    m_line << "\r\n--" << boundary.c_str() << (last ? "--\r\n" : "\r\n");
+    append(m_line, "\r\n--");
+    m_line << boundary.c_str() << (last ? "--\r\n" : "\r\n");
     writeAll(*p_os_content, m_line);
 }
