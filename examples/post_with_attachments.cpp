@@ -48,8 +48,9 @@ void addFile(MultipartHttpMsg& message, std::string const& path) {
     part->setHeader("Content-Length", std::to_string(size).c_str());
     std::ifstream file(path, std::ios::binary);
     std::vector<char> block(65536);
-    while (file.read(block.data(), static_cast<std::streamsize>(block.size())), file.gcount() > 0) {
-        part->write(block.data(), static_cast<int>(file.gcount()));
+    while (file) {
+        file.read(block.data(), static_cast<std::streamsize>(block.size()));
+        if (file.gcount() > 0) part->write(block.data(), static_cast<int>(file.gcount()));
     }
     message.endPart(part);
 }

@@ -161,7 +161,7 @@ TEST_F(HTTPMessageSender, ReadsTheMachineNameOnceAndAgainAfterAFailure) {
         EXPECT_THROW(MultipartHttpMsg(os, 7, "b1"), SoapSocketException);
     }
     SystemCallFaults const none("");
-    OnePieceHttpMsg(os, 0), OnePieceHttpMsg(os, 0);
+    OnePieceHttpMsg const first(os, 0), second(os, 0);
     EXPECT_EQ("gethostname", SystemCallFaults::log());
     char name[256] = "";
     ::gethostname(name, 255);

@@ -34,8 +34,8 @@ bool boundaryOccurs(std::string const& boundary, std::istream& bytes) {
     std::string const delimiter = "--" + boundary;
     std::string window;
     std::vector<char> block(65536);
-    while (bytes.read(block.data(), static_cast<std::streamsize>(block.size())),
-           bytes.gcount() > 0) {
+    while (bytes) {
+        bytes.read(block.data(), static_cast<std::streamsize>(block.size()));
         window.append(block.data(), static_cast<std::size_t>(bytes.gcount()));
         if (window.find(delimiter) != std::string::npos) return true;
         // The end of a block may be the beginning of a delimiter.

@@ -43,8 +43,9 @@ void writeBody(OnePieceHttpMsg& node, SentFile& file) {
     std::vector<char> block(kBlock);
     Sha256 digest;
     long long sent = 0;
-    while (stream.read(block.data(), static_cast<std::streamsize>(block.size())),
-           stream.gcount() > 0) {
+    while (stream) {
+        stream.read(block.data(), static_cast<std::streamsize>(block.size()));
+        if (stream.gcount() == 0) break;
         digest.add(block.data(), static_cast<std::size_t>(stream.gcount()));
         sent += stream.gcount();
         // The size may be on the wire already: what goes beyond it would be read as what follows.
