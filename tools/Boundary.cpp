@@ -1,11 +1,10 @@
 #include "tools/Boundary.h"
 
 #include <algorithm>
-#include <istream>
 #include <random>
-#include <vector>
 
 #include "message/HTTPMessage.h"
+#include "tools/BlockReader.h"
 
 namespace {
 
@@ -33,10 +32,8 @@ std::string makeBoundary() {
 bool boundaryOccurs(std::string const& boundary, std::istream& bytes) {
     std::string const delimiter = "--" + boundary;
     std::string window;
-    std::vector<char> block(65536);
-    while (bytes) {
-        bytes.read(block.data(), static_cast<std::streamsize>(block.size()));
-        window.append(block.data(), static_cast<std::size_t>(bytes.gcount()));
+    for (BlockReader block(bytes); block.next();) {
+        window.append(block.bytes(), block.size());
         if (window.find(delimiter) != std::string::npos) return true;
         // The end of a block may be the beginning of a delimiter.
         window.erase(0, window.size() - std::min(window.size(), delimiter.size() - 1));

@@ -103,7 +103,7 @@ void PartFiles::save(HTTPMessage& message, std::string const& prefix,
 
 std::string PartFiles::write(std::string const& name, char const* bytes, int n) const {
     for (int number = 1;; ++number) {
-        std::string const candidate = numbered(name, number);
+        std::string candidate = numbered(name, number);
         int const flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
         int const descriptor = ::openat(m_descriptor, candidate.c_str(), flags, 0666);
         if (descriptor == -1 && errno == EEXIST) continue;

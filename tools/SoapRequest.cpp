@@ -9,14 +9,13 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "tools/BlockReader.h"
 #include "tools/Boundary.h"
 #include "tools/PartFiles.h"
 #include "tools/Sha256.h"
 #include "tools/WholeMessage.h"
 
 namespace {
-
-constexpr std::size_t kBlock = 65536;
 
 // The fields asked for come last, so that they replace those made here.
 template <class Node>
@@ -40,17 +39,14 @@ std::ifstream open(std::string const& path) {
 // The file's bytes, block by block, as the body of a node.
 void writeBody(OnePieceHttpMsg& node, SentFile& file) {
     std::ifstream stream = open(file.path);
-    std::vector<char> block(kBlock);
     Sha256 digest;
     long long sent = 0;
-    while (stream) {
-        stream.read(block.data(), static_cast<std::streamsize>(block.size()));
-        if (stream.gcount() == 0) break;
-        digest.add(block.data(), static_cast<std::size_t>(stream.gcount()));
-        sent += stream.gcount();
+    for (BlockReader block(stream); block.next();) {
+        sent += static_cast<long long>(block.size());
         // The size may be on the wire already: what goes beyond it would be read as what follows.
         if (sent > file.size) break;
-        node.write(block.data(), static_cast<int>(stream.gcount()));
+        digest.add(block.bytes(), block.size());
+        node.write(block.bytes(), static_cast<int>(block.size()));
     }
     if (stream.bad() || sent != file.size)
         throw std::runtime_error(file.path + ": can't be read, or its size has changed");
