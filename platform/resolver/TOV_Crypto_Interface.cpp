@@ -38,7 +38,7 @@ addrinfo* listOf(unsigned long handle) {
     return list == &emptyList ? nullptr : list;
 }
 
-// An empty host has no address, although the system takes it for every interface or for this one.
+// The system would look an empty host up like a name, and take a missing one for this machine.
 addrinfo* resolve(char const* host, unsigned short port, int flags) {
     if (!host || !*host) return nullptr;
     addrinfo wanted{};

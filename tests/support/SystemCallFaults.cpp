@@ -3,9 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
-#include <map>
 #include <sstream>
+#include <string>
 #include <vector>
 
 #include <poll.h>
@@ -16,15 +17,9 @@ namespace {
 
 struct Step {
     std::string call;
-    int first, last;  // of the calls of that name, from 1
+    long first, last;  // of the calls of that name, from 1
     int error, value;
 };
-
-struct Script {
-    std::vector<Step> steps;
-    std::vector<std::string> calls;
-};
-thread_local Script* t_script = nullptr;
 
 // 0: the text is no error's name.
 int errorNumber(std::string const& name) {
@@ -33,49 +28,47 @@ int errorNumber(std::string const& name) {
     return 0;
 }
 
-// call[@n]=result[*times]
-Step parsed(std::string const& word) {
-    std::size_t const equals = word.find('='), at = std::min(word.find('@'), equals);
-    std::size_t const star = std::min(word.find('*'), word.size());
-    std::string const result = word.substr(equals + 1, star - equals - 1);
-    int const first = at == equals ? 1 : std::stoi(word.substr(at + 1));
-    int const times = star == word.size() ? 1 : std::stoi(word.substr(star + 1));
-    int const error = errorNumber(result);
-    return {word.substr(0, at), first, first + times - 1, error, error ? -1 : std::stoi(result)};
-}
+std::vector<Step> s_steps;  // of the one script at a time
+std::vector<std::string> s_calls;
+thread_local bool t_scripted = false;
 
 template <class Real>
 auto scripted(char const* call, Real const& real, std::size_t* room = nullptr) -> decltype(real()) {
-    if (!t_script) return real();
-    t_script->calls.emplace_back(call);
-    auto const n = std::count(t_script->calls.begin(), t_script->calls.end(), call);
-    for (Step const& s : t_script->steps)
-        if (s.call == call && s.first <= n && n <= s.last) {
-            if (room && !s.error) *room = std::min(*room, static_cast<std::size_t>(s.value));
-            if (room && !s.error) return real();
-            errno = s.error;
-            return s.value;
-        }
+    if (!t_scripted) return real();
+    s_calls.emplace_back(call);
+    long const n = std::count(s_calls.begin(), s_calls.end(), call);
+    for (Step const& s : s_steps) {
+        if (s.call != call || n < s.first || n > s.last) continue;
+        errno = s.error;
+        if (s.error || !room) return s.value;
+        *room = std::min(*room, static_cast<std::size_t>(s.value));
+    }
     return real();
 }
 
 }  // namespace
 
 SystemCallFaults::SystemCallFaults(std::string const& script) {
-    static thread_local Script s_script;
-    s_script = {};
+    s_steps.clear();
+    s_calls.clear();
     std::istringstream words(script);
-    for (std::string word; words >> word;) s_script.steps.push_back(parsed(word));
-    t_script = &s_script;
+    for (std::string word; words >> word;) {
+        char call[32], result[32];
+        long first = 1, times = 1;
+        if (std::sscanf(word.c_str(), "%31[a-z]=%31[^*]*%ld", call, result, &times) < 2)
+            std::sscanf(word.c_str(), "%31[a-z]@%ld=%31[^*]*%ld", call, &first, result, &times);
+        int const error = errorNumber(result);
+        s_steps.push_back({call, first, first + times - 1, error, error ? -1 : std::stoi(result)});
+    }
+    t_scripted = true;
 }
 
-SystemCallFaults::~SystemCallFaults() { t_script = nullptr; }
+SystemCallFaults::~SystemCallFaults() { t_scripted = false; }
 
 std::string SystemCallFaults::log() {
     std::string text;
-    auto const& calls = t_script->calls;
-    for (auto i = calls.begin(); i != calls.end();) {
-        auto const next = std::find_if(i, calls.end(), [i](auto const& c) { return c != *i; });
+    for (auto i = s_calls.begin(); i != s_calls.end();) {
+        auto const next = std::find_if(i, s_calls.end(), [i](auto const& c) { return c != *i; });
         text += (text.empty() ? "" : " ") + *i;
         if (next - i > 1) text += "*" + std::to_string(next - i);
         i = next;

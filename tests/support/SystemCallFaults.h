@@ -3,7 +3,7 @@
 #include <string>
 
 // Makes calls of the system fail by a script, and keeps a log of them: those that our own objects
-// make on this thread while the script lives.
+// make on this thread while the script lives; one script lives at a time.
 //
 // A script is a list of "call=result" or "call@n=result", for the first or the nth call:
 //   "send=EPIPE" fails, "connect=EINTR*10" fails ten times in a row, "recv=3" may take 3 bytes at
