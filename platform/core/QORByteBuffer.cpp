@@ -13,6 +13,7 @@ static char const kSourceFile[] = "QORByteBuffer";
 
 namespace {
 
+// Lengths are handed on as int, by the streams above all.
 constexpr unsigned int kMaxLength = INT_MAX;
 
 [[noreturn]] void raiseOutOfMemory(int line) {
@@ -28,8 +29,10 @@ char* allocate(unsigned int capacity) {
     return static_cast<char*>(bytes);
 }
 
+// Pointers into different blocks may be compared as numbers only.
 std::uintptr_t addressOf(char const* byte) { return reinterpret_cast<std::uintptr_t>(byte); }
 
+// What isspace takes for white space in the POSIX locale.
 bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 }  // namespace
@@ -64,6 +67,7 @@ QORByteBuffer& QORByteBuffer::operator<<(char byte) {
     return *this;
 }
 
+// A sign and ten digits at most. to_chars, because it knows no locale and takes no memory.
 QORByteBuffer& QORByteBuffer::operator<<(int number) {
     char digits[16];
     char* const end = digits + sizeof digits;
@@ -75,8 +79,10 @@ QORByteBuffer& QORByteBuffer::operator<<(int number) {
 }
 
 void QORByteBuffer::appendChars(char const* bytes, unsigned int n) {
+    // No bytes may come as a null pointer, which memcpy must not see.
     if (n == 0) return;
     if (n > m_capacity - m_length) {
+        // The sum itself could wrap.
         if (n > kMaxLength - m_length) raiseOutOfMemory(__LINE__);
         // Growing may move bytes of our own that are to be appended.
         std::size_t const offset = addressOf(bytes) - addressOf(m_bytes);
@@ -94,6 +100,7 @@ void QORByteBuffer::reset() {
     m_bytes[0] = '\0';
 }
 
+// The end first: it is what most lines need, and moves nothing.
 unsigned int QORByteBuffer::trim() {
     char* begin = m_bytes;
     char* end = m_bytes + m_length;
@@ -111,24 +118,29 @@ void QORByteBuffer::reserve(unsigned int total) {
     if (total > m_capacity) growTo(total);
 }
 
+// Beyond the room the caller can't have written, so such a length is a mistake in its counting.
 void QORByteBuffer::setLength(unsigned int n) {
     if (n > m_capacity) raiseOutOfMemory(__LINE__);
     m_length = n;
     m_bytes[n] = '\0';
 }
 
-// Doubles at least, so that many small appends cost O(n); where so much is not to be had, takes
-// what is needed now.
+// Trebles at least: until n bytes stand, at most n / 2 have been moved, and the room not yet used
+// is address space only. Where that much is not to be had, smaller steps are tried, down to what is
+// needed now, so that appending stays linear as long as it can.
 void QORByteBuffer::growTo(unsigned int total) {
     if (total > kMaxLength) raiseOutOfMemory(__LINE__);
-    unsigned int const step = std::min(std::max(m_capacity, m_growth), kMaxLength - m_capacity);
-    unsigned int capacity = std::max(total, m_capacity + step);
-    void* bytes = std::realloc(m_bytes, std::size_t{capacity} + 1);
-    if (!bytes && capacity > total) {
-        capacity = total;
-        bytes = std::realloc(m_bytes, std::size_t{capacity} + 1);
+    unsigned int const left = kMaxLength - m_capacity;
+    unsigned int step = std::max(m_growth, m_capacity > left / 2 ? left : m_capacity * 2);
+    step = std::min(step, left);
+    for (;; step /= 4) {
+        unsigned int const capacity = std::max(total, m_capacity + step);
+        void* const bytes = std::realloc(m_bytes, std::size_t{capacity} + 1);
+        if (bytes) {
+            m_bytes = static_cast<char*>(bytes);
+            m_capacity = capacity;
+            return;
+        }
+        if (capacity == total) raiseOutOfMemory(__LINE__);
     }
-    if (!bytes) raiseOutOfMemory(__LINE__);
-    m_bytes = static_cast<char*>(bytes);
-    m_capacity = capacity;
 }

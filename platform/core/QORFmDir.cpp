@@ -26,6 +26,7 @@ std::string pathIn(std::string_view folder, std::string const& fileName) {
 }  // namespace
 
 bool QORFmDir::resolveEffectivePath(std::string& fileName) {
+    // The named folder alone is looked in: who names one does not want another module instead.
     // A process that runs with more rights than its user must not load that user's code.
     char const* const named = secure_getenv("QOR_MODULE_PATH");
     if (named && *named) {
@@ -35,6 +36,7 @@ bool QORFmDir::resolveEffectivePath(std::string& fileName) {
     std::string_view const folder = ownFolder();
     if (folder.empty()) return false;
     std::string path = pathIn(folder, fileName);
+    // Elsewhere the loader's own search may still find it.
     if (access(path.c_str(), F_OK) != 0) return false;
     fileName = std::move(path);
     return true;

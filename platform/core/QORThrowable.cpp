@@ -7,8 +7,11 @@ static char const kSourceFile[] = "QORThrowable";
 
 namespace {
 
+// Callers may leave out any text, and std::string takes no null.
 char const* orEmpty(char const* text) { return text ? text : ""; }
 
+// A copy on the heap. Running out of memory while a throwable is copied is told in this library's
+// own terms, as everywhere.
 template <class T>
 T* copyOf(T const& original, int line) {
     try {
@@ -19,6 +22,7 @@ T* copyOf(T const& original, int line) {
     }
 }
 
+// "QOR_THROW at HTTPParser:120 in void HTTPParser::..."
 std::string stationText(QORBackTraceEntry const& entry) {
     std::string text(orEmpty(entry.macro));
     text.append(" at ").append(orEmpty(entry.location.getFileName()));
@@ -37,6 +41,7 @@ I18NString::I18NString(char const* text, char const* catalogue, int number, Form
       m_format(format),
       m_context(context) {}
 
+// The callback is asked each time: the language may change while the message lives.
 char const* I18NString::getText() const { return m_format ? m_format(m_context) : m_text.c_str(); }
 
 void I18NString::setText(char const* text) { m_text = orEmpty(text); }
@@ -59,6 +64,8 @@ QORThrowable& QORThrowable::operator=(QORThrowable const& other) {
     return *this;
 }
 
+// clone and hurl stand anew in every class below: new T(*this) and throw *this go by the type that
+// the compiler sees, and would cut a derived object down to its base.
 QORThrowable* QORThrowable::clone() const { return copyOf(*this, __LINE__); }
 
 void QORThrowable::hurl(QORFileLocation const& where, char const* method, char const* macro) {
@@ -70,6 +77,7 @@ char const* QORThrowable::getMessage() { return nullptr; }
 char const* QORThrowable::getMessage() const { return nullptr; }
 char const* QORThrowable::getThrowableName() const { return "QORThrowable"; }
 
+// Through the virtual form, so that a class adds its line to both by overriding one.
 char const* QORThrowable::toString() {
     I18NString text(nullptr, nullptr, -1, nullptr, nullptr);
     toString("", "\n", text, -1);
@@ -84,6 +92,7 @@ void QORThrowable::toString(char const* prefix, char const* separator, I18NStrin
 
 void QORThrowable::addBackTrace(QORFileLocation const& where, char const* method,
                                 char const* macro) {
+    // Full: the newest station is dropped, since the oldest tell where it began.
     QORBackTrace& trace = m_backTrace;
     if (trace.m_count < QORBackTrace::kCapacity)
         trace.m_entries[trace.m_count++] = QORBackTraceEntry{where, method, macro};
@@ -94,7 +103,7 @@ void QORThrowable::describe(std::string const& headline, char const* prefix, cha
     std::string lines(orEmpty(prefix));
     lines.append(headline);
     for (QORBackTraceEntry const& entry : m_backTrace) {
-        if (entries-- == 0) break;
+        if (entries-- == 0) break;  // below 0 it never gets there
         lines.append(orEmpty(separator)).append(orEmpty(prefix)).append(stationText(entry));
     }
     text.setText(lines.c_str());
@@ -125,6 +134,7 @@ char const* QORException::getMessage() {
     return static_cast<QORException const*>(this)->getMessage();
 }
 
+// An empty text is a text; no text at all lets the messages speak.
 char const* QORException::getMessage() const {
     if (m_hasText) return m_text.c_str();
     return m_messages.size() > 0 ? m_messages[0].getText() : nullptr;
@@ -141,10 +151,13 @@ void QORException::toString(char const* prefix, char const* separator, I18NStrin
 }
 
 QORException& QORException::operator<<(QORMessageBase const& message) {
+    // Owned before the list grows, which can fail.
     std::shared_ptr<QORMessageBase const> copy(message.clone());
     m_messages.m_messages.push_back(std::move(copy));
     return *this;
 }
+
+// The errors without members of their own differ in name and type alone.
 
 QORAssertError::QORAssertError(long code, char const* text)
     : QORException(QORSeverity::Error, code, text) {}

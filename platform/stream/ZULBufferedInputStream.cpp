@@ -16,10 +16,14 @@ void requireAtLeast(int least, int n, int line) {
                                   QORFileLocation(kSourceFile, line));
 }
 
+int roomIn(QORByteBuffer const& buf) { return static_cast<int>(buf.capacity() - buf.pcount()); }
+
 char const* endOf(QORByteBuffer const& buf) { return buf.str() + buf.pcount(); }
 
 }  // namespace
 
+// The storage grows to the full size at once, at the first read that needs it: a growth step of 1
+// leaves the rest to reserve.
 ZULBufferedInputStream::ZULBufferedInputStream(ZULInputStream& in, int size)
     : ZULFilterInputStream(in), m_readAhead(0, 1), m_position(0), m_size(size), m_maxLine(0) {
     requireAtLeast(1, size, __LINE__);
@@ -32,7 +36,10 @@ int ZULBufferedInputStream::read(QORByteBuffer& buf, int n) {
     requireAtLeast(0, n, __LINE__);
     if (n == 0) return 0;
     if (buffered() == 0) {
-        if (n >= m_size) return ZULFilterInputStream::read(buf, n);
+        // Straight into the buffer's free room. It grows only for bytes that are here: to learn
+        // that the input has ended, a body that just fits would else be moved.
+        int const room = roomIn(buf);
+        if (std::min(n, room) >= m_size) return ZULFilterInputStream::read(buf, std::min(n, room));
         if (fill() < 0) return -1;
     }
     int const given = std::min(n, buffered());
@@ -64,6 +71,7 @@ bool ZULBufferedInputStream::canUnread() { return true; }
 void ZULBufferedInputStream::unread(char const* bytes, int n) {
     requireAtLeast(0, n, __LINE__);
     unsigned int const count = static_cast<unsigned int>(n);
+    // Mostly they are what was just taken, and their place in front is still there.
     if (n > m_position) {
         unsigned int const have = static_cast<unsigned int>(buffered());
         m_readAhead.reserve(count + have);
@@ -76,6 +84,8 @@ void ZULBufferedInputStream::unread(char const* bytes, int n) {
     if (n > 0) std::memmove(m_readAhead.str() + m_position, bytes, count);
 }
 
+// Looks for the LF in all that is buffered at once, and copies each byte once. A CR is cut off at
+// the end, from buf, because it may have come with an earlier piece.
 int ZULBufferedInputStream::readLine(QORByteBuffer& buf) {
     unsigned int const before = buf.pcount();
     while (buffered() > 0 || fill() > 0) {
@@ -118,6 +128,7 @@ void ZULBufferedInputStream::skip(int n) {
     m_position += n;
 }
 
+// An empty buffer before the read: if that raises, nothing stale is left to be taken.
 int ZULBufferedInputStream::fill() {
     ZULInputStream& in = beneath();
     m_readAhead.reset();

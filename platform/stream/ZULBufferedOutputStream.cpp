@@ -17,6 +17,7 @@ void ZULBufferedOutputStream::write(char const* data, int length) {
     if (length < 0)
         ZULStreamException::raise(ZULStreamException::ZUL_ERR_NEGATIVE_COUNT,
                                   QORFileLocation(kSourceFile, __LINE__));
+    // Order counts: what is held goes out before bytes that pass by it.
     if (length > m_size - static_cast<int>(m_held.pcount())) {
         sendHeld();
         if (length >= m_size) return m_out.write(data, length);
@@ -29,10 +30,12 @@ void ZULBufferedOutputStream::flush() {
     m_out.flush();
 }
 
+// Its own flush, whatever a derived class makes of it: the bytes held are known here.
 void ZULBufferedOutputStream::close() { ZULBufferedOutputStream::flush(); }
 
 void ZULBufferedOutputStream::sendHeld() {
     if (m_held.pcount() == 0) return;
+    // Also where the write raises: part of the bytes may be on the wire already.
     struct Emptying {
         ~Emptying() { held.reset(); }
         QORByteBuffer& held;

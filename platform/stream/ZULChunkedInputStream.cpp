@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 
+#include "foundation/QORByteBuffer.h"
 #include "foundation/QORThrowable.h"
 
 static char const kSourceFile[] = "ZULChunkedInputStream";
@@ -10,6 +11,8 @@ static char const kSourceFile[] = "ZULChunkedInputStream";
 namespace {
 
 constexpr int kMaxDigits = 8;
+// RFC 9112 section 7.1.1: a recipient limits the length of extensions. Trailer fields are dropped
+// here, so no more of them is read than of a header.
 constexpr int kMaxExtension = 4 * 1024;
 constexpr int kMaxTrailer = 64 * 1024;
 
@@ -38,36 +41,33 @@ void ZULChunkedInputStream::detach() {
     m_pBuffered = nullptr;
 }
 
+// The buffer grows only for data that this chunk has: to learn that it has ended, a body that just
+// fits would else be moved.
+int ZULChunkedInputStream::read(QORByteBuffer& buf, int n) {
+    if (n > 0) {
+        if (!findData()) return -1;
+        unsigned int const room = buf.capacity() - buf.pcount();
+        n = std::min(n, static_cast<int>(std::max(room, m_left)));
+    }
+    return ZULFilterInputStream::read(buf, n);
+}
+
 int ZULChunkedInputStream::read(char* bytes, int n) {
     if (n < 0)
         ZULStreamException::raise(ZULStreamException::ZUL_ERR_NEGATIVE_COUNT,
                                   QORFileLocation(kSourceFile, __LINE__));
-    int got = 0;
-    while (got < n && m_state != State::End && m_state != State::Failed) {
-        beneath();
-        // What has been decoded is given before anything is waited for.
-        if (got > 0 && m_pBuffered->buffered() == 0) break;
+    if (n == 0) return 0;
+    if (!findData()) return -1;
+    int got = readData(bytes, n);
+    // What has been decoded is given before anything is waited for, and before an error is told.
+    while (got < n && m_pBuffered->buffered() > 0) {
         if (m_state == State::Data)
             got += readData(bytes + got, n - got);
-        else
+        else if (inFraming())
             readFraming();
+        else
+            break;
     }
-    if (got > 0 || n == 0) return got;
-    if (m_state == State::Failed)
-        ZULStreamException::raise(m_fault, QORFileLocation(kSourceFile, __LINE__));
-    return -1;
-}
-
-// One read beneath; it gives buffered bytes where there are any, and then can't wait.
-int ZULChunkedInputStream::readData(char* bytes, int n) {
-    int const wanted = std::min(n, static_cast<int>(m_left));
-    int const got = m_pBuffered->read(bytes, wanted);
-    if (got <= 0) {
-        fail(ZULStreamException::ZUL_ERR_END_OF_INPUT);
-        return 0;
-    }
-    m_left -= static_cast<unsigned int>(got);
-    if (m_left == 0) enter(State::DataCr);
     return got;
 }
 
@@ -75,13 +75,58 @@ bool ZULChunkedInputStream::inFraming() const {
     return m_state != State::Data && m_state != State::End && m_state != State::Failed;
 }
 
+// Reads framing until chunk data follows; false at the end of the body.
+bool ZULChunkedInputStream::findData() {
+    while (inFraming()) {
+        beneath();
+        readFraming();
+    }
+    if (m_state == State::Failed) raiseFault();
+    return m_state == State::Data;
+}
+
+// One read beneath; it gives buffered bytes where there are any, and then can't wait.
+int ZULChunkedInputStream::readData(char* bytes, int n) {
+    beneath();
+    int const got = m_pBuffered->read(bytes, std::min(n, static_cast<int>(m_left)));
+    if (got <= 0) {
+        fail(ZULStreamException::ZUL_ERR_END_OF_INPUT);
+        raiseFault();
+    }
+    m_left -= static_cast<unsigned int>(got);
+    if (m_left == 0) enter(State::DataCr);
+    return got;
+}
+
+// Takes what is buffered, up to the data or the end of the body and no byte further.
 void ZULChunkedInputStream::readFraming() {
     int available = 0;
     char const* const bytes = m_pBuffered->peek(available);
     if (available == 0) return fail(ZULStreamException::ZUL_ERR_END_OF_INPUT);
-    int taken = 0;
+    int taken = takePlainSizeLine(bytes, available);
     while (taken < available && inFraming()) takeFramingByte(bytes[taken++]);
     m_pBuffered->skip(taken);
+}
+
+// Nearly every chunk begins with a size and nothing else, and the whole line is at hand: then it is
+// taken in one look. Gives 0, and leaves all to the byte-wise reading, where anything differs.
+int ZULChunkedInputStream::takePlainSizeLine(char const* bytes, int available) {
+    char const* next = bytes;
+    char const* const end = bytes + available;
+    auto const takeCrLf = [&] {
+        if (end - next < 2 || next[0] != '\r' || next[1] != '\n') return false;
+        next += 2;
+        return true;
+    };
+    if (m_state == State::DataCr ? !takeCrLf() : m_state != State::Size || m_count > 0) return 0;
+    char const* const digits = next;
+    unsigned int size = 0;
+    while (next < end && next - digits < kMaxDigits && digitValue(*next) < 16)
+        size = size * 16 + digitValue(*next++);
+    if (size == 0 || size > INT_MAX || !takeCrLf()) return 0;
+    m_left = size;
+    enter(State::Data);
+    return static_cast<int>(next - bytes);
 }
 
 void ZULChunkedInputStream::takeFramingByte(char byte) {
@@ -110,6 +155,8 @@ void ZULChunkedInputStream::takeFramingByte(char byte) {
     }
 }
 
+// RFC 9112 section 7.1: 1*HEXDIG, nothing before it. Eight digits fit m_left; more, leading zeros
+// too, are refused, as some readers would count in fewer bits and see another size.
 void ZULChunkedInputStream::takeSizeByte(char byte) {
     unsigned int const digit = digitValue(byte);
     if (digit < 16) {
@@ -123,6 +170,7 @@ void ZULChunkedInputStream::takeSizeByte(char byte) {
     takeByteBehindSize(byte);
 }
 
+// White space, then perhaps ";" and an extension, which may hold anything but a line's end.
 void ZULChunkedInputStream::takeByteBehindSize(char byte) {
     if (byte == '\r') return enter(State::SizeLf);
     if (byte == '\n') return fail(ZULStreamException::ZUL_ERR_CHUNK_END);
@@ -132,6 +180,7 @@ void ZULChunkedInputStream::takeByteBehindSize(char byte) {
     m_state = State::Extension;
 }
 
+// Lines of any content; the empty one ends the body.
 void ZULChunkedInputStream::takeTrailerByte(char byte) {
     if (m_state == State::Trailer && byte == '\r') return enter(State::BodyLf);
     if (++m_count > kMaxTrailer) return fail(ZULStreamException::ZUL_ERR_TRAILER_TOO_LONG);
@@ -158,7 +207,12 @@ void ZULChunkedInputStream::enter(State state) {
     m_count = 0;
 }
 
+// Does not raise yet: data in front of the fault is given first.
 void ZULChunkedInputStream::fail(ZULStreamException::Fault fault) {
     m_state = State::Failed;
     m_fault = fault;
+}
+
+void ZULChunkedInputStream::raiseFault() const {
+    ZULStreamException::raise(m_fault, QORFileLocation(kSourceFile, __LINE__));
 }

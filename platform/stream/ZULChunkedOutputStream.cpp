@@ -14,10 +14,11 @@ namespace {
 
 constexpr char kCrLf[] = "\r\n";
 constexpr char kLastChunk[] = "0\r\n\r\n";
-constexpr int kFirstRoom = 256;
+constexpr int kFirstRoom = 256;  // most bodies in chunks are short messages
 
 }  // namespace
 
+// A chunk and its framing must fit the buffer, so the largest sizes are cut a little.
 ZULChunkedOutputStream::ZULChunkedOutputStream(ZULOutputStream& out, int size)
     : m_out(out),
       m_size(std::min(size, INT_MAX - kSizeLine - 2)),
@@ -56,6 +57,7 @@ void ZULChunkedOutputStream::flush() {
 void ZULChunkedOutputStream::close() {
     if (!m_open) return;
     ZULChunkedOutputStream::flush();
+    // Closed even if this fails: a second last chunk would only confuse the reader.
     m_open = false;
     m_out.write(kLastChunk, sizeof kLastChunk - 1);
 }
@@ -65,6 +67,8 @@ void ZULChunkedOutputStream::reset() {
     m_open = false;
 }
 
+// The size line goes into the room before the data and ends where they begin, so that they are not
+// moved, whatever its length.
 void ZULChunkedOutputStream::writeHeld() {
     char line[kSizeLine];
     char* const end = std::to_chars(line, line + sizeof line, held(), 16).ptr;

@@ -10,7 +10,10 @@ static char const kSourceFile[] = "ZULInputStream";
 
 namespace {
 
+// What one read may ask for before anything has arrived, and the room below which growing is better
+// than a short read.
 constexpr int kFirstPiece = 64 * 1024;
+constexpr int kWorthReading = 4 * 1024;
 
 void requireCount(int n, int line) {
     if (n < 0)
@@ -48,14 +51,18 @@ ZULInputStream::~ZULInputStream() = default;
 int ZULInputStream::read(QORByteBuffer& buf, int n) {
     requireCount(n, __LINE__);
     if (n == 0) return 0;
-    // A count is a wish, not a promise: it gets no more room at once than what is there already.
-    int const piece = std::min(n, std::max(kFirstPiece, static_cast<int>(buf.pcount())));
+    // A count is a wish, not a promise: free room is used up first, and then no more is taken at
+    // once than is there already.
+    int const room = static_cast<int>(buf.capacity() - buf.pcount());
+    int const most = std::max(kFirstPiece, static_cast<int>(buf.pcount()));
+    int const piece = std::min(n, room >= kWorthReading ? room : most);
     Arrival arrival(buf, piece);
     return arrival.count = read(arrival.begin(), piece);
 }
 
 int ZULInputStream::readFully(QORByteBuffer& buf, int n) {
     requireCount(n, __LINE__);
+    // A stream that gives 0 against its contract would keep us here for ever: that is an end too.
     for (int done = 0; done < n;) {
         int const got = read(buf, std::min(n - done, std::max(kFirstPiece, done)));
         if (got <= 0) raiseEndOfInput(__LINE__);
@@ -81,6 +88,8 @@ int ZULInputStream::read() {
 
 void ZULInputStream::close() {}
 bool ZULInputStream::canUnread() { return false; }
+// Not a QORThrowable: who calls it without asking canUnread has a mistake to mend, not a failure to
+// handle.
 void ZULInputStream::unread(char const*, int) {
     static char const kText[] = "not implemented";
     throw static_cast<char const*>(kText);
@@ -104,6 +113,7 @@ int ZULFilterInputStream::read(char* bytes, int n) {
 ZULInputStream* ZULFilterInputStream::getInputStream() { return m_pIn; }
 void ZULFilterInputStream::detach() { m_pIn = nullptr; }
 
+// Every way to the stream beneath leads through here: detached, it may be gone.
 ZULInputStream& ZULFilterInputStream::beneath() {
     QOR_ASSERT(m_pIn);
     return *m_pIn;

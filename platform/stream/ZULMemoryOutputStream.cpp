@@ -6,6 +6,7 @@ static char const kSourceFile[] = "ZULMemoryOutputStream";
 
 namespace {
 
+// Before the conversion: as unsigned, -1 is a size that only fails for want of memory.
 unsigned int checkedSize(int n, int line) {
     if (n < 0)
         ZULStreamException::raise(ZULStreamException::ZUL_ERR_NEGATIVE_COUNT,

@@ -10,6 +10,7 @@ ZULStreamException::ZULStreamException(ZULStreamException const&) = default;
 ZULStreamException& ZULStreamException::operator=(ZULStreamException const&) = default;
 ZULStreamException::~ZULStreamException() = default;
 
+// As the core library does for its own throwables.
 ZULStreamException* ZULStreamException::clone() const {
     try {
         return new ZULStreamException(*this);
@@ -30,6 +31,7 @@ void ZULStreamException::raise(Fault fault, QORFileLocation const& where) {
     ZULStreamException(fault).hurl(where, nullptr, "QOR_THROW");
 }
 
+// No default: the compiler tells of a fault without a text.
 char const* ZULStreamException::getMessageString(Fault fault) {
     switch (fault) {
         case ZUL_ERR_END_OF_INPUT:

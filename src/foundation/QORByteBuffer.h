@@ -53,6 +53,9 @@ public:
     char* str() const { return m_bytes; }
     unsigned int pcount() const { return m_length; }
 
+    // The bytes there is room for in all.
+    unsigned int capacity() const { return m_capacity; }
+
 private:
     void growTo(unsigned int total);
 

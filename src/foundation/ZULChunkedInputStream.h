@@ -23,6 +23,9 @@ public:
 
     using ZULFilterInputStream::read;
 
+    // Takes no room in buf before there is data to come.
+    int read(QORByteBuffer& buf, int n) override;
+
     // At most n bytes of chunk data; joins the data of chunks as far as they are buffered beneath.
     int read(char* bytes, int n) override;
 
@@ -47,8 +50,10 @@ private:
     };
 
     bool inFraming() const;
+    bool findData();
     int readData(char* bytes, int n);
     void readFraming();
+    int takePlainSizeLine(char const* bytes, int available);
     void takeFramingByte(char byte);
     void takeSizeByte(char byte);
     void takeByteBehindSize(char byte);
@@ -56,6 +61,7 @@ private:
     void expect(char wanted, char byte, State next);
     void enter(State state);
     void fail(ZULStreamException::Fault fault);
+    [[noreturn]] void raiseFault() const;
 
     ZULBufferedInputStream* m_pBuffered;  // the stream beneath, by its own type
     State m_state;

@@ -28,9 +28,9 @@ public:
     virtual int read(char* bytes, int n) = 0;
 
     // Exactly n bytes, in as many reads as it takes; n. Raises ZULStreamException when the input
-    // ends first; what was appended to buf by then stays. Room is made in pieces, each at most the
-    // larger of 64 KiB and what has already arrived, so that a length that was only declared costs
-    // no memory.
+    // ends first; what was appended to buf by then stays. Asks in pieces, each at most the larger
+    // of 64 KiB and what has already arrived, so that a length that was only declared costs no
+    // memory.
     virtual int readFully(QORByteBuffer& buf, int n);
     virtual int readFully(char* bytes, int n);
 
