@@ -3,7 +3,9 @@
 
 # The packages that building and testing a preset takes.
 packages_of_preset() {
-    echo cmake ninja-build g++ googletest python3 curl tshark libcli11-dev libssl-dev libpcap-dev pkg-config
+    echo cmake ninja-build g++ googletest python3 pkg-config libcli11-dev libssl-dev libpcap-dev
+    # Whom the tests let the programs talk to, and who judges what they say.
+    echo curl tshark nginx haproxy apache2-bin python3-requests
     case $1 in
         i386) echo g++-multilib ;;
         clang) echo clang-14 ;;

@@ -1,9 +1,11 @@
 // postwire-serve: receives SOAP messages with attachments and answers what arrived.
 
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <stdexcept>
+#include <string>
+#include <system_error>
 
 #include <CLI/CLI.hpp>
 
@@ -14,13 +16,13 @@
 
 namespace {
 
-enum ExitCode : int { kStopped = 0, kBadUsage = 2, kBadDirectory = 3, kCantListen = 4 };
+enum ExitCode : int { kStopped, kFailed, kBadUsage, kBadDirectory, kCantListen };
 
 char const kFooter[] =
     "Prints \"listening on 0.0.0.0:PORT\" when it is ready. SIGTERM and SIGINT end it: requests\n"
     "under way are finished within the request timeout, no new ones are taken.\n"
-    "Exit codes: 0 stopped by a signal, 2 bad options, 3 a directory can't be used,\n"
-    "4 the port can't be listened on.";
+    "Exit codes: 0 stopped by a signal, 1 out of memory or threads, 2 bad options,\n"
+    "3 a directory can't be used, 4 the port can't be listened on.";
 
 struct CommandLine {
     ServerOptions options;
@@ -33,18 +35,17 @@ Deadline::Clock::duration fromSeconds(double seconds) {
         std::chrono::duration<double>(seconds));
 }
 
-void define(CLI::App& app, CommandLine& line) {
-    ServerOptions& options = line.options;
-    auto const within = [](auto low, auto high) { return CLI::Range(low, high).description(""); };
+template <class Number>
+CLI::Validator within(Number low, Number high) {
+    return CLI::Range(low, high).description("");
+}
+
+void define(CLI::App& app, ServerOptions& options) {
     app.set_version_flag("--version", "postwire-serve " POSTWIRE_VERSION);
     app.footer(kFooter);
     app.add_option("--port", options.port, "Port to listen on, all interfaces; 0: any free one")
         ->type_name("PORT")
         ->check(within(0, 65535))
-        ->capture_default_str();
-    app.add_option("--workers", options.workers, "Connections that are served at once")
-        ->type_name("N")
-        ->check(within(1, 1024))
         ->capture_default_str();
     CLI::Option* const echo = app.add_flag(
         "--echo", options.echo,
@@ -57,6 +58,13 @@ void define(CLI::App& app, CommandLine& line) {
         ->type_name("DIR");
     app.add_option("--trace", options.traceDirectory, "Trace every connection into a file")
         ->type_name("DIR");
+}
+
+void defineLimits(CLI::App& app, CommandLine& line) {
+    app.add_option("--workers", line.options.workers, "Connections that are served at once")
+        ->type_name("N")
+        ->check(within(1, 1024))
+        ->capture_default_str();
     app.add_option("--idle-timeout", line.idleSeconds, "Longest wait for a request")
         ->type_name("SECONDS")
         ->check(within(0.01, 86400.0))
@@ -66,9 +74,9 @@ void define(CLI::App& app, CommandLine& line) {
         ->type_name("SECONDS")
         ->check(within(0.01, 86400.0))
         ->capture_default_str();
-    app.add_option("--max-body", options.maxBody, "Largest body taken, all parts together")
+    app.add_option("--max-body", line.options.maxBody, "Largest body taken, all parts together")
         ->type_name("BYTES")
-        ->check(within(0, 2147483647))
+        ->check(within(0, INT_MAX))
         ->capture_default_str();
 }
 
@@ -92,7 +100,8 @@ int complained(int code, std::string const& text) {
 int main(int argc, char** argv) try {
     CLI::App app("Receives SOAP messages with attachments and answers what arrived.");
     CommandLine line;
-    define(app, line);
+    define(app, line.options);
+    defineLimits(app, line);
     try {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& e) {
@@ -105,6 +114,9 @@ int main(int argc, char** argv) try {
     return complained(kCantListen, std::string("can't listen: ") + e.getDetails());
 } catch (QORThrowable& e) {
     return complained(kCantListen, e.toString());
+} catch (std::system_error& e) {
+    bool const noThread = e.code() == std::errc::resource_unavailable_try_again;
+    return complained(noThread ? kFailed : kBadDirectory, e.what());
 } catch (std::exception& e) {
-    return complained(kBadDirectory, e.what());
+    return complained(kFailed, e.what());
 }
