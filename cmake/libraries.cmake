@@ -7,6 +7,8 @@ function(postwire_add_library name map)
   target_include_directories(${name}_objects PUBLIC ${PROJECT_SOURCE_DIR}/src)
   target_link_libraries(${name}_objects
     PRIVATE postwire_warnings PUBLIC Threads::Threads ${CMAKE_DL_LIBS})
+  # Nobody replaces our operations from outside: calls within a library are bound when it is made.
+  target_compile_options(${name}_objects PRIVATE -fno-semantic-interposition)
   # Inline members are hidden as well: whether they exist out of line differs by compiler and
   # optimisation, and the list of exported symbols must not.
   set_target_properties(${name}_objects PROPERTIES
@@ -16,7 +18,8 @@ function(postwire_add_library name map)
   target_link_libraries(${name} PRIVATE ${name}_objects)
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src> $<INSTALL_INTERFACE:include/postwire>)
-  target_link_options(${name} PRIVATE LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/${map})
+  target_link_options(${name} PRIVATE
+    LINKER:-Bsymbolic-functions LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/${map})
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
     LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/${map})

@@ -73,12 +73,16 @@ bool beginsWith(std::string_view text, std::string_view start) {
                       [](char a, char b) { return a == asciiLowerCase(b); });
 }
 
-// The sums set a byte's highest bit from 'A' on and from behind 'Z' on, without a carry into the
-// next byte.
-void lowerCaseEight(char* text) {
-    constexpr std::uint64_t kEach = 0x0101010101010101U;
+std::uint64_t eightBytes(char const* text) {
     std::uint64_t word;
     std::memcpy(&word, text, 8);
+    return word;
+}
+
+// The sums set a byte's highest bit from 'A' on and from behind 'Z' on, without a carry into the
+// next byte.
+void storeLowerCase(std::uint64_t word, char* text) {
+    constexpr std::uint64_t kEach = 0x0101010101010101U;
     std::uint64_t const low = word & kEach * 0x7F;
     std::uint64_t const fromA = low + kEach * (0x80 - 'A');
     std::uint64_t const behindZ = low + kEach * (0x7F - 'Z');
@@ -91,8 +95,10 @@ void lowerCase(char* text, char* end) {
         for (; text != end; ++text) *text = asciiLowerCase(*text);
         return;
     }
-    for (; end - text > 8; text += 8) lowerCaseEight(text);
-    lowerCaseEight(end - 8);
+    // Read before its first bytes are written: a load across a fresh store waits for it.
+    std::uint64_t const last = eightBytes(end - 8);
+    for (; end - text > 8; text += 8) storeLowerCase(eightBytes(text), text);
+    storeLowerCase(last, end - 8);
 }
 
 // Whether HTTPMessage::trim could take something off the text: hardly ever for a header's name.
@@ -109,7 +115,7 @@ struct Number {
 // Base 10 as strtol reads it, but without the process's locale and with the limits of int on every
 // target, where long may be wider.
 Number readNumber(char const* text) {
-    text += std::strspn(text, " \t\n\v\f\r");
+    while (isAsciiSpace(*text)) ++text;
     bool const negative = *text == '-';
     if (negative || *text == '+') ++text;
     char const* const digits = text;
