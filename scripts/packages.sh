@@ -1,9 +1,14 @@
 # shellcheck shell=bash
 # Sourced by the scripts here, after steps.sh: Debian packages that the work at hand needs.
 
+# What configuring and building takes, but for what one preset needs beyond it.
+packages_to_build() {
+    echo cmake ninja-build g++ googletest python3 pkg-config libcli11-dev libssl-dev libpcap-dev
+}
+
 # The packages that building and testing a preset takes.
 packages_of_preset() {
-    echo cmake ninja-build g++ googletest python3 pkg-config libcli11-dev libssl-dev libpcap-dev
+    packages_to_build
     # Whom the tests let the programs talk to, and who judges what they say.
     echo curl tshark nginx haproxy apache2-bin python3-requests
     case $1 in
