@@ -39,6 +39,12 @@ int compareNames(char const* a, char const* b) {
     }
 }
 
+// Behind the text's zero byte.
+char const* endOf(char const* text) { return text + std::strlen(text) + 1; }
+
+// Bytes of header lines that may be searched for a name where they stand.
+constexpr std::size_t kLookedThrough = 4096;
+
 void append(QORByteBuffer& buf, std::string_view text) {
     buf.appendChars(text.data(), static_cast<unsigned int>(text.size()));
 }
@@ -211,7 +217,7 @@ HTTPHeaders::~HTTPHeaders() = default;
 
 HTTPHeader* HTTPHeaders::getHeader(char const* field) {
     QOR_ASSERT(field);
-    settle();
+    settle(field);
     auto const found = m_headers.lower_bound(field);
     bool const equal = found != m_headers.end() && compareNames(field, found->first.c_str()) == 0;
     return equal ? &found->second : nullptr;
@@ -220,13 +226,13 @@ HTTPHeader* HTTPHeaders::getHeader(char const* field) {
 HTTPHeader* HTTPHeaders::setHeader(char const* name, HTTPHeader* phdr) {
     QOR_ASSERT(name);
     QOR_ASSERT(phdr);
-    settle();
+    settle(name);
     return store(name, std::as_const(*phdr));
 }
 
 HTTPHeader* HTTPHeaders::takeHeader(char const* name, HTTPHeader& header) {
     QOR_ASSERT(name);
-    settle();
+    settle(name);
     return store(name, std::move(header));
 }
 
@@ -245,19 +251,38 @@ void HTTPHeaders::addHeader(char const* name, HTTPHeader* phdr) {
     m_added.append(name, nameSize).append(phdr->m_source, textSize);
 }
 
+// The entry at that offset, sorted in; the offset behind it.
+std::size_t HTTPHeaders::storeAdded(std::size_t at) {
+    char const* const name = &m_added[at];
+    char const* const text = endOf(name);
+    HTTPHeader header;
+    header.parse(text);
+    store(name, std::move(header));
+    return static_cast<std::size_t>(endOf(text) - m_added.data());
+}
+
 // Entry by entry: when memory runs out, what is not sorted in yet is left for the next time.
 void HTTPHeaders::settle() {
-    while (m_settled != m_added.size()) {
-        char const* const name = &m_added[m_settled];
-        char const* const text = name + std::strlen(name) + 1;
-        HTTPHeader header;
-        header.parse(text);
-        store(name, std::move(header));
-        m_settled = static_cast<std::size_t>(text + std::strlen(text) + 1 - m_added.data());
-    }
+    while (m_settled != m_added.size()) m_settled = storeAdded(m_settled);
     if (m_settled == 0) return;
     std::string().swap(m_added);
     m_settled = 0;
+}
+
+// The entries of that name alone: few names of a message are ever asked for. Long blocks are not
+// looked through again and again.
+void HTTPHeaders::settle(char const* name) {
+    if (m_added.size() > kLookedThrough) {
+        settle();
+        return;
+    }
+    for (std::size_t at = m_settled; at != m_added.size();) {
+        char const* const entry = &m_added[at];
+        if (compareNames(entry, name) == 0)
+            m_added.erase(at, storeAdded(at) - at);
+        else
+            at = static_cast<std::size_t>(endOf(endOf(entry)) - m_added.data());
+    }
 }
 
 template <class Header>
@@ -274,7 +299,7 @@ HTTPHeader* HTTPHeaders::store(char const* name, Header&& header) {
 
 void HTTPHeaders::removeHeader(char const* name) {
     QOR_ASSERT(name);
-    settle();
+    settle(name);
     auto const [first, last] = m_headers.equal_range(name);
     m_headers.erase(first, last);
 }

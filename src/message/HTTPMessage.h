@@ -128,7 +128,8 @@ public:
     HTTPHeader* takeHeader(char const* name, HTTPHeader& header);
 
     // As setHeader, for callers that don't need the stored header. The text that parseLater gave
-    // to the header is only copied, and sorted in when the collection is next asked or changed.
+    // to the header is only copied, and sorted in when its name, or all of them, are next asked for
+    // or changed.
     void addHeader(char const* name, HTTPHeader* phdr);
 
     // The number of bytes that dump appends.
@@ -138,6 +139,8 @@ private:
     template <class Header>
     HTTPHeader* store(char const* name, Header&& header);
     void settle();
+    void settle(char const* name);
+    std::size_t storeAdded(std::size_t at);
 
     std::multimap<std::string, HTTPHeader, httphdr_CaseInsensitiveStringComparePredicate> m_headers;
     std::string m_added;    // by addHeader: names and texts with their zero bytes
