@@ -243,12 +243,16 @@ void HTTPHeaders::addHeader(char const* name, HTTPHeader* phdr) {
         setHeader(name, phdr);
         return;
     }
+    char const* const text = phdr->m_source;
     std::size_t const nameSize = std::strlen(name) + 1;
-    std::size_t const textSize = std::strlen(phdr->m_source) + 1;
+    std::size_t const textSize = std::strlen(text) + 1;
     std::size_t const size = m_added.size() + nameSize + textSize;
     // Room first, so that no half of an entry is left behind; at once for a usual message.
     if (size > m_added.capacity()) m_added.reserve(std::max<std::size_t>(size, 512));
-    m_added.append(name, nameSize).append(phdr->m_source, textSize);
+    if (text == name + nameSize)  // in one line, cut in two where it stands
+        m_added.append(name, nameSize + textSize);
+    else
+        m_added.append(name, nameSize).append(text, textSize);
 }
 
 // The entry at that offset, sorted in; the offset behind it.
