@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <utility>
 
@@ -74,7 +75,7 @@ HTTPHeader::HTTPHeader(HTTPHeader const& other)
     if (other.m_unread) parseText(other.m_source);
 }
 
-HTTPHeader::HTTPHeader(HTTPHeader&& other) : HTTPHeader() { *this = std::move(other); }
+HTTPHeader::HTTPHeader(HTTPHeader&& other) : HTTPHeader() { take(other); }
 
 HTTPHeader::~HTTPHeader() = default;
 
@@ -87,11 +88,18 @@ HTTPHeader& HTTPHeader::operator=(HTTPHeader&& other) {
     if (this == &other) return *this;
     other.takeApart();
     reset();
+    take(other);
+    return *this;
+}
+
+// Into a header that is empty.
+void HTTPHeader::take(HTTPHeader& other) {
+    other.takeApart();
     m_value.swap(other.m_value);
     m_attributes.swap(other.m_attributes);
     m_quoted = other.m_quoted;
-    other.reset();
-    return *this;
+    other.m_quoted = 0;
+    other.m_source = nullptr;
 }
 
 void HTTPHeader::reset() {
@@ -289,14 +297,16 @@ void HTTPHeaders::settle(char const* name) {
     }
 }
 
+// Behind its equals, where a set-cookie is added; any other takes the place of the one before.
 template <class Header>
 HTTPHeader* HTTPHeaders::store(char const* name, Header&& header) {
-    // Behind its equals a set-cookie meets none to replace, and stays in the order of the calls.
-    bool const repeats = compareNames(name, "set-cookie") == 0;
-    auto const at = repeats ? m_headers.upper_bound(name) : m_headers.lower_bound(name);
-    if (at != m_headers.end() && compareNames(name, at->first.c_str()) == 0) {
-        at->second = std::forward<Header>(header);
-        return &at->second;
+    auto const at = m_headers.upper_bound(name);
+    if (at != m_headers.begin()) {
+        auto& [before, stored] = *std::prev(at);
+        if (compareNames(before.c_str(), name) == 0 && compareNames(name, "set-cookie") != 0) {
+            stored = std::forward<Header>(header);
+            return &stored;
+        }
     }
     return &m_headers.emplace_hint(at, name, std::forward<Header>(header))->second;
 }

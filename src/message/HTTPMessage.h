@@ -71,6 +71,7 @@ private:
     friend class HTTPHeaders;
 
     void takeApart();
+    void take(HTTPHeader& other);
     void parseText(std::string_view text);
     void storeAttribute(std::string_view name, std::string_view value);
     bool holds(char const* text) const;

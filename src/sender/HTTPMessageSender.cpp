@@ -58,8 +58,7 @@ HttpMsgNode::HttpMsgNode(ZULOutputStream& os, int chunksize)
       p_os_content(nullptr),
       chunked(chunksize > 0),
       m_line(256, 256),
-      m_block(1024, 1024),
-      m_number(32, 32) {
+      m_block(1024, 1024) {
     QORFileLocation const here(kSourceFile, __LINE__);
     if (chunksize > 0) {
         p_os_content = guardedNew<HttpChunkedOutputStream>(here, this, chunksize).release();
@@ -120,9 +119,9 @@ void HttpMsgNode::setHeader(char const* name, char const* value) {
 }
 
 void HttpMsgNode::setHeader(char const* name, int value) {
-    m_number.reset();
-    m_number << value;
-    HTTPHeader header(m_number.str());  // digits: nothing to trim or take apart
+    m_line.reset();
+    m_line << value;
+    HTTPHeader header(m_line.str());  // digits: nothing to trim or take apart
     headers.takeHeader(name, header);
 }
 

@@ -87,7 +87,6 @@ protected:
     // written when it calls for the header block, so the two stand apart.
     QORByteBuffer m_line;
     QORByteBuffer m_block;
-    QORByteBuffer m_number;
 };
 
 // A message, or a part, with one body.
