@@ -84,8 +84,8 @@ void ZULBufferedInputStream::unread(char const* bytes, int n) {
     if (n > 0) std::memmove(m_readAhead.str() + m_position, bytes, count);
 }
 
-// Looks for the LF in all that is buffered at once, and copies each byte once. A CR is cut off at
-// the end, from buf, because it may have come with an earlier piece.
+// Looks for the LF in all that is buffered at once, and copies each byte once. A CR that came with
+// an earlier piece is cut off in buf.
 int ZULBufferedInputStream::readLine(QORByteBuffer& buf) {
     unsigned int const before = buf.pcount();
     while (buffered() > 0 || fill() > 0) {
@@ -95,11 +95,13 @@ int ZULBufferedInputStream::readLine(QORByteBuffer& buf) {
         unsigned int const piece =
             lf ? static_cast<unsigned int>(static_cast<char const*>(lf) - begin) : have;
         requireWithinLimit(buf.pcount() - before + piece, piece > 0 ? begin + piece : endOf(buf));
-        buf.appendChars(begin, piece);
+        bool const endsInCr = lf && piece > 0 && begin[piece - 1] == '\r';
+        buf.appendChars(begin, endsInCr ? piece - 1 : piece);
         m_position += static_cast<int>(piece);
         if (!lf) continue;
         ++m_position;
-        if (buf.pcount() > before && endOf(buf)[-1] == '\r') buf.setLength(buf.pcount() - 1);
+        if (piece == 0 && buf.pcount() > before && endOf(buf)[-1] == '\r')
+            buf.setLength(buf.pcount() - 1);
         return static_cast<int>(buf.pcount() - before);
     }
     return buf.pcount() > before ? static_cast<int>(buf.pcount() - before) : -1;
