@@ -1,0 +1,81 @@
+#!/usr/bin/env python3
+"""The examples that the documents show do what is said there.
+
+usage: ExamplesTest.py PROGRAM_FOLDER [TEST...]
+"""
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+import programs
+from programs import chunked, multipart, request
+
+FOLDER = pathlib.Path(sys.argv[1])
+PARTS = multipart('B', (['Content-Type: text/xml'], b'<soap/>'), ([], b'\0\r\n--A'))
+TYPE = 'Content-Type: multipart/related; boundary=B; type="text/xml"'
+ANSWER = (
+    b'\r\n--answer-part\r\nContent-Length: 86\r\nContent-Type: text/xml\r\n\r\n'
+    b'<s:Envelope xmlns:s="http://schemas.xmlsoap.org/soap/envelope/"><s:Body/></s:Envelope>'
+    b'\r\n--answer-part\r\nContent-Length: 17\r\nContent-Type: text/plain\r\n\r\n'
+    b'2 parts for /svc\n\r\n--answer-part--\r\n')
+
+
+class Examples(unittest.TestCase):
+    def start(self, *command, pipe):
+        process = subprocess.Popen([FOLDER / command[0], *command[1:]], **{pipe: subprocess.PIPE})
+        self.addCleanup(process.__exit__, None, None, None)
+        self.addCleanup(process.kill)
+        return process, getattr(process, pipe)
+
+    def run_program(self, name, *arguments):
+        return subprocess.run([FOLDER / name, *arguments], capture_output=True,
+                              timeout=programs.TIMEOUT, check=True).stdout.decode()
+
+    def test_soap_server_answers_with_an_attachment(self):
+        _, errors = self.start('soap_server', pipe='stderr')
+        port = int(errors.readline().split(b':')[2].rstrip(b'/\n'))
+        for wire in request(PARTS, TYPE), \
+                request(chunked(PARTS, 9), TYPE, 'Transfer-Encoding: chunked', length=False):
+            with programs.Client(port) as client:
+                client.send(wire)
+                status, head, body = client.answer()
+                self.assertEqual(status, 200)
+                self.assertIn('Content-Type: multipart/related; boundary=answer-part\r\n', head)
+                self.assertEqual(body, ANSWER)
+                self.assertTrue(client.at_end())
+        with programs.Client(port) as client:  # a bad message does not end the server
+            client.send(b'GET / HTTP/1.1\r\n\r\n')
+            self.assertTrue(client.at_end())
+        self.assertEqual(errors.readline(), b'HTTPException 1000: method is not POST\n')
+
+    def test_catch_ladder_tells_errors_apart(self):
+        cases = (
+            (request(b'x'), '200 /svc'), (b'', '0 end of input stream'),
+            (b'POST / HTTP/1.1\r\nX', '0 end of input stream'),
+            (b'GET / HTTP/1.1\r\n\r\n', '400 method is not POST'),
+            (request(b'x', 'Transfer-Encoding: chunked'), '400 QOR_ASSERT('),
+            (request(b'', 'Content-Length: 9', length=False), '400 '),
+            (request(PARTS[:-9], TYPE), '400 '),
+            (request(b'x', 'Transfer-Encoding: chunked', length=False), '400 '))
+        with tempfile.TemporaryDirectory() as folder:
+            files = [pathlib.Path(folder, str(i)) for i in range(len(cases))]
+            for file, (wire, _) in zip(files, cases):
+                file.write_bytes(wire)
+            lines = self.run_program('catch_ladder', *files).splitlines()
+        self.assertEqual(len(lines), len(cases))
+        for line, (wire, expected) in zip(lines, cases):
+            self.assertTrue(line.startswith(expected), (wire, line))
+
+    def test_client_and_server_of_the_writing_page(self):
+        empty = self.enterContext(tempfile.NamedTemporaryFile()).name
+        _, output = self.start('answer_request', '0', '1', pipe='stdout')
+        port = output.readline().decode().strip()
+        self.assertEqual(
+            self.run_program('post_with_attachments', '127.0.0.1', port, __file__, empty),
+            '200 OK\n0 bytes and 3 parts for /\n')
+
+
+if __name__ == '__main__':
+    unittest.main(argv=sys.argv[:1] + sys.argv[2:])
