@@ -16,12 +16,14 @@ function(postwire_add_library name map)
 
   add_library(${name} SHARED)
   target_link_libraries(${name} PRIVATE ${name}_objects)
-  target_include_directories(${name} PUBLIC
-    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src> $<INSTALL_INTERFACE:include/postwire>)
+  add_library(postwire::${name} ALIAS ${name})
+  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/postwire>)
+  target_compile_features(${name} PUBLIC cxx_std_17)
   target_link_options(${name} PRIVATE
     LINKER:-Bsymbolic-functions LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/${map})
   set_target_properties(${name} PROPERTIES
-    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    VERSION ${PROJECT_VERSION} SOVERSION ${POSTWIRE_SOVERSION}
     LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/${map})
 endfunction()
 
@@ -37,17 +39,5 @@ target_include_directories(TOV_Crypto_Interface PRIVATE ${PROJECT_SOURCE_DIR}/sr
 target_link_libraries(TOV_Crypto_Interface PRIVATE postwire_warnings)
 set_target_properties(TOV_Crypto_Interface PROPERTIES
   CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
-
-# Installed: the libraries, the resolver module beside the core library that looks for it there,
-# and the headers in their folders, but for those that the library keeps to itself.
-include(GNUInstallDirs)
-set(installed qorcore zulstream postwire TOV_Crypto_Interface)
-set_target_properties(${installed} PROPERTIES INSTALL_RPATH $ORIGIN)
-install(TARGETS ${installed} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  COMPONENT library NAMELINK_COMPONENT development)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/postwire
-  COMPONENT development FILES_MATCHING PATTERN "*.h"
-  PATTERN AsciiText.h EXCLUDE
-  PATTERN GuardedAllocation.h EXCLUDE
-  PATTERN HttpOutputStream.h EXCLUDE
-  PATTERN QORSocketAddress.h EXCLUDE)
+# Loaded by the core library when a host or a port is resolved, so built wherever that is.
+add_dependencies(qorcore TOV_Crypto_Interface)

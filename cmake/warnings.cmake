@@ -1,8 +1,9 @@
-# Warnings that find real faults, all of them errors. Linked by our own targets alone, so that
-# GoogleTest's sources are compiled as they come.
+# Warnings that find real faults, all of them errors, but for those who build us within a project
+# of theirs, with a compiler of theirs. Linked by our own targets alone, so that GoogleTest's sources
+# are compiled as they come.
 add_library(postwire_warnings INTERFACE)
 target_compile_options(postwire_warnings INTERFACE
-  -Werror -Wall -Wextra -Wpedantic -Wshadow
+  $<$<BOOL:${PROJECT_IS_TOP_LEVEL}>:-Werror> -Wall -Wextra -Wpedantic -Wshadow
   -Wconversion -Wsign-conversion -Wdouble-promotion -Wold-style-cast -Wcast-qual -Wcast-align
   -Wnon-virtual-dtor -Woverloaded-virtual -Wsuggest-override -Wextra-semi
   -Wformat=2 -Wundef -Wnull-dereference -Wimplicit-fallthrough -Wvla
