@@ -6,18 +6,23 @@ usage: RealPeersTest.py PROGRAM_FOLDER [TEST...]
 import contextlib
 import hashlib
 import http.client
+import http.server
 import os
 import pathlib
 import random
 import shutil
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 import xml.etree.ElementTree
 
+import peers
 import programs
+from programs import chunked, request
 
 try:
     import requests
@@ -26,40 +31,16 @@ except ImportError:
 
 FOLDER = sys.argv[1]
 LARGE = random.Random(2).randbytes(20_000_000)
-SHA = hashlib.sha256(LARGE).hexdigest()
-# Debian keeps servers where an ordinary user's PATH does not lead.
-PATH = os.environ['PATH'] + ':/usr/sbin:/usr/local/sbin'
+BODIES = b'', b'short', LARGE
 
 NGINX = '''
-daemon off; pid {folder}/pid; error_log stderr; {user}
+pid pid; error_log stderr;
 events {{}}
 http {{
-    access_log off; client_max_body_size 0; client_body_temp_path {folder}/t1;
-    proxy_temp_path {folder}/t2; fastcgi_temp_path {folder}/t3; uwsgi_temp_path {folder}/t4;
-    scgi_temp_path {folder}/t5;
-    upstream back {{ server 127.0.0.1:{back}; keepalive 4; }}
-    server {{
-        listen 127.0.0.1:{port};
-        location /own {{ return 200 "from nginx"; }}
-        location / {{
-            proxy_pass http://back; proxy_http_version 1.1; proxy_set_header Connection "";
-            proxy_request_buffering off;
-        }}
-    }}
+    access_log off; client_body_temp_path t1; proxy_temp_path t2; fastcgi_temp_path t3;
+    uwsgi_temp_path t4; scgi_temp_path t5; client_max_body_size 0;
+    server {{ listen 127.0.0.1:{port}; location / {{ return 200 "from nginx"; }} }}
 }}
-'''
-HAPROXY = '''
-defaults
-    mode http
-    timeout connect 30s
-    timeout client 30s
-    timeout server 30s
-frontend front
-    bind 127.0.0.1:{port}
-    default_backend back
-backend back
-    http-reuse always
-    server serve 127.0.0.1:{back}
 '''
 APACHE = '''
 LoadModule mpm_event_module /usr/lib/apache2/modules/mod_mpm_event.so
@@ -73,56 +54,35 @@ Listen 127.0.0.1:{port}
 '''
 
 
-def free_port():
-    with socket.create_server(('127.0.0.1', 0)) as taken:
-        return taken.getsockname()[1]
+def sha256(data):
+    return hashlib.sha256(data).hexdigest()
 
 
-@contextlib.contextmanager
-def peer(name, config, command, back=1):
-    """A server of another maker on a port that was free just before; tried again where it was
-    taken since."""
-    program = shutil.which(name, path=PATH)
-    if not program:
-        raise unittest.SkipTest(f'{name} is not installed')
-    with tempfile.TemporaryDirectory() as folder:
-        user = 'user root;' if os.getuid() == 0 else ''
-        for _ in range(5):
-            port = free_port()
-            file = pathlib.Path(folder, 'config')
-            file.write_text(config.format(folder=folder, port=port, back=back, user=user))
-            with open(pathlib.Path(folder, 'log'), 'wb') as log:
-                process = subprocess.Popen([program, *command, file], stdout=log, stderr=log)
-            while process.poll() is None:
-                with contextlib.suppress(ConnectionRefusedError):
-                    socket.create_connection(('127.0.0.1', port)).close()
-                    break
-            if process.poll() is None:
-                break
-        else:
-            raise AssertionError(pathlib.Path(folder, 'log').read_text())
-        try:
-            yield port, folder
-        finally:
-            process.terminate()
-            process.wait(programs.TIMEOUT)
+def send(url, *options):
+    """What postwire-send prints."""
+    done = subprocess.run([pathlib.Path(FOLDER, 'postwire-send'), url, '--body', __file__,
+                           *options], capture_output=True, text=True, timeout=programs.TIMEOUT)
+    assert (done.returncode, done.stderr) == (0, ''), done
+    return done.stdout
 
 
-def nginx(back=1):
-    return peer('nginx', NGINX, ['-c'], back)
+class Exchanges:
+    """What a server must be able to do, whatever stands before it."""
 
+    def front(self, port):
+        """The port that clients of the server use."""
+        raise NotImplementedError
 
-def haproxy(back=1):
-    return peer('haproxy', HAPROXY, ['-f'], back)
-
-
-def receipt(body):
-    return xml.etree.ElementTree.fromstring(body).find('message').attrib
-
-
-class Clients(unittest.TestCase):
     def setUp(self):
-        self.server = self.enterContext(programs.Server(FOLDER))
+        self.saved = self.enterContext(tempfile.TemporaryDirectory())
+        self.server = self.enterContext(programs.Server(FOLDER, '--save', self.saved))
+        self.port = self.front(self.server.port)
+        self.url = f'http://127.0.0.1:{self.port}'
+
+    def receives(self, body, answer):
+        message = xml.etree.ElementTree.fromstring(answer).find('message')
+        self.assertEqual((message.get('size'), message.get('sha256')),
+                         (str(len(body)), sha256(body)))
 
     def curl(self, *arguments, body=b''):
         if not shutil.which('curl'):
@@ -133,83 +93,154 @@ class Clients(unittest.TestCase):
         return done.stdout
 
     def test_curl(self):
-        post = ['--data-binary', '@-', self.server.url]
         for options in (), ('-0',), ('-H', 'Transfer-Encoding: chunked'), ('-H', 'Expect:'):
-            for body in b'', b'short', LARGE:
+            for body in BODIES:
                 with self.subTest(options=options, body=len(body)):
-                    got = receipt(self.curl(*options, *post, body=body))
-                    self.assertEqual((got['size'], got['sha256']),
-                                     (str(len(body)), hashlib.sha256(body).hexdigest()))
+                    self.receives(body, self.curl(*options, '--data-binary', '@-', self.url,
+                                                  body=body))
         for options, status in ((), b'400'), (('-X', 'POST'), b'200'):
             self.assertEqual(self.curl(*options, '-w', '%{http_code}', '-o', '/dev/null',
-                                       self.server.url), status)
+                                       self.url), status)
 
     def test_curl_100_requests_on_one_connection(self):
         out = self.curl('-d', 'x', '-w', '%{num_connects}', '-o', '/dev/null',
-                        f'{self.server.url}/[1-100]')
+                        f'{self.url}/[1-100]')
         self.assertEqual(out, b'1' + b'0' * 99)
+
+    def test_http_client_100_requests_on_one_connection(self):
+        connection = http.client.HTTPConnection('127.0.0.1', self.port, timeout=programs.TIMEOUT)
+        self.addCleanup(connection.close)
+        connection.connect()
+        only = connection.sock
+        for i in range(100):
+            body = LARGE if i in (50, 51) else b'%d' % i
+            connection.request('POST', '/x', body, encode_chunked=i % 2 == 1,
+                               headers={'Transfer-Encoding': 'chunked'} if i % 2 else {})
+            answer = connection.getresponse()
+            self.assertEqual(answer.status, 200)
+            self.receives(body, answer.read())
+            self.assertIs(connection.sock, only)
 
     @unittest.skipUnless(requests, 'requests is not installed')
     def test_requests(self):
         with requests.Session() as session:
             session.trust_env = False
             for i in range(100):
-                body = LARGE if i == 50 else b'%d' % i
+                body = LARGE if i in (50, 51) else b'%d' % i
                 data = iter([body[:5], body[5:]]) if i % 2 else body
-                answer = session.post(f'{self.server.url}/{i}', data=data, timeout=programs.TIMEOUT)
-                self.assertEqual(receipt(answer.content)['sha256'],
-                                 hashlib.sha256(body).hexdigest())
+                answer = session.post(f'{self.url}/{i}', data=data, timeout=programs.TIMEOUT)
+                self.receives(body, answer.content)
+
+    def test_postwire_send(self):
+        with tempfile.NamedTemporaryFile() as file:
+            file.write(LARGE)
+            file.flush()
+            for mode in (), ('--chunked', '9999'), ('--direct',):
+                self.assertIn(sha256(LARGE), send(self.url, '--attach', file.name, *mode))
+
+    def test_half_closed_connection_is_answered(self):
+        for body in BODIES:
+            for data in request(body, 'Host: h'), request(
+                    chunked(body, 9999), 'Host: h', 'Transfer-Encoding: chunked', length=False):
+                with programs.Client(self.port) as client:
+                    client.send(data)
+                    client.end()
+                    status, _, answer = client.answer()
+                    self.assertEqual(status, 200)
+                    self.receives(body, answer)
+                    self.assertTrue(client.at_end())
+
+    def test_aborted_upload_leaves_nothing_behind(self):
+        body = LARGE[:1_000_000]
+        for data in request(body, 'Host: h'), request(
+                chunked(body, 9999), 'Host: h', 'Transfer-Encoding: chunked', length=False):
+            for cut in 10, len(data) - len(body) + 50_000, len(data) - 1:
+                for linger in (0, 0), (1, 0):  # an end, then a reset
+                    with programs.Client(self.port) as client:
+                        client.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                                                 struct.pack('ii', *linger))
+                        client.send(data[:cut])
+        with programs.Client(self.port) as client:
+            client.send(request(b'whole', 'Host: h'))
+            self.assertEqual(client.answer()[0], 200)
+        self.assertEqual((self.server.stop(), self.server.complaints), (0, ''))
+        # Proxies ask for its health with empty messages.
+        saved = [file.read_bytes() for file in pathlib.Path(self.saved).iterdir()]
+        self.assertEqual([body for body in saved if body], [b'whole'])
 
 
-class Fronts(unittest.TestCase):
-    def through(self, front):
-        with programs.Server(FOLDER) as server, front(server.port) as (port, _):
-            connection = http.client.HTTPConnection('127.0.0.1', port, timeout=programs.TIMEOUT)
-            self.addCleanup(connection.close)
-            for i in range(100):
-                body = LARGE if i == 50 else b'%d' % i
-                connection.request('POST', '/x', body, encode_chunked=i % 2 == 1,
-                                   headers={'Transfer-Encoding': 'chunked'} if i % 2 else {})
-                answer = connection.getresponse()
-                self.assertEqual(answer.status, 200)
-                self.assertEqual(receipt(answer.read())['sha256'],
-                                 hashlib.sha256(body).hexdigest())
-            with tempfile.NamedTemporaryFile() as file:
-                file.write(LARGE)
-                file.flush()
-                for mode in (), ('--chunked', '9999'), ('--direct',):
-                    done = subprocess.run(
-                        [pathlib.Path(FOLDER, 'postwire-send'), f'http://127.0.0.1:{port}/y',
-                         '--body', __file__, '--attach', file.name, *mode], capture_output=True,
-                        text=True, timeout=programs.TIMEOUT)
-                    self.assertEqual(done.returncode, 0, done.stderr)
-                    self.assertIn(SHA, done.stdout)
+class Direct(Exchanges, unittest.TestCase):
+    def front(self, port):
+        return port
 
-    def test_nginx(self):
-        self.through(nginx)
 
-    def test_haproxy(self):
-        self.through(haproxy)
+class Nginx(Exchanges, unittest.TestCase):
+    def front(self, port):
+        return self.enterContext(peers.nginx(port))[0]
+
+
+class Haproxy(Exchanges, unittest.TestCase):
+    def front(self, port):
+        return self.enterContext(peers.haproxy(port))[0]
+
+
+class Digest(http.server.BaseHTTPRequestHandler):
+    """Answers the digest of the body; chunks are taken apart here, by rules of its own."""
+
+    def do_POST(self):
+        digest = hashlib.sha256()
+        if self.headers['Transfer-Encoding'] == 'chunked':
+            while size := int(self.rfile.readline(), 16):
+                digest.update(self.rfile.read(size))
+                self.rfile.readline()
+            self.rfile.readline()
+        else:
+            digest.update(self.rfile.read(int(self.headers['Content-Length'])))
+        answer = digest.hexdigest().encode()
+        self.send_response(200)
+        self.send_header('Content-Length', str(len(answer)))
+        self.end_headers()
+        self.wfile.write(answer)
+
+    def log_message(self, *_):
+        pass
 
 
 class Servers(unittest.TestCase):
+    MODES = (), ('--chunked', '10'), ('--attach', __file__), ('--attach', __file__, '--direct')
+
     def exchange(self, url):
-        for mode in (), ('--chunked', '10'), ('--attach', __file__), \
-                ('--attach', __file__, '--direct'):
-            done = subprocess.run([pathlib.Path(FOLDER, 'postwire-send'), url, '--body', __file__,
-                                   *mode], capture_output=True, text=True, timeout=programs.TIMEOUT)
-            self.assertEqual((done.returncode, done.stderr), (0, ''))
-            self.assertRegex(done.stdout, r'^200 OK\n.* 10 bytes  sha256 ')
+        for mode in self.MODES:
+            with self.subTest(mode=mode):
+                self.assertRegex(send(url, *mode), r'^200 OK\n.* 10 bytes  sha256 ')
 
     def test_nginx(self):
-        with nginx() as (port, _):
+        with peers.nginx(configure=lambda port, _: NGINX.format(port=port)) as (port, _):
             self.exchange(f'http://127.0.0.1:{port}/own')
 
     def test_apache(self):
-        with peer('apache2', APACHE, ['-DFOREGROUND', '-f']) as (port, folder):
+        with peers.apache(lambda port, folder: APACHE.format(port=port, folder=folder)) as (
+                port, folder):
             pathlib.Path(folder, 'own').write_bytes(b'0123456789')
-            os.chmod(folder, 0o755)
             self.exchange(f'http://127.0.0.1:{port}/own')
+
+    def test_http_server(self):
+        with http.server.ThreadingHTTPServer(('127.0.0.1', 0), Digest) as server, \
+                tempfile.TemporaryDirectory() as folder:
+            thread = threading.Thread(target=server.serve_forever)
+            thread.start()
+            try:
+                url = f'http://127.0.0.1:{server.server_port}'
+                own = sha256(pathlib.Path(__file__).read_bytes())
+                for i, mode in enumerate(self.MODES):
+                    answer = pathlib.Path(folder, str(i))
+                    self.assertRegex(send(url, *mode, '--save', answer), r'^200 OK\n.* 64 bytes ')
+                    digest = next(answer.iterdir()).read_text()
+                    # Of a body with parts only the parts' bytes are known here.
+                    self.assertEqual(digest == own, '--attach' not in mode)
+            finally:
+                server.shutdown()
+                thread.join()
 
 
 if __name__ == '__main__':

@@ -24,13 +24,22 @@ class Server:
         self.port = int(re.fullmatch(r'listening on 0\.0\.0\.0:(\d+)\n', line).group(1))
         self.url = f'http://127.0.0.1:{self.port}'
         self.complaints = ''
+        self.killed = False
 
     def __enter__(self):
         return self
 
     def __exit__(self, kind, *_):
+        if self.killed:
+            return
         code = self.stop()
         assert kind or code == 0, f'exit code {code}: {self.complaints}'
+
+    def kill(self):
+        """Ends it at once; that is what its exit code then says."""
+        self.process.kill()
+        self.complaints += self.process.communicate(timeout=TIMEOUT)[1]
+        self.killed = True
 
     def stop(self):
         if self.process.poll() is None:

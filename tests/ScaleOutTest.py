@@ -1,0 +1,134 @@
+#!/usr/bin/env python3
+"""Two servers behind a proxy, under load, one of them killed and started again: what was
+acknowledged is intact. The proxies' configurations are those that docs/scale-out.md shows.
+
+usage: ScaleOutTest.py PROGRAM_FOLDER [TEST...]
+"""
+import collections
+import contextlib
+import hashlib
+import http.client
+import pathlib
+import random
+import sys
+import tempfile
+import threading
+import unittest
+import xml.etree.ElementTree
+
+import peers
+import programs
+from programs import multipart
+
+FOLDER = sys.argv[1]
+CLIENTS = 8
+# How many exchanges are to be acknowledged before something happens.
+SOME = 300
+
+
+def sha256(data):
+    return hashlib.sha256(data).hexdigest()
+
+
+class Load:
+    """Clients that post until they are told to stop, each over a connection of its own, and try
+    again what was not acknowledged."""
+
+    def __init__(self, port):
+        self.port = port
+        self.changed = threading.Condition()
+        self.served_by = collections.Counter()
+        self.acknowledged = []  # digests of parts as sent
+        self.failures = 0
+        self.wrong = []
+        self.stopping = False
+        self.clients = [threading.Thread(target=self.work, args=(seed,)) for seed in range(CLIENTS)]
+
+    def __enter__(self):
+        for client in self.clients:
+            client.start()
+        return self
+
+    def __exit__(self, *_):
+        self.stopping = True
+        for client in self.clients:
+            client.join()
+
+    def work(self, seed):
+        rng = random.Random(seed)
+        connection = http.client.HTTPConnection('127.0.0.1', self.port, timeout=programs.TIMEOUT)
+        while not self.stopping:
+            parts = [rng.randbytes(rng.randrange(1, 40_000)) for _ in range(rng.randrange(1, 4))]
+            while not self.exchange(connection, parts, rng.random() < 0.3) and not self.stopping:
+                connection.close()
+        connection.close()
+
+    def exchange(self, connection, parts, in_chunks):
+        if len(parts) == 1:
+            body, kind = parts[0], 'application/octet-stream'
+        else:
+            body = multipart('postwire-load', *(([], part) for part in parts))
+            kind = 'multipart/mixed; boundary=postwire-load'
+        fields = {'Content-Type': kind, **({'Transfer-Encoding': 'chunked'} if in_chunks else {})}
+        try:
+            connection.request('POST', '/load', iter([body[:9999], body[9999:]]) if in_chunks
+                               else body, fields, encode_chunked=in_chunks)
+            answer = connection.getresponse()
+            text = answer.read()
+        except (OSError, http.client.HTTPException):
+            answer = None
+        with self.changed:
+            if not answer or answer.status != 200:
+                self.failures += 1
+                return False
+            digests = [sha256(part) for part in parts]
+            self.acknowledged += digests
+            self.served_by[answer.headers['X-Served-By']] += 1
+            if [e.get('sha256') for e in xml.etree.ElementTree.fromstring(text).iter()
+                    if e.get('sha256')] != digests:
+                self.wrong.append(text)
+            self.changed.notify_all()
+            return True
+
+    def until(self, enough):
+        """Waits until the servers have, since now, acknowledged enough."""
+        with self.changed:
+            before = collections.Counter(self.served_by)
+            if not self.changed.wait_for(lambda: enough(self.served_by - before), programs.TIMEOUT):
+                raise AssertionError(f'{self.served_by - before}, {self.failures} failures')
+
+
+class ScaleOut(unittest.TestCase):
+    def start(self, stack, name, port=0):
+        return stack.enter_context(programs.Server(
+            FOLDER, '--port', str(port), '--workers', '64', '--idle-timeout', '90', '--save',
+            pathlib.Path(self.saved, name)))
+
+    def run_behind(self, proxy):
+        self.saved = self.enterContext(tempfile.TemporaryDirectory())
+        with contextlib.ExitStack() as stack:
+            first, second = self.start(stack, 'first'), self.start(stack, 'second')
+            port, _ = stack.enter_context(proxy(first.port, second.port))
+            with Load(port) as load:
+                load.until(lambda served: len(served) == 2 and served.total() >= SOME)
+                first.kill()
+                load.until(lambda served: served.total() >= SOME)
+                again = self.start(stack, 'again', first.port)
+                load.until(lambda served: len(served) == 2 and served.total() >= SOME)
+            self.assertEqual(load.wrong, [])
+            # Each of the clients had at most a few exchanges under way.
+            self.assertLess(load.failures, 20 * CLIENTS)
+            self.assertEqual((second.stop(), again.stop()), (0, 0))
+            self.assertEqual(second.complaints + again.complaints, '')
+        kept = {sha256(file.read_bytes()) for file in pathlib.Path(self.saved).glob('*/*')}
+        self.assertEqual([digest for digest in load.acknowledged if digest not in kept], [])
+
+    def test_haproxy(self):
+        self.run_behind(peers.haproxy)
+
+    def test_nginx(self):
+        self.run_behind(peers.nginx)
+
+
+if __name__ == '__main__':
+    unittest.main(argv=sys.argv[:1] + sys.argv[2:])
