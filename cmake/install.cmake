@@ -1,6 +1,6 @@
 # Installed, under any prefix: the libraries, the resolver module beside the core library that looks
-# for it there, the headers in their folders, but for those that the library keeps to itself, and
-# what find_package and pkg-config read. The programs are installed where they are made.
+# for it there, the headers that show something to others, in their folders, and what find_package
+# and pkg-config read. The programs are installed where they are made.
 include(CMakePackageConfigHelpers)
 
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/postwire)
@@ -9,12 +9,15 @@ install(TARGETS qorcore zulstream postwire EXPORT postwire
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
 install(TARGETS TOV_Crypto_Interface
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/postwire
-  COMPONENT development FILES_MATCHING PATTERN "*.h"
-  PATTERN AsciiText.h EXCLUDE
-  PATTERN GuardedAllocation.h EXCLUDE
-  PATTERN HttpOutputStream.h EXCLUDE
-  PATTERN QORSocketAddress.h EXCLUDE)
+file(GLOB headers CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/src src/*/*.h)
+foreach(header IN LISTS headers)
+  file(STRINGS src/${header} shown REGEX POSTWIRE_EXPORT LIMIT_COUNT 1)
+  if(shown)
+    get_filename_component(folder ${header} DIRECTORY)
+    install(FILES src/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/postwire/${folder}
+      COMPONENT development)
+  endif()
+endforeach()
 install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/postwire COMPONENT development)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs
