@@ -199,6 +199,31 @@ class Echoes(Serve):
             self.assertEqual(got.count(b'--' + used.encode()), 2)
 
 
+class AnswersWithAFile(Serve):
+    def test_as_it_was_at_the_start_in_one_send(self):
+        with tempfile.TemporaryDirectory() as folder:
+            file = pathlib.Path(folder, 'answer')
+            for type_, sent, size in ('', 'text/xml; charset=utf-8', 0), (';a/b', 'a/b', 40_000), \
+                    (';text/x; charset=y', 'text/x; charset=y', 3_000_000):
+                file.write_bytes(LARGE[:size])
+                server = self.server('--answer', f'{file}{type_}', '--trace', folder)
+                file.unlink()
+                with server.connect() as client:
+                    client.send(request(b'x') + request(PARTS, TYPE))
+                    for _ in range(2):
+                        status, head, body = client.answer()
+                        self.assertEqual((status, body), (200, LARGE[:size]))
+                        self.assertIn(f'\r\nContent-Type: {sent}\r\n', head)
+                server.stop()
+                trace = next(pathlib.Path(folder).glob('*.trace'))
+                # One call each; what is larger than the buffer goes out in pieces of its own.
+                calls = re.findall(rb'\n<write\[\d+\]>\nHTTP/1\.1 200 OK\r\n', trace.read_bytes())
+                self.assertEqual(len(calls), 2)
+                if size < 60_000:
+                    self.assertEqual(trace.read_bytes().count(b'\n<write['), 2)
+                trace.unlink()
+
+
 class Refuses(Serve):
     CASES = (
         (b'GET / HTTP/1.1\r\n\r\n', 400, 'method is not POST'),
@@ -389,7 +414,9 @@ class Program(unittest.TestCase):
         with programs.Server(FOLDER) as server, tempfile.NamedTemporaryFile() as file:
             for options, code in ((['--help'], 0), (['--version'], 0), (['--port', '65536'], 2),
                                   (['--chunked', '10'], 2), (['--nonsense'], 2), (['x'], 2),
-                                  (['--save', file.name], 3), (['--trace', file.name], 3),
+                                  (['--save', file.name], 3), (['--answer', '/none'], 3),
+                                  (['--answer', file.name + ';"x"'], 2),
+                                  (['--answer', file.name, '--echo'], 2), (['--trace', file.name], 3),
                                   (['--port', str(server.port + 0), '--workers', '1'], 4)):
                 with self.subTest(options=options):
                     self.assertEqual(subprocess.run([program, *options], timeout=programs.TIMEOUT,

@@ -135,10 +135,13 @@ std::optional<ServedConnection::Refusal> ServedConnection::answer() try {
         std::snprintf(prefix, sizeof prefix, "%06d-", m_server.nextRequest());
         m_server.partFiles()->save(m_request.message, prefix);
     }
-    if (m_server.options().echo) {
+    ServerOptions const& options = m_server.options();
+    if (options.echo) {
         writeEcho();
+    } else if (!options.answerType.empty()) {
+        writeAnswer(options.answerType, options.answer);
     } else {
-        writeReceipt();
+        writeAnswer("application/xml; charset=utf-8", makeReceipt(m_request));
     }
     m_answer.flush();
     m_request.message.reset();  // an idle connection holds no body
@@ -159,12 +162,11 @@ char const* ServedConnection::connectionField() const {
     return m_request.minorVersion == 0 ? "keep-alive" : nullptr;
 }
 
-void ServedConnection::writeReceipt() {
-    std::string const receipt = makeReceipt(m_request);
+void ServedConnection::writeAnswer(std::string const& type, std::string const& body) {
     m_node.startResponse(200, "OK");
     if (char const* const connection = connectionField()) m_node.setField("Connection", connection);
-    m_node.setField("Content-Type", "application/xml; charset=utf-8");
-    m_node.write(receipt.data(), static_cast<int>(receipt.size()));
+    m_node.setField("Content-Type", type);
+    m_node.write(body.data(), static_cast<int>(body.size()));
     m_node.finish();
 }
 

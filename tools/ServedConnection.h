@@ -52,7 +52,7 @@ private:
     std::optional<Refusal> read();
     std::optional<Refusal> answer();
     char const* connectionField() const;
-    void writeReceipt();
+    void writeAnswer(std::string const& type, std::string const& body);
     void writeEcho();
     void refuse(Refusal const& refusal);
     void discardInput();

@@ -18,6 +18,8 @@ class StopSignals;
 struct ServerOptions {
     int port = 0;
     int workers = 16;
+    std::string answer;  // sent instead of a receipt where there is a type
+    std::string answerType;
     bool echo = false;
     int chunkSize = 0;           // of echoed messages; 0: with a length
     std::string saveDirectory;   // empty: nothing is saved

@@ -1,9 +1,13 @@
 // postwire-serve: receives SOAP messages with attachments and answers what arrived.
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 
@@ -11,23 +15,29 @@
 
 #include "foundation/QORThrowable.h"
 
+#include "tools/BlockReader.h"
+#include "tools/SentFile.h"
 #include "tools/Server.h"
 #include "tools/StopSignals.h"
 
 namespace {
 
-enum ExitCode : int { kStopped, kFailed, kBadUsage, kBadDirectory, kCantListen };
+enum ExitCode : int { kStopped, kFailed, kBadUsage, kBadFile, kCantListen };
+
+// Of a file to answer with, which stands in memory.
+constexpr long long kMaxAnswer = 64 << 20;
 
 char const kFooter[] =
     "Prints \"listening on 0.0.0.0:PORT\" when it is ready. SIGTERM and SIGINT end it: requests\n"
     "under way are finished within the request timeout, no new ones are taken.\n"
     "Exit codes: 0 stopped by a signal, 1 out of memory or threads, 2 bad options,\n"
-    "3 a directory can't be used, 4 the port can't be listened on.";
+    "3 a directory or file can't be used, 4 the port can't be listened on.";
 
 struct CommandLine {
     ServerOptions options;
     double idleSeconds = 60;
     double requestSeconds = 60;
+    std::string answer;
 };
 
 Deadline::Clock::duration fromSeconds(double seconds) {
@@ -40,7 +50,8 @@ CLI::Validator within(Number low, Number high) {
     return CLI::Range(low, high).description("");
 }
 
-void define(CLI::App& app, ServerOptions& options) {
+void define(CLI::App& app, CommandLine& line) {
+    ServerOptions& options = line.options;
     app.set_version_flag("--version", "postwire-serve " POSTWIRE_VERSION);
     app.footer(kFooter);
     app.add_option("--port", options.port, "Port to listen on, all interfaces; 0: any free one")
@@ -50,6 +61,10 @@ void define(CLI::App& app, ServerOptions& options) {
     CLI::Option* const echo = app.add_flag(
         "--echo", options.echo,
         "Answer with the same message instead of a receipt; quotes around header values are lost");
+    app.add_option("--answer", line.answer,
+                   "Answer with this file instead of a receipt; text/xml unless a type is given")
+        ->type_name("FILE[;type]")
+        ->excludes(echo);
     app.add_option("--chunked", options.chunkSize, "Echo in chunks of at most SIZE bytes")
         ->type_name("SIZE")
         ->needs(echo)
@@ -80,6 +95,19 @@ void defineLimits(CLI::App& app, CommandLine& line) {
         ->capture_default_str();
 }
 
+void readAnswer(CommandLine& line) {
+    std::size_t const end = std::min(line.answer.find(';'), line.answer.size());
+    std::string const type = line.answer.substr(std::min(end + 1, line.answer.size()));
+    SentFile const file = describeFile(line.answer.substr(0, end),
+                                       type.empty() ? "text/xml; charset=utf-8" : type, "");
+    if (file.size > kMaxAnswer) throw std::system_error(EFBIG, std::generic_category(), file.path);
+    std::ifstream stream(file.path, std::ios::binary);
+    if (!stream) throw std::system_error(errno, std::generic_category(), file.path);
+    for (BlockReader block(stream); block.next();)
+        line.options.answer.append(block.bytes(), block.size());
+    line.options.answerType = file.type;
+}
+
 int serve(ServerOptions const& options) {
     StopSignals signals;
     Server server(options);
@@ -100,7 +128,7 @@ int complained(int code, std::string const& text) {
 int main(int argc, char** argv) try {
     CLI::App app("Receives SOAP messages with attachments and answers what arrived.");
     CommandLine line;
-    define(app, line.options);
+    define(app, line);
     defineLimits(app, line);
     try {
         app.parse(argc, argv);
@@ -109,6 +137,7 @@ int main(int argc, char** argv) try {
     }
     line.options.idleTimeout = fromSeconds(line.idleSeconds);
     line.options.requestTimeout = fromSeconds(line.requestSeconds);
+    if (!line.answer.empty()) readAnswer(line);
     return serve(line.options);
 } catch (SoapSocketException& e) {
     return complained(kCantListen, std::string("can't listen: ") + e.getDetails());
@@ -116,7 +145,9 @@ int main(int argc, char** argv) try {
     return complained(kCantListen, e.toString());
 } catch (std::system_error& e) {
     bool const noThread = e.code() == std::errc::resource_unavailable_try_again;
-    return complained(noThread ? kFailed : kBadDirectory, e.what());
+    return complained(noThread ? kFailed : kBadFile, e.what());
+} catch (std::invalid_argument& e) {
+    return complained(kBadUsage, e.what());
 } catch (std::exception& e) {
     return complained(kFailed, e.what());
 }
