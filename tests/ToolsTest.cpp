@@ -70,7 +70,7 @@ TEST(ToolsRequestReader, KnowsVersionAndEndOfEachRequestHoweverItArrives) {
         forEachReadSize([&](int step) {
             FragmentingStream bytes(c["bytes"], step);
             ZULMemoryOutputStream out(64, 64);
-            RequestReader reader(bytes, out, 100);
+            RequestReader reader(bytes, out, 100, false);
             std::string results;
             for (std::string last; last.find('/') == 0 || results.empty(); results += last + "\n")
                 last = readOne(reader);

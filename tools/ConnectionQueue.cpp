@@ -8,10 +8,11 @@ ConnectionQueue::~ConnectionQueue() {
 
 bool ConnectionQueue::offer(int descriptor, std::chrono::milliseconds wait) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (!m_changed.wait_for(lock, wait, [this] { return m_descriptors.size() < m_capacity; }))
+    if (!m_room.wait_for(lock, wait, [this] { return m_descriptors.size() < m_capacity; }))
         return false;
     m_descriptors.push_back(descriptor);
     update();
+    m_offered.notify_one();
     return true;
 }
 
@@ -19,22 +20,22 @@ int ConnectionQueue::take() {
     std::unique_lock<std::mutex> lock(m_mutex);
     ++m_takers;
     update();
-    m_changed.wait(lock, [this] { return m_closed || !m_descriptors.empty(); });
+    m_offered.wait(lock, [this] { return m_closed || !m_descriptors.empty(); });
     --m_takers;
     if (m_descriptors.empty()) return -1;
     int const descriptor = m_descriptors.front();
     m_descriptors.pop_front();
     update();
+    m_room.notify_one();
     return descriptor;
 }
 
 void ConnectionQueue::close() {
     std::lock_guard<std::mutex> const lock(m_mutex);
     m_closed = true;
-    update();
+    m_offered.notify_all();
 }
 
 void ConnectionQueue::update() {
     m_crowded.store(m_descriptors.size() > m_takers, std::memory_order_relaxed);
-    m_changed.notify_all();
 }

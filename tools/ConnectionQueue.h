@@ -37,7 +37,8 @@ private:
 
     std::size_t const m_capacity;
     std::mutex m_mutex;
-    std::condition_variable m_changed;
+    std::condition_variable m_room;
+    std::condition_variable m_offered;  // or closed
     std::deque<int> m_descriptors;
     std::size_t m_takers = 0;
     std::atomic<bool> m_crowded{false};

@@ -18,14 +18,14 @@ constexpr std::size_t kMaxParts = 1000;
 // framing, and room for its head.
 constexpr long long totalLimit(int maxBody) { return maxBody + maxBody / 8 + 65536LL; }
 
-// The third word of a request line.
-std::string_view version(std::string_view line) {
+// Of a request line, whose third word is the version.
+int minorVersion(std::string_view line) {
     for (int word = 0; word < 2; ++word) {
         line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
         line.remove_prefix(std::min(line.find_first_of(" \t"), line.size()));
     }
     line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
-    return line.substr(0, line.find_first_of(" \t"));
+    return line.substr(0, line.find_first_of(" \t\r")) == "HTTP/1.0" ? 0 : 1;
 }
 
 }  // namespace
@@ -36,11 +36,12 @@ HTTPHeader* EntityHead::find(std::string_view name) {
     return found == fields.end() ? nullptr : &found->value;
 }
 
-RequestReader::RequestReader(ZULInputStream& in, ZULOutputStream& out, int maxBody)
+RequestReader::RequestReader(ZULInputStream& in, ZULOutputStream& out, int maxBody, bool keepFields)
     : m_limited(in, 0),
       m_in(m_limited, kReadAhead),
       m_out(out),
       m_line(256, 256),
+      m_keepFields(keepFields),
       m_maxBody(maxBody) {
     m_parser.setMsgHandler(this);
     m_in.setMaxLine(kMaxLine);
@@ -69,20 +70,25 @@ void RequestReader::read(Request& request) {
     request.keepAlive = wantsKeepAlive();
 }
 
-// From the request line, which is put back for the parser.
+// From the request line, which stays for the parser.
 int RequestReader::peekMinorVersion() {
+    int n = 0;
+    char const* const bytes = m_in.peek(n);
+    std::string_view const ahead(bytes, static_cast<std::size_t>(n));
+    std::size_t const end = ahead.find('\n');
+    if (end != ahead.npos) return minorVersion(ahead.substr(0, end));
+    // It has come in part only: it is read, and put back.
     m_line.reset();
     if (m_in.readLine(m_line) == -1) return 1;
-    bool const old = version({m_line.str(), m_line.pcount()}) == "HTTP/1.0";
+    int const minor = minorVersion({m_line.str(), m_line.pcount()});
     m_line << "\r\n";
     m_in.unread(m_line.str(), static_cast<int>(m_line.pcount()));
-    return old ? 0 : 1;
+    return minor;
 }
 
-bool RequestReader::wantsKeepAlive() {
-    std::string_view const connection = messageField("connection");
-    if (listHolds(connection, "close")) return false;
-    return m_request->minorVersion > 0 || listHolds(connection, "keep-alive");
+bool RequestReader::wantsKeepAlive() const {
+    if (listHolds(m_own.connection, "close")) return false;
+    return m_request->minorVersion > 0 || listHolds(m_own.connection, "keep-alive");
 }
 
 void RequestReader::reset() {
@@ -91,19 +97,50 @@ void RequestReader::reset() {
     m_request->heads.resize(1);
     m_request->heads.front().fields.clear();
     m_request->heads.front().multipart = false;
+    m_own.connection.clear();
+    m_own.expect.clear();
+    m_own.length = m_own.coding = false;
+    m_nameCount = 0;
 }
 
 void RequestReader::setURI(char const* uri) { m_request->uri = uri; }
 
 void RequestReader::header(char const* name, HTTPHeader* value) {
+    countField(name);
+    if (m_request->heads.size() == 1) recordOwnField(name, *value);
+    if (m_keepFields) keepField(name, *value);
+    HTTPMOMMsgHandler::header(name, value);
+}
+
+// Fields with one name count once: only the last of them is held in the end. They are told apart
+// where there are as many as may be, which is hardly ever.
+void RequestReader::countField(char const* name) {
+    if (m_nameCount == kMaxFields) {
+        std::sort(m_names.begin(), m_names.end());
+        auto const end = std::unique(m_names.begin(), m_names.end());
+        m_nameCount = static_cast<std::size_t>(end - m_names.begin());
+        if (m_nameCount == kMaxFields && !std::binary_search(m_names.begin(), end, name))
+            throw RequestRefused(431, "too many header fields");
+        if (m_nameCount == kMaxFields) return;
+    }
+    if (m_nameCount == m_names.size()) m_names.emplace_back();
+    m_names[m_nameCount++] = name;
+}
+
+void RequestReader::recordOwnField(std::string_view name, HTTPHeader& value) {
+    if (name == "connection") m_own.connection = value.getValue();
+    if (name == "expect") m_own.expect = value.getValue();
+    if (name == "content-length") m_own.length = true;
+    if (name == "transfer-encoding") m_own.coding = true;
+}
+
+void RequestReader::keepField(char const* name, HTTPHeader const& value) {
     EntityHead& head = m_request->heads.back();
     if (HTTPHeader* const before = head.find(name)) {
-        *before = *value;
+        *before = value;
     } else {
-        if (head.fields.size() == kMaxFields) throw RequestRefused(431, "too many header fields");
-        head.fields.push_back({name, *value});
+        head.fields.push_back({name, value});
     }
-    HTTPMOMMsgHandler::header(name, value);
 }
 
 void RequestReader::content(ZULInputStream& is, int length) {
@@ -117,9 +154,8 @@ void RequestReader::content(ZULInputStream& is) {
     if (&is == &m_in) {  // neither a length nor chunks
         if (m_request->heads.size() > 1)
             throw RequestRefused(400, "a part has neither Content-Length nor chunked coding");
-        for (char const* const framing : {"content-length", "transfer-encoding"})
-            if (m_request->heads.front().find(framing))
-                throw RequestRefused(400, std::string("bad ") + framing);
+        if (m_own.length) throw RequestRefused(400, "bad content-length");
+        if (m_own.coding) throw RequestRefused(400, "bad transfer-encoding");
         return;
     }
     beginBody();
@@ -137,6 +173,7 @@ void RequestReader::startMultiParts(char const* boundary) {
 void RequestReader::startPart() {
     if (m_request->heads.size() > kMaxParts) throw RequestRefused(413, "too many parts");
     m_request->heads.emplace_back();
+    m_nameCount = 0;
     HTTPMOMMsgHandler::startPart();
 }
 
@@ -145,13 +182,7 @@ void RequestReader::startPart() {
 void RequestReader::beginBody() {
     static constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
     if (m_request->heads.size() > 1 || m_request->minorVersion == 0) return;
-    if (!equalIgnoringCase(messageField("expect"), "100-continue")) return;
+    if (!equalIgnoringCase(m_own.expect, "100-continue")) return;
     m_out.write(kContinue, sizeof kContinue - 1);
     m_out.flush();
-}
-
-// The value of a field of the message's own head; empty where there is none.
-std::string_view RequestReader::messageField(std::string_view name) {
-    HTTPHeader* const field = m_request->heads.front().find(name);
-    return field ? field->getValue() : "";
 }

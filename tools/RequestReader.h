@@ -24,7 +24,8 @@ struct EntityHead {
     // The field of that name, or null.
     HTTPHeader* find(std::string_view name);
 
-    // In the order in which they came; of fields with one name the last value.
+    // In the order in which they came; of fields with one name the last value. Empty unless the
+    // reader keeps them.
     std::vector<Field> fields;
     bool multipart = false;
 };
@@ -58,8 +59,9 @@ struct RequestRefused : std::runtime_error {
 //   6.3: the client waits for its answer, not we for the end of the connection.
 class RequestReader : private HTTPMOMMsgHandler {
 public:
-    // `out` gets the interim answer that a client may wait for before it sends a body.
-    RequestReader(ZULInputStream& in, ZULOutputStream& out, int maxBody);
+    // `out` gets the interim answer that a client may wait for before it sends a body. The fields
+    // of heads are kept where they are asked for: it costs as much as reading them.
+    RequestReader(ZULInputStream& in, ZULOutputStream& out, int maxBody, bool keepFields);
     ~RequestReader() override;
 
     // Waits for the first byte of a request; false when the client has closed instead.
@@ -77,10 +79,20 @@ private:
     void startMultiParts(char const* boundary) override;
     void startPart() override;
 
+    // What the message's own head says about it and its connection.
+    struct OwnHead {
+        std::string connection;
+        std::string expect;
+        bool length = false;
+        bool coding = false;
+    };
+
     int peekMinorVersion();
+    void countField(char const* name);
+    void recordOwnField(std::string_view name, HTTPHeader& value);
+    void keepField(char const* name, HTTPHeader const& value);
     void beginBody();
-    bool wantsKeepAlive();
-    std::string_view messageField(std::string_view name);
+    bool wantsKeepAlive() const;
 
     LimitedInputStream m_limited;
     ZULBufferedInputStream m_in;
@@ -88,6 +100,10 @@ private:
     HTTPParser m_parser;
     QORByteBuffer m_line;
     Request* m_request = nullptr;
+    OwnHead m_own;
+    std::vector<std::string> m_names;  // of the fields of the message, or of the part being read
+    std::size_t m_nameCount = 0;       // how many of them; those behind are kept for their memory
+    bool m_keepFields;
     int m_maxBody;
     int m_bodyLeft = 0;  // of m_maxBody, for the bodies still to come
 };

@@ -79,7 +79,7 @@ ServedConnection::ServedConnection(Server& server, int descriptor)
       m_in(m_socket, m_deadline),
       m_out(*m_socket.getOutputStream(), m_deadline),
       m_answer(m_out, kAnswerBuffer),
-      m_reader(m_in, m_out, server.options().maxBody),
+      m_reader(m_in, m_out, server.options().maxBody, server.options().echo),
       m_node(m_answer, 0) {
     limitSends(descriptor, server.options().requestTimeout);
     if (!server.options().traceDirectory.empty()) m_socket.echo(server.makeTraceFile().c_str());
