@@ -24,6 +24,8 @@ unsigned int digitValue(char c) {
     return 16;
 }
 
+bool isControl(char c) { return (c >= '\0' && c < ' ' && c != '\t') || c == '\x7f'; }
+
 }  // namespace
 
 ZULChunkedInputStream::ZULChunkedInputStream(ZULBufferedInputStream& in)
@@ -32,7 +34,10 @@ ZULChunkedInputStream::ZULChunkedInputStream(ZULBufferedInputStream& in)
       m_state(State::Size),
       m_fault(ZULStreamException::ZUL_ERR_END_OF_INPUT),
       m_left(0),
-      m_count(0) {}
+      m_count(0),
+      m_strict(false),
+      m_inName(false),
+      m_framing(0) {}
 
 ZULChunkedInputStream::~ZULChunkedInputStream() = default;
 
@@ -40,6 +45,8 @@ void ZULChunkedInputStream::detach() {
     ZULFilterInputStream::detach();
     m_pBuffered = nullptr;
 }
+
+void ZULChunkedInputStream::setStrict() { m_strict = true; }
 
 // The buffer grows only for data that this chunk has: to learn that it has ended, a body that just
 // fits would else be moved.
@@ -106,6 +113,7 @@ void ZULChunkedInputStream::readFraming() {
     int taken = takePlainSizeLine(bytes, available);
     while (taken < available && inFraming()) takeFramingByte(bytes[taken++]);
     m_pBuffered->skip(taken);
+    m_framing += taken;
 }
 
 // Nearly every chunk begins with a size and nothing else, and the whole line is at hand: then it is
@@ -172,8 +180,13 @@ void ZULChunkedInputStream::takeSizeByte(char byte) {
 
 // White space, then perhaps ";" and an extension, which may hold anything but a line's end.
 void ZULChunkedInputStream::takeByteBehindSize(char byte) {
-    if (byte == '\r') return enter(State::SizeLf);
+    if (byte == '\r') {
+        if (m_strict && m_state == State::BehindSize && m_count > 0)
+            return fail(ZULStreamException::ZUL_ERR_CHUNK_SIZE);
+        return enter(State::SizeLf);
+    }
     if (byte == '\n') return fail(ZULStreamException::ZUL_ERR_CHUNK_END);
+    if (m_strict && isControl(byte)) return fail(ZULStreamException::ZUL_ERR_CHUNK_EXTENSION);
     if (++m_count > kMaxExtension) return fail(ZULStreamException::ZUL_ERR_CHUNK_EXTENSION);
     if (m_state == State::Extension || byte == ' ' || byte == '\t') return;
     if (byte != ';') return fail(ZULStreamException::ZUL_ERR_CHUNK_SIZE);
@@ -184,6 +197,7 @@ void ZULChunkedInputStream::takeByteBehindSize(char byte) {
 void ZULChunkedInputStream::takeTrailerByte(char byte) {
     if (m_state == State::Trailer && byte == '\r') return enter(State::BodyLf);
     if (++m_count > kMaxTrailer) return fail(ZULStreamException::ZUL_ERR_TRAILER_TOO_LONG);
+    if (m_strict && !fitsTrailerLine(byte)) return fail(ZULStreamException::ZUL_ERR_TRAILER);
     // Not through enter: the count goes on over all lines.
     if (m_state == State::TrailerLineLf) {
         if (byte != '\n') return fail(ZULStreamException::ZUL_ERR_CHUNK_END);
@@ -193,6 +207,19 @@ void ZULChunkedInputStream::takeTrailerByte(char byte) {
     } else {
         m_state = byte == '\r' ? State::TrailerLineLf : State::TrailerLine;
     }
+}
+
+// Whether the line can still be a field line: a name, a colon, a value without control characters.
+bool ZULChunkedInputStream::fitsTrailerLine(char byte) {
+    if (m_state == State::TrailerLineLf) return true;
+    bool const first = m_state == State::Trailer;
+    if (first) m_inName = true;
+    if (!m_inName) return byte == '\r' || byte == '\n' || !isControl(byte);
+    if (byte == ':') {
+        m_inName = false;
+        return !first;
+    }
+    return byte > ' ' && byte < '\x7f';
 }
 
 void ZULChunkedInputStream::expect(char wanted, char byte, State next) {

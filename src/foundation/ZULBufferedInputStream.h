@@ -46,13 +46,13 @@ public:
     // Takes n of the bytes that peek showed; more than those fails an assertion.
     void skip(int n);
 
-private:
-    friend class ZULChunkedInputStream;  // joins chunks while bytes are buffered
+    // The number of bytes read ahead and not yet taken: what can be had without a read beneath.
+    int buffered() const { return static_cast<int>(m_readAhead.pcount()) - m_position; }
 
+private:
     // One read beneath into the empty read-ahead; the number of bytes, or -1.
     int fill();
     void requireWithinLimit(unsigned int length, char const* end) const;
-    int buffered() const { return static_cast<int>(m_readAhead.pcount()) - m_position; }
 
     QORByteBuffer m_readAhead;
     int m_position;  // of the next byte within m_readAhead

@@ -31,6 +31,14 @@ public:
 
     void detach() override;
 
+    // From now on the grammar of RFC 9112 sections 7.1.1 and 7.1.2 is asked for, too: no white
+    // space behind a size but before an extension, no control characters in extensions, and trailer
+    // lines that are field lines.
+    void setStrict();
+
+    // The bytes of framing taken so far: all but chunk data.
+    long long getFramingSize() const { return m_framing; }
+
 private:
     // What the next byte belongs to; a line's end is two states, for CR and LF.
     enum class State {
@@ -58,6 +66,7 @@ private:
     void takeSizeByte(char byte);
     void takeByteBehindSize(char byte);
     void takeTrailerByte(char byte);
+    bool fitsTrailerLine(char byte);
     void expect(char wanted, char byte, State next);
     void enter(State state);
     void fail(ZULStreamException::Fault fault);
@@ -68,4 +77,7 @@ private:
     ZULStreamException::Fault m_fault;  // what Failed raises
     unsigned int m_left;                // bytes of the current chunk still to be read
     int m_count;                        // bytes of a length-limited piece of framing so far
+    bool m_strict;
+    bool m_inName;  // of a trailer line
+    long long m_framing;
 };

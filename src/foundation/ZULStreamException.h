@@ -16,6 +16,7 @@ public:
         ZUL_ERR_CHUNK_EXTENSION = 2005,  // more than 4 KiB behind a chunk size
         ZUL_ERR_TRAILER_TOO_LONG = 2006,  // more than 64 KiB of trailer lines
         ZUL_ERR_LINE_TOO_LONG = 2007,     // a line above the limit set for the stream
+        ZUL_ERR_TRAILER = 2008,           // a trailer line that is no field line
     };
 
     explicit ZULStreamException(Fault fault);
