@@ -27,3 +27,15 @@ void HTTPMessageReader::getResponse(HTTPMessage* msg, HTTPMessage::StatusCode* s
     *status = m_handler.m_statusCode;
     *status_message = m_handler.m_statusMessage;
 }
+
+void HTTPMessageReader::setReadPolicy(HTTPReadPolicy const& policy) {
+    m_parser.setReadPolicy(policy);
+}
+
+int HTTPMessageReader::getMinorVersion() const { return m_parser.getMinorVersion(); }
+
+bool HTTPMessageReader::keepAlive() const { return m_parser.keepAlive(); }
+
+void HTTPMessageReader::setContinueCallback(void (*callback)(void*), void* context) {
+    m_parser.setContinueCallback(callback, context);
+}

@@ -7,6 +7,7 @@
 
 #include "message/HTTPMessage.h"
 #include "parser/HTTPParser.h"
+#include "parser/HTTPReadPolicy.h"
 
 // Reads HTTP messages from a connection, one call each, into message trees.
 //
@@ -29,6 +30,14 @@ public:
     void getRequest(HTTPMessage* msg, std::string* uri);
     void getResponse(HTTPMessage* msg, HTTPMessage::StatusCode* status,
                      std::string* status_message);
+
+    // How messages are read from the next one on, instead of the default.
+    void setReadPolicy(HTTPReadPolicy const& policy);
+
+    // As HTTPParser has them: of the message read last, and for those to come.
+    int getMinorVersion() const;
+    bool keepAlive() const;
+    void setContinueCallback(void (*callback)(void*), void* context);
 
 private:
     HTTPParser m_parser;

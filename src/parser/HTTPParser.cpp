@@ -15,29 +15,23 @@
 #include "foundation/GuardedAllocation.h"
 #include "foundation/HTTPException.h"
 #include "foundation/StringTokenizer.h"
+#include "parser/HTTPParseError.h"
+#include "parser/HTTPPolicyParser.h"
 
 static char const kSourceFile[] = "HTTPParser";
 
 namespace {
 
-// The method texts that errors carry in their back-trace.
-constexpr char kParseRequest[] = "void HTTPParser::parseRequest( ZULBufferedInputStream *is )";
-constexpr char kParseResponse[] = "void HTTPParser::parseResponse( ZULBufferedInputStream *is )";
-constexpr char kProcessHeaders[] = "void HTTPParser::processHeaders( ZULBufferedInputStream *is )";
+using parseError::kParseRequest;
+using parseError::kParseResponse;
+using parseError::kProcessEntities;
+using parseError::kProcessHeaders;
+using parseError::kValidateResponseLine;
+using parseError::raise;
+
 constexpr char kValidateRequestLine[] =
     "void HTTPParser::validateRequestLine( QORByteBuffer &line )";
-constexpr char kValidateResponseLine[] =
-    "void HTTPParser::validateResponseLine( QORByteBuffer &line )";
 constexpr char kProcessHeader[] = "void HTTPParser::processHeader( QORByteBuffer &osline )";
-constexpr char kProcessEntities[] =
-    "void HTTPParser::processEntities( ZULBufferedInputStream *is )";
-
-[[noreturn]] void raise(HTTPException::plexaErrorCode code, char const* method, int line) {
-    HTTPException error(code);
-    error << QORMessage(
-        I18NString(HTTPException::getMessageString(code), nullptr, -1, nullptr, nullptr));
-    error.hurl(QORFileLocation(kSourceFile, line), method, "QOR_THROW");
-}
 
 // The words of a start line; a missing one is the error of that line.
 class StartLine {
@@ -63,8 +57,6 @@ private:
     HTTPException::plexaErrorCode m_missing;
     char const* m_method;
 };
-
-bool isVersion(std::string_view word) { return word == "HTTP/1.1" || word == "HTTP/1.0"; }
 
 // Whether the text begins with `start`, which is in lower case, in any letter case.
 bool beginsWith(std::string_view text, std::string_view start) {
@@ -158,7 +150,31 @@ private:
     std::unique_ptr<ZULBufferedInputStream, DetachAndDelete> m_buffered;
 };
 
+// Whether the word, in lower case, stands in a list with commas, in any letter case.
+bool listHolds(std::string_view list, std::string_view word) {
+    for (;;) {
+        std::size_t const comma = std::min(list.find(','), list.size());
+        std::string_view item = list.substr(0, comma);
+        while (!item.empty() && isAsciiSpace(item.front())) item.remove_prefix(1);
+        while (!item.empty() && isAsciiSpace(item.back())) item.remove_suffix(1);
+        if (item.size() == word.size() && beginsWith(item, word)) return true;
+        if (comma == list.size()) return false;
+        list.remove_prefix(comma + 1);
+    }
+}
+
 }  // namespace
+
+void parseError::raise(HTTPException::plexaErrorCode code, char const* method, int line) {
+    HTTPException error(code);
+    error << QORMessage(
+        I18NString(HTTPException::getMessageString(code), nullptr, -1, nullptr, nullptr));
+    error.hurl(QORFileLocation(kSourceFile, line), method, "QOR_THROW");
+}
+
+void parseError::raise(HTTPPolicyException::PolicyErrorCode code, int line) {
+    HTTPPolicyException(code).hurl(QORFileLocation(kSourceFile, line), nullptr, "QOR_THROW");
+}
 
 HTTPMsgHandler::~HTTPMsgHandler() = default;
 
@@ -177,34 +193,75 @@ HTTPParser::HTTPParser()
       m_idepth(0),
       m_contentlength(),
       m_bLengthDeclared(),
-      m_line(256, 256) {}
+      m_line(256, 256),
+      m_continueCallback(nullptr),
+      m_continueContext(nullptr),
+      m_minorVersion(1),
+      m_isRequest(false),
+      m_saysClose(false),
+      m_saysKeepAlive(false),
+      m_expectsContinue(false),
+      m_tookAll(false),
+      m_wasRead(false) {}
 
 HTTPParser::~HTTPParser() { m_pHandler = nullptr; }
 
 void HTTPParser::setMsgHandler(HTTPMsgHandler* handler) { m_pHandler = handler; }
 
+void HTTPParser::setReadPolicy(HTTPReadPolicy const& policy) {
+    m_policy.reset();
+    if (HTTPPolicyParser::changesReading(policy))
+        m_policy =
+            guardedNew<HTTPPolicyParser>(QORFileLocation(kSourceFile, __LINE__), *this, policy);
+}
+
+void HTTPParser::setContinueCallback(void (*callback)(void*), void* context) {
+    m_continueCallback = callback;
+    m_continueContext = context;
+}
+
+bool HTTPParser::keepAlive() const {
+    return m_wasRead && !m_tookAll && !m_saysClose && (m_minorVersion > 0 || m_saysKeepAlive);
+}
+
 void HTTPParser::parseRequest(ZULBufferedInputStream* is) {
-    startMessage(is, kParseRequest);
-    validateRequestLine(m_line);
+    startMessage(is, true);
+    if (m_policy) {
+        m_policy->readRequestLine(*is);
+    } else {
+        readStartLine(*is, kParseRequest);
+        validateRequestLine(m_line);
+    }
     endMessage(is);
 }
 
 void HTTPParser::parseResponse(ZULBufferedInputStream* is) {
-    startMessage(is, kParseResponse);
-    validateResponseLine(m_line);
+    startMessage(is, false);
+    if (m_policy) {
+        m_policy->readStatusLine(*is);
+    } else {
+        readStartLine(*is, kParseResponse);
+        validateResponseLine(m_line);
+    }
     endMessage(is);
 }
 
-// Up to the start line, which is left in m_line.
-void HTTPParser::startMessage(ZULBufferedInputStream* is, char const* method) {
+void HTTPParser::startMessage(ZULBufferedInputStream* is, bool isRequest) {
     QOR_ASSERT(is);
     QOR_ASSERT(m_pHandler);
     m_idepth = 0;
     resetLevel();
     m_boundaries.clear();
+    m_isRequest = isRequest;
+    m_saysClose = m_saysKeepAlive = m_expectsContinue = m_tookAll = m_wasRead = false;
+    if (m_policy) m_policy->startMessage();
     m_pHandler->reset();
+}
+
+// Left in m_line.
+void HTTPParser::readStartLine(ZULBufferedInputStream& is, char const* method) {
     do {
-        if (!readLine(*is)) raise(HTTPException::HTTP_ERR_END_OF_STREAM, method, __LINE__);
+        if (!readLine(is)) raise(HTTPException::HTTP_ERR_END_OF_STREAM, method, __LINE__);
     } while (m_line.pcount() == 0);
 }
 
@@ -212,6 +269,7 @@ void HTTPParser::endMessage(ZULBufferedInputStream* is) {
     processHeaders(is);
     processEntities(is);
     m_pHandler->endMessage();
+    m_wasRead = true;
 }
 
 void HTTPParser::resetLevel() {
@@ -231,20 +289,26 @@ bool HTTPParser::readLine(ZULBufferedInputStream& is) {
     return true;
 }
 
+bool HTTPParser::recordVersion(std::string_view word) {
+    if (word != "HTTP/1.1" && word != "HTTP/1.0") return false;
+    m_minorVersion = word.back() - '0';
+    return true;
+}
+
 void HTTPParser::validateRequestLine(QORByteBuffer& line) {
     QOR_ASSERT(m_pHandler);
     StartLine words(line, HTTPException::HTTP_ERR_BAD_REQUEST_LINE, kValidateRequestLine);
     if (std::strcmp(words.next(), "POST") != 0)
         raise(HTTPException::HTTP_ERR_METHOD_NOT_POST, kValidateRequestLine, __LINE__);
     m_pHandler->setURI(words.next());
-    if (!isVersion(words.next()))
+    if (!recordVersion(words.next()))
         raise(HTTPException::HTTP_ERR_VERSION, kValidateRequestLine, __LINE__);
 }
 
 void HTTPParser::validateResponseLine(QORByteBuffer& line) {
     QOR_ASSERT(m_pHandler);
     StartLine words(line, HTTPException::HTTP_ERR_BAD_RESPONSE_LINE, kValidateResponseLine);
-    if (!isVersion(words.next()))
+    if (!recordVersion(words.next()))
         raise(HTTPException::HTTP_ERR_VERSION, kValidateResponseLine, __LINE__);
     int const status = readNumber(words.next()).value;
     m_pHandler->setStatusCode(static_cast<HTTPMessage::StatusCode>(status));
@@ -253,6 +317,7 @@ void HTTPParser::validateResponseLine(QORByteBuffer& line) {
 
 void HTTPParser::processHeaders(ZULBufferedInputStream* is) {
     QOR_ASSERT(is);
+    if (m_policy) return m_policy->readHead(*is);
     for (;;) {
         if (!readLine(*is)) raise(HTTPException::HTTP_ERR_END_OF_STREAM, kProcessHeaders, __LINE__);
         if (m_line.pcount() == 0) return;
@@ -271,33 +336,49 @@ void HTTPParser::processHeader(QORByteBuffer& osline) {
     char* const colon = std::strchr(name, ':');
     if (!colon) return;
     *colon = '\0';
-    m_header.parseLater(colon + 1);
     lowerCase(name, colon);
     if (mayNeedTrimming(name, colon)) {
         std::string trimmed(name, colon);
         HTTPMessage::trim(trimmed);
-        reportHeader(trimmed);
+        reportHeader(trimmed, colon + 1);
     } else {
-        reportHeader({name, static_cast<std::size_t>(colon - name)});
+        reportHeader({name, static_cast<std::size_t>(colon - name)}, colon + 1);
     }
 }
 
-// The name is followed by a zero byte.
-void HTTPParser::reportHeader(std::string_view name) {
+// The name, in lower case, and the text behind the colon, each followed by a zero byte.
+void HTTPParser::reportHeader(std::string_view name, char const* text) {
+    m_header.parseLater(text);
     if (name == "content-type")
-        recordContentType();
+        recordContentType(text);
     else if (name == "content-length")
-        recordContentLength();
+        recordContentLength(text);
     else if (name == "transfer-encoding")
-        recordTransferEncoding();
+        recordTransferEncoding(text);
+    else if (m_idepth == 0)
+        recordConnection(name, text);
     m_pHandler->header(name.data(), &m_header);
 }
 
-void HTTPParser::recordContentType() {
+// What a message says of its connection.
+void HTTPParser::recordConnection(std::string_view name, char const* text) {
+    if (name == "connection") {
+        m_saysClose = m_saysClose || listHolds(text, "close");
+        m_saysKeepAlive = m_saysKeepAlive || listHolds(text, "keep-alive");
+    } else if (name == "expect") {
+        m_expectsContinue = m_expectsContinue || listHolds(text, "100-continue");
+    } else if (m_policy && name == "host") {
+        m_policy->judgeHost();
+    }
+}
+
+void HTTPParser::recordContentType(char const* text) {
+    if (m_policy) m_policy->judgeContentType();
     std::string_view const type = m_header.getValue();
     if (type.empty()) raise(HTTPException::HTTP_ERR_BAD_CONTENT_TYPE, kProcessHeader, __LINE__);
     if (!beginsWith(type, "multipart/")) return;
-    char const* const boundary = m_header.getAttribute("boundary");
+    char const* const boundary =
+        m_policy ? m_policy->boundaryOf(m_header, text) : m_header.getAttribute("boundary");
     if (!boundary || !*boundary)
         raise(HTTPException::HTTP_ERR_NO_BOUNDARY, kProcessHeader, __LINE__);
     // One boundary a level: a second would be taken for that of the level around it.
@@ -308,7 +389,8 @@ void HTTPParser::recordContentType() {
     m_bMultipart[m_idepth] = true;
 }
 
-void HTTPParser::recordContentLength() {
+void HTTPParser::recordContentLength(char const* text) {
+    if (m_policy) m_policy->judgeContentLength(text);
     char const* const value = m_header.getValue();
     if (!*value) raise(HTTPException::HTTP_ERR_BAD_CONTENT_LENGTH, kProcessHeader, __LINE__);
     Number const length = readNumber(value);
@@ -316,7 +398,8 @@ void HTTPParser::recordContentLength() {
     m_bLengthDeclared[m_idepth] = length.hasDigits;
 }
 
-void HTTPParser::recordTransferEncoding() {
+void HTTPParser::recordTransferEncoding(char const* text) {
+    if (m_policy) m_policy->judgeTransferEncoding(text);
     std::string_view const coding = m_header.getValue();
     if (coding.empty())
         raise(HTTPException::HTTP_ERR_BAD_TRANSFER_ENCODING, kProcessHeader, __LINE__);
@@ -327,10 +410,12 @@ void HTTPParser::recordTransferEncoding() {
 void HTTPParser::processEntities(ZULBufferedInputStream* is) {
     QOR_ASSERT(is);
     QOR_ASSERT(m_pHandler);
+    if (m_policy) return m_policy->readBody(*is);
     int const length = m_contentlength[m_idepth];
     // A length of 0 yields to chunked coding, any other may not stand beside it: two servers in a
     // row could each believe another one of the two (RFC 9112 section 6.3).
     bool const byLength = length != 0 || (m_bLengthDeclared[m_idepth] && !m_bChunking[m_idepth]);
+    if (m_continueCallback && (length > 0 || m_bChunking[m_idepth])) askForBody(*is);
     if (byLength && !m_bMultipart[m_idepth]) {
         QOR_ASSERT(!m_bChunking[m_idepth]);
         m_pHandler->content(*is, length);
@@ -343,12 +428,20 @@ void HTTPParser::processEntities(ZULBufferedInputStream* is) {
             processBody(body.stream());
             body.drain();
         } else {
+            m_tookAll = m_tookAll || (m_idepth == 0 && !(m_isRequest && m_bMultipart[0]));
             processBody(*is);
         }
     } catch (HTTPException& e) {
         e.addBackTrace(QORFileLocation(kSourceFile, __LINE__), kProcessEntities, "QOR_RETHROW");
         throw;
     }
+}
+
+// The head has been read and the body is wanted.
+void HTTPParser::askForBody(ZULBufferedInputStream const& is) {
+    bool const waits = m_isRequest && m_expectsContinue && m_minorVersion > 0;
+    if (waits && m_idepth == 0 && m_continueCallback && is.buffered() == 0)
+        m_continueCallback(m_continueContext);
 }
 
 // A body whose end the stream or the closing boundary line tells.
@@ -382,6 +475,7 @@ void HTTPParser::processParts(ZULBufferedInputStream& is) {
 
 void HTTPParser::processPart(ZULBufferedInputStream* is) {
     QOR_ASSERT(m_pHandler);
+    if (m_policy) return m_policy->readPart(*is);
     QOR_ASSERT(m_idepth + 1 < HTTP_MAX_DEPTH);
     ++m_idepth;
     resetLevel();

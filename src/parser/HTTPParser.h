@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,6 +12,8 @@
 #include "parser/HTTPMsgHandler.h"
 
 class HTTPMessageReader;
+class HTTPPolicyParser;
+struct HTTPReadPolicy;
 class ZULBufferedInputStream;
 
 // Reads one HTTP/1.0 or HTTP/1.1 message and reports it to a handler while it reads.
@@ -20,10 +23,12 @@ class ZULBufferedInputStream;
 // Units: lengths are bytes; level 0 is the message, 1 its parts, 2 the parts of a part.
 // Raises: HTTPException 1000 to 1010 for bad input; QORAssertError for a missing handler or
 //   stream, for a body with both a length and chunks, and for parts nested deeper than level 2;
-//   what the stream or the handler raises passes through. After any of these the next parse starts
-//   clean.
+//   what the stream or the handler raises passes through. Under a policy that does not leave the
+//   default as it is, HTTPPolicyException, an HTTPException, takes the place of the two assertions
+//   that input can fail. After any of these the next parse starts clean.
 // Rule: body framing follows RFC 9112 section 6.3, with chunked as the only transfer coding. The
 //   one method is POST. Lines are not folded together and have no limit of their own.
+//   HTTPReadPolicy says what a policy changes in this.
 class POSTWIRE_EXPORT HTTPParser {
 public:
     // The message, its parts, and the parts of a part.
@@ -36,6 +41,22 @@ public:
 
     // The receiver of all further events.
     void setMsgHandler(HTTPMsgHandler* handler);
+
+    // How messages are read from the next one on, instead of the default.
+    void setReadPolicy(HTTPReadPolicy const& policy);
+
+    // What to run, with what, before the first body byte of an HTTP/1.1 request that expects
+    // 100-continue (RFC 9110 section 10.1.1): not for one without a body, nor when bytes of the
+    // body are in the read-ahead already. Null for nothing, as at first.
+    void setContinueCallback(void (*callback)(void*), void* context);
+
+    // The version of the message read last, HTTP/1.0 or HTTP/1.1; 1 before the first.
+    int getMinorVersion() const { return m_minorVersion; }
+
+    // Whether another message may follow that one on its connection: RFC 9112 section 9.3, by its
+    // version and Connection. False after a failed parse and behind a body that took all to the
+    // end.
+    bool keepAlive() const;
 
     // Reads one message, from the first line that is not empty to the end of its body. Bytes
     // behind it stay in `is`, for the next call.
@@ -67,14 +88,20 @@ public:
     void processPart(ZULBufferedInputStream* is);
 
 private:
-    void startMessage(ZULBufferedInputStream* is, char const* method);
+    friend class HTTPPolicyParser;
+
+    void startMessage(ZULBufferedInputStream* is, bool isRequest);
+    void readStartLine(ZULBufferedInputStream& is, char const* method);
     void endMessage(ZULBufferedInputStream* is);
     void resetLevel();
     bool readLine(ZULBufferedInputStream& is);
-    void reportHeader(std::string_view name);
-    void recordContentType();
-    void recordContentLength();
-    void recordTransferEncoding();
+    bool recordVersion(std::string_view word);
+    void reportHeader(std::string_view name, char const* text);
+    void recordContentType(char const* text);
+    void recordContentLength(char const* text);
+    void recordTransferEncoding(char const* text);
+    void recordConnection(std::string_view name, char const* text);
+    void askForBody(ZULBufferedInputStream const& is);
     void processBody(ZULBufferedInputStream& is);
     void processParts(ZULBufferedInputStream& is);
 
@@ -89,6 +116,17 @@ private:
     // the value of a header line.
     QORByteBuffer m_line;
     HTTPHeader m_header;
+    std::unique_ptr<HTTPPolicyParser> m_policy;  // null: the default reading
+    void (*m_continueCallback)(void*);
+    void* m_continueContext;
+    // Of the message being read, or read last.
+    int m_minorVersion;
+    bool m_isRequest;
+    bool m_saysClose;
+    bool m_saysKeepAlive;
+    bool m_expectsContinue;
+    bool m_tookAll;  // its body ended with the stream
+    bool m_wasRead;  // all of it
 };
 
 // Builds an HTTPMessage tree from the parser's events: the message's headers, its body bytes, and

@@ -6,6 +6,7 @@
 #include "foundation/ZULBufferedInputStream.h"
 
 #include "foundation/HTTPException.h"
+#include "parser/HTTPReadPolicy.h"
 #include "support/FragmentingStream.h"
 #include "support/Raised.h"
 #include "support/TreeText.h"
@@ -41,7 +42,8 @@ std::string describe(HTTPException const& e) {
 }
 
 std::string describe(QORThrowable const& t) {
-    if (auto const* const e = dynamic_cast<HTTPException const*>(&t)) return describe(*e);
+    if (auto const* const e = dynamic_cast<HTTPException const*>(&t))
+        if (e->getCode() < HTTPPolicyException::HTTP_ERR_POLICY_FIRST) return describe(*e);
     if (dynamic_cast<QORAssertError const*>(&t)) return t.getMessage();
     auto const* const coded = dynamic_cast<QORException const*>(&t);
     std::string const name = t.getThrowableName();

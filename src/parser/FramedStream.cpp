@@ -1,0 +1,245 @@
+#include "parser/FramedStream.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#include "foundation/QORByteBuffer.h"
+#include "foundation/ZULStreamException.h"
+
+#include "parser/HTTPParseError.h"
+
+static char const kSourceFile[] = "HTTPParser";
+
+namespace {
+
+using Policy = HTTPPolicyException;
+
+// White space that may follow a boundary on its line: RFC 2046 section 5.1.1 sets no limit, but a
+// line that never ends must not be collected.
+constexpr int kMaxPadding = 1024;
+
+// The framing faults of the streams beneath; other errors are left to the caller.
+void translate(ZULStreamException const& e) {
+    switch (e.getCode()) {
+        case ZULStreamException::ZUL_ERR_END_OF_INPUT:
+            parseError::raise(Policy::HTTP_ERR_BODY_CUT, __LINE__);
+        case ZULStreamException::ZUL_ERR_CHUNK_SIZE:
+            parseError::raise(Policy::HTTP_ERR_CHUNK_SIZE, __LINE__);
+        case ZULStreamException::ZUL_ERR_CHUNK_TOO_LARGE:
+            parseError::raise(Policy::HTTP_ERR_CHUNK_TOO_LARGE, __LINE__);
+        case ZULStreamException::ZUL_ERR_CHUNK_END:
+            parseError::raise(Policy::HTTP_ERR_CHUNK_END, __LINE__);
+        case ZULStreamException::ZUL_ERR_CHUNK_EXTENSION:
+            parseError::raise(Policy::HTTP_ERR_CHUNK_EXTENSION, __LINE__);
+        case ZULStreamException::ZUL_ERR_TRAILER_TOO_LONG:
+        case ZULStreamException::ZUL_ERR_TRAILER:
+            parseError::raise(Policy::HTTP_ERR_TRAILER, __LINE__);
+        default:
+            return;
+    }
+}
+
+}  // namespace
+
+FramedStream::FramedStream(ZULInputStream& in, long long& allowance)
+    : m_in(in), m_allowance(allowance), m_ended(false) {}
+
+// Into the buffer's own storage where the stream beneath can do that; it grows for what is there
+// only.
+int FramedStream::read(QORByteBuffer& buf, int n) {
+    return readBy([&](int wanted) { return m_in.read(buf, wanted); }, n);
+}
+
+int FramedStream::read(char* bytes, int n) {
+    return readBy([&](int wanted) { return m_in.read(bytes, wanted); }, n);
+}
+
+template <class Read>
+int FramedStream::readBy(Read const& readBeneath, int n) try {
+    if (n > 0)
+        n = m_ended ? -1 : allowed(n);
+    else if (n < 0)
+        return m_in.read(nullptr, n);
+    if (n <= 0) return n;
+    int const got = took(readBeneath(n));
+    if (got > 0)
+        m_allowance -= got;
+    else
+        m_ended = true;
+    return got;
+} catch (ZULStreamException const& e) {
+    translate(e);
+    throw;
+}
+
+// What next allows. Where the allowance is used up, one byte more tells whether the body ends here.
+int FramedStream::allowed(int n) {
+    n = next(static_cast<int>(std::min<long long>(n, std::max(1LL, m_allowance))));
+    if (n > 0 && m_allowance <= 0) {
+        char beyond;
+        if (took(m_in.read(&beyond, 1)) > 0)
+            parseError::raise(Policy::HTTP_ERR_BODY_TOO_LARGE, __LINE__);
+        n = -1;
+    }
+    if (n < 0) m_ended = true;
+    return n;
+}
+
+void FramedStream::drain(ZULInputStream& in, long long most) {
+    char dropped[4096];
+    for (int got; (got = in.read(dropped, sizeof dropped)) > 0;)
+        if ((most -= got) < 0) parseError::raise(Policy::HTTP_ERR_BODY_LEFT, __LINE__);
+}
+
+// LengthStream
+
+LengthStream::LengthStream(ZULInputStream& in, int length, Policy::PolicyErrorCode cut,
+                           long long& allowance)
+    : FramedStream(in, allowance), m_open(false), m_left(length), m_cut(cut) {}
+
+LengthStream::LengthStream(ZULInputStream& in, long long& allowance)
+    : FramedStream(in, allowance),
+      m_open(true),
+      m_left(INT_MAX),
+      m_cut(Policy::HTTP_ERR_BODY_CUT) {}
+
+LengthStream::~LengthStream() = default;
+
+int LengthStream::next(int n) { return m_left == 0 ? -1 : std::min(n, m_left); }
+
+int LengthStream::took(int n) {
+    if (m_open) return n > 0 ? n : -1;
+    if (n <= 0) parseError::raise(m_cut, __LINE__);
+    m_left -= n;
+    return n;
+}
+
+// ChunkStream
+
+ChunkStream::ChunkStream(ZULChunkedInputStream& decoder, HTTPReadPolicy const& policy,
+                         long long& allowance)
+    : FramedStream(decoder, allowance), m_decoder(decoder), m_policy(policy), m_data(0) {
+    if (policy.strictFraming) decoder.setStrict();
+}
+
+ChunkStream::~ChunkStream() = default;
+
+int ChunkStream::next(int n) { return n; }
+
+// Looked at behind each read: a single one takes no more framing than a chunk has before its data,
+// and what is in the read-ahead.
+int ChunkStream::took(int n) {
+    m_data += std::max(n, 0);
+    bool const limited = m_policy.maxChunkFraming > 0 || m_policy.maxChunkFramingRatio > 0;
+    if (limited && m_decoder.getFramingSize() >
+                       m_policy.maxChunkFraming + m_data * m_policy.maxChunkFramingRatio)
+        parseError::raise(Policy::HTTP_ERR_CHUNK_FRAMING, __LINE__);
+    return n > 0 ? n : -1;
+}
+
+// BoundaryStream
+
+BoundaryStream::BoundaryStream(ZULBufferedInputStream& in, std::string const& boundary,
+                               bool atLineStart, long long& allowance)
+    : FramedStream(in, allowance),
+      m_buffered(in),
+      m_boundary(boundary),
+      m_atLineStart(atLineStart),
+      m_inputEnded(false),
+      m_closing(false) {}
+
+BoundaryStream::~BoundaryStream() = default;
+
+int BoundaryStream::next(int n) {
+    for (;;) {
+        int have = 0;
+        char const* const bytes = m_buffered.peek(have);
+        if (have == 0)
+            parseError::raise(HTTPException::HTTP_ERR_MISSING_BOUNDARY,
+                              parseError::kProcessEntities, __LINE__);
+        if (int const found = bodyBytes(bytes, have, n)) return found;
+        readOn(bytes, have);
+    }
+}
+
+int BoundaryStream::took(int n) {
+    m_atLineStart = false;
+    return n;
+}
+
+// The bytes, of at most `most`, before what is, or may be, a delimiter; -1 where it stands at once,
+// 0 where more bytes must tell. Every CR is looked at once, so that the time is linear in the
+// bytes.
+int BoundaryStream::bodyBytes(char const* bytes, int have, int most) {
+    char const* const end = bytes + have;
+    char const* const last = bytes + std::min(have, most);
+    Verdict verdict = m_atLineStart ? judge(bytes, end) : Verdict::No;
+    char const* at = bytes;
+    while (verdict == Verdict::No) {
+        void const* const cr = std::memchr(at, '\r', static_cast<std::size_t>(last - at));
+        if (!cr) return static_cast<int>(last - bytes);
+        at = static_cast<char const*>(cr);
+        if (at + 1 == end)
+            verdict = undecided();
+        else if (at[1] == '\n')
+            verdict = judge(at + 2, end);
+        if (verdict == Verdict::No) ++at;
+    }
+    if (at != bytes) return static_cast<int>(at - bytes);
+    return verdict == Verdict::Yes ? -1 : 0;
+}
+
+// Whether a delimiter begins here: exactly the boundary on a line of its own. The longer ones, of a
+// level within or around this one, are lines like any other.
+BoundaryStream::Verdict BoundaryStream::judge(char const* text, char const* end) {
+    auto const begins = [&text, end](std::string_view start) {
+        auto const have = std::min(start.size(), static_cast<std::size_t>(end - text));
+        if (start.compare(0, have, text, have) != 0) return Verdict::No;
+        text += have;
+        return have == start.size() ? Verdict::Yes : Verdict::Open;
+    };
+    auto const settled = [this](Verdict v) { return v == Verdict::Open ? undecided() : v; };
+    for (std::string_view const start : {std::string_view("--"), std::string_view(m_boundary)})
+        if (Verdict const v = begins(start); v != Verdict::Yes) return settled(v);
+    m_closing = false;
+    if (Verdict const v = judgeLineEnd(text, end); v != Verdict::No) return v;
+    m_closing = true;
+    if (Verdict const v = begins("--"); v != Verdict::Yes) return settled(v);
+    return judgeLineEnd(text, end);
+}
+
+// White space and CRLF. The end of the level ends the line as well.
+BoundaryStream::Verdict BoundaryStream::judgeLineEnd(char const* text, char const* end) const {
+    char const* const padding = text;
+    while (text != end && (*text == ' ' || *text == '\t')) ++text;
+    if (text - padding > kMaxPadding) return Verdict::No;
+    if (end - text < 2 && (text == end || *text == '\r'))
+        return m_inputEnded ? Verdict::Yes : Verdict::Open;
+    return text[0] == '\r' && text[1] == '\n' ? Verdict::Yes : Verdict::No;
+}
+
+// More bytes behind those held back, which stay in front. All of the read-ahead is held back.
+void BoundaryStream::readOn(char const* bytes, int n) {
+    std::string const held(bytes, static_cast<std::size_t>(n));
+    m_buffered.skip(n);
+    int more = 0;
+    m_buffered.peek(more);
+    m_inputEnded = more == 0;
+    m_buffered.unread(held.data(), n);
+}
+
+bool BoundaryStream::atDelimiter() { return next(1) < 0; }
+
+bool BoundaryStream::takeDelimiter() {
+    atDelimiter();
+    int have = 0;
+    char const* const bytes = m_buffered.peek(have);
+    char const* const end = bytes + have;
+    char const* text = bytes;
+    if (*text == '\r') text += 2;
+    text += 2 + m_boundary.size() + (m_closing ? 2 : 0);
+    while (text != end && *text != '\n') ++text;
+    m_buffered.skip(static_cast<int>(text - bytes) + (text != end ? 1 : 0));
+    return m_closing;
+}

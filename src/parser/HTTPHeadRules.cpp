@@ -1,0 +1,204 @@
+#include "parser/HTTPHeadRules.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "foundation/QORByteBuffer.h"
+
+#include "foundation/AsciiText.h"
+#include "parser/HTTPParseError.h"
+
+static char const kSourceFile[] = "HTTPParser";
+
+namespace {
+
+using Policy = HTTPPolicyException;
+using parseError::raise;
+
+constexpr std::size_t kMaxBoundary = 70;  // RFC 2046 section 5.1.1
+
+// The lower-case form of each character of a token, RFC 9110 section 5.6.2; 0 for all others.
+constexpr std::array<char, 256> kTokenLowerCase = [] {
+    std::array<char, 256> table{};
+    for (unsigned c = '0'; c <= '9'; ++c) table[c] = static_cast<char>(c);
+    for (unsigned c = 'a'; c <= 'z'; ++c) table[c] = table[c - 'a' + 'A'] = static_cast<char>(c);
+    for (char const c : std::string_view("!#$%&'*+-.^_`|~"))
+        table[static_cast<unsigned char>(c)] = c;
+    return table;
+}();
+
+char tokenLowerCase(char c) { return kTokenLowerCase[static_cast<unsigned char>(c)]; }
+
+bool isBlank(char c) { return c == ' ' || c == '\t'; }
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+std::string_view withoutBlanks(std::string_view text) {
+    while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
+    while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
+    return text;
+}
+
+bool equalsInAnyCase(std::string_view text, std::string_view lowerCase) {
+    return std::equal(text.begin(), text.end(), lowerCase.begin(), lowerCase.end(),
+                      [](char a, char b) { return asciiLowerCase(a) == b; });
+}
+
+// The line's end has been cut off, so that a CR that is left stands for itself: some readers end a
+// line there, and some end a text at a zero byte.
+void requireText(QORByteBuffer const& line) {
+    char const* const text = line.str();
+    if (::strchrnul(text, '\r') != text + line.pcount())
+        raise(Policy::HTTP_ERR_CONTROL_CHARACTER, __LINE__);
+}
+
+// Takes a text off its front, piece by piece.
+class Cutter {
+public:
+    explicit Cutter(std::string_view text) : m_left(text) {}
+
+    bool atEnd() const { return m_left.empty(); }
+    bool take(char c) {
+        if (atEnd() || m_left.front() != c) return false;
+        m_left.remove_prefix(1);
+        return true;
+    }
+    template <class Belongs>
+    std::string_view takeWhile(Belongs const& belongs) {
+        auto const end = std::find_if_not(m_left.begin(), m_left.end(), belongs);
+        std::string_view const taken =
+            m_left.substr(0, static_cast<std::size_t>(end - m_left.begin()));
+        m_left.remove_prefix(taken.size());
+        return taken;
+    }
+
+    // A text between quotes, a "\" before a character dropped, or one without quotes. False for one
+    // that does not end well.
+    bool takeValue(std::string& value) {
+        if (!take('"')) {
+            value = takeWhile([](char c) { return c != ';' && c != '"' && !isBlank(c); });
+        } else {
+            while (!take('"')) {
+                take('\\');
+                if (atEnd()) return false;
+                value += m_left.front();
+                m_left.remove_prefix(1);
+            }
+        }
+        takeWhile(isBlank);
+        return atEnd() || m_left.front() == ';';
+    }
+
+private:
+    std::string_view m_left;
+};
+
+}  // namespace
+
+void HTTPHeadRules::startHead(bool isPart) {
+    m_isPart = isPart;
+    m_hasLength = m_hasCoding = m_hasType = m_hasHost = false;
+}
+
+// Too few words, and wrong ones, are told as such where they are taken. RFC 9112 section 3 allows a
+// recipient to take more than a single blank between them, and warns of what comes of it.
+void HTTPHeadRules::judgeRequestLine(QORByteBuffer const& line) const {
+    requireText(line);
+    int blanks = 0;
+    char before = ' ';
+    for (char const* text = line.str(); *text; before = *text++) {
+        if (*text > ' ' && *text < '\x7f') continue;
+        if (*text != ' ' || before == ' ' || ++blanks > 2)
+            raise(Policy::HTTP_ERR_START_LINE, __LINE__);
+    }
+    if (before == ' ') raise(Policy::HTTP_ERR_START_LINE, __LINE__);
+}
+
+int HTTPHeadRules::judgeStatusLine(QORByteBuffer const& line, std::size_t version) const {
+    requireText(line);
+    Cutter cutter(std::string_view(line.str(), line.pcount()).substr(version));
+    bool const startsWell = cutter.take(' ');
+    std::string_view const digits = cutter.takeWhile(isDigit);
+    if (!startsWell || digits.size() != 3 || (!cutter.atEnd() && !cutter.take(' ')))
+        raise(Policy::HTTP_ERR_START_LINE, __LINE__);
+    return (digits[0] - '0') * 100 + (digits[1] - '0') * 10 + digits[2] - '0';
+}
+
+char* HTTPHeadRules::judgeFieldLine(QORByteBuffer& line) const {
+    requireText(line);
+    char* const name = line.str();
+    char* end = name;
+    while (char const c = tokenLowerCase(*end)) *end++ = c;
+    if (*end == ':' && end != name) return end;
+    if (isBlank(*name)) raise(Policy::HTTP_ERR_FOLDED_LINE, __LINE__);
+    while (isBlank(*end)) ++end;
+    raise(*end == ':' && isBlank(end[-1]) ? Policy::HTTP_ERR_SPACE_BEFORE_COLON
+                                          : Policy::HTTP_ERR_HEADER_LINE,
+          __LINE__);
+}
+
+// RFC 9112 section 6.3, item 5, but for a list of equal numbers in one line.
+void HTTPHeadRules::judgeContentLength(std::string_view text) {
+    std::string_view digits = withoutBlanks(text);
+    if (digits.empty()) return;
+    if (!std::all_of(digits.begin(), digits.end(), isDigit))
+        raise(Policy::HTTP_ERR_LENGTH_NOT_DIGITS, __LINE__);
+    digits.remove_prefix(std::min(digits.find_first_not_of('0'), digits.size() - 1));
+    if (m_hasLength && digits != m_length) raise(Policy::HTTP_ERR_LENGTH_REPEATED, __LINE__);
+    // Beyond this no number is told from others.
+    if (digits.size() > 10 || (digits.size() == 10 && digits > "2147483647"))
+        raise(Policy::HTTP_ERR_BODY_TOO_LARGE, __LINE__);
+    m_length = digits;
+    m_hasLength = true;
+}
+
+void HTTPHeadRules::judgeTransferEncoding(std::string_view text) {
+    if (withoutBlanks(text).empty()) return;
+    for (std::string_view rest = text;;) {
+        std::size_t const comma = rest.find(',');
+        if (!equalsInAnyCase(withoutBlanks(rest.substr(0, comma)), "chunked"))
+            raise(Policy::HTTP_ERR_UNKNOWN_CODING, __LINE__);
+        if (m_hasCoding) raise(Policy::HTTP_ERR_CODING_REPEATED, __LINE__);
+        m_hasCoding = true;
+        if (comma == std::string_view::npos) return;
+        rest.remove_prefix(comma + 1);
+    }
+}
+
+void HTTPHeadRules::judgeContentType() {
+    if (m_hasType) raise(Policy::HTTP_ERR_CONTENT_TYPE_REPEATED, __LINE__);
+    m_hasType = true;
+}
+
+void HTTPHeadRules::judgeHost() {
+    if (m_hasHost) raise(Policy::HTTP_ERR_HOST_REPEATED, __LINE__);
+    m_hasHost = true;
+}
+
+// Stacks write boundaries without quotes that hold ':', '=' and other characters that are no
+// token's: white space, quotes and ';' alone end one. What is malformed in front of a boundary or
+// behind it may hide another one from other readers.
+std::string const& HTTPHeadRules::boundaryOf(std::string_view text) {
+    Cutter cutter(text);
+    cutter.takeWhile([](char c) { return c != ';'; });
+    auto const isSeparator = [](char c) { return c == ';' || isBlank(c); };
+    bool found = false;
+    m_boundary.clear();
+    while (cutter.takeWhile(isSeparator), !cutter.atEnd()) {
+        std::string_view const name = cutter.takeWhile(tokenLowerCase);
+        std::string value;
+        if (name.empty() || !cutter.take('=') || !cutter.takeValue(value))
+            raise(Policy::HTTP_ERR_BAD_BOUNDARY, __LINE__);
+        if (!equalsInAnyCase(name, "boundary")) continue;
+        if (found || value.size() > kMaxBoundary) raise(Policy::HTTP_ERR_BAD_BOUNDARY, __LINE__);
+        m_boundary.swap(value);
+        found = true;
+    }
+    return m_boundary;
+}
+
+void HTTPHeadRules::endHead(int minorVersion) const {
+    if (m_hasCoding && m_hasLength) raise(Policy::HTTP_ERR_LENGTH_AND_CODING, __LINE__);
+    if (m_hasCoding && !m_isPart && minorVersion == 0)
+        raise(Policy::HTTP_ERR_CODING_IN_HTTP_1_0, __LINE__);
+}

@@ -1,0 +1,395 @@
+#include "parser/HTTPPolicyParser.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <limits>
+
+#include "foundation/QORThrowable.h"
+#include "foundation/ZULChunkedInputStream.h"
+
+#include "foundation/AsciiText.h"
+#include "parser/FramedStream.h"
+#include "parser/HTTPParseError.h"
+
+static char const kSourceFile[] = "HTTPParser";
+
+namespace {
+
+using Policy = HTTPPolicyException;
+using parseError::raise;
+
+constexpr int kReadAhead = 4096;
+constexpr long long kMaxLeft = 64 * 1024;  // of a body, behind what was read of it
+
+bool isBlank(char c) { return c == ' ' || c == '\t'; }
+
+[[noreturn]] void raiseEndOfHead(int line) {
+    raise(HTTPException::HTTP_ERR_END_OF_STREAM, parseError::kProcessHeaders, line);
+}
+
+template <class Number>
+Number limit(int given) {
+    return given > 0 ? given : std::numeric_limits<Number>::max();
+}
+
+}  // namespace
+
+HTTPPolicyParser::HTTPPolicyParser(HTTPParser& parser, HTTPReadPolicy const& policy)
+    : m_parser(parser),
+      m_policy(policy),
+      m_headLeft(0),
+      m_bodyLeft(0),
+      m_uncounted(0),
+      m_partsLeft(0),
+      m_status(0) {
+    // Streams hold on to the boundary of the level around theirs while deeper ones are added.
+    m_parser.m_boundaries.reserve(HTTPParser::HTTP_MAX_DEPTH);
+    startMessage();
+}
+
+bool HTTPPolicyParser::changesReading(HTTPReadPolicy const& p) {
+    return p.boundMessage || p.partsEndAtBoundary || p.strictFraming || p.maxLine > 0 ||
+           p.maxHead > 0 || p.maxHeaders > 0 || p.maxParts > 0 || p.maxPartHead > 0 ||
+           p.maxBody > 0 || p.maxChunkFraming > 0 || p.maxChunkFramingRatio > 0;
+}
+
+void HTTPPolicyParser::startMessage() {
+    m_headLeft = limit<long long>(m_policy.maxHead);
+    m_bodyLeft = limit<long long>(m_policy.maxBody);
+    m_uncounted = LLONG_MAX;
+    m_partsLeft = limit<int>(m_policy.maxParts);
+    m_status = 0;
+}
+
+// Lines
+
+// The next line, as it came but for its end; false when the input ends before that. Empty lines in
+// front of a start line are passed over, RFC 9112 section 2.2.
+bool HTTPPolicyParser::readLine(ZULBufferedInputStream& is, Code tooLong) {
+    m_parser.m_line.reset();
+    return appendLine(is, tooLong);
+}
+
+bool HTTPPolicyParser::appendLine(ZULBufferedInputStream& is, Code tooLong) {
+    QORByteBuffer& line = m_parser.m_line;
+    for (;;) {
+        int have = 0;
+        char const* const bytes = is.peek(have);
+        if (have == 0) return false;
+        void const* const lf = std::memchr(bytes, '\n', static_cast<unsigned int>(have));
+        int const piece = lf ? static_cast<int>(static_cast<char const*>(lf) - bytes) : have;
+        int const taken = piece + (lf ? 1 : 0);
+        requireRoom(bytes, piece, tooLong);
+        takeOfHead(taken);
+        line.appendChars(bytes, static_cast<unsigned int>(piece));
+        is.skip(taken);
+        if (!lf) continue;
+        unsigned int const length = line.pcount();
+        if (length > 0 && line.str()[length - 1] == '\r') line.setLength(length - 1);
+        return true;
+    }
+}
+
+// For n bytes more. A CR at their end may belong to the line's end, and does not count then.
+void HTTPPolicyParser::requireRoom(char const* bytes, int n, Code tooLong) const {
+    if (m_policy.maxLine <= 0) return;
+    QORByteBuffer const& line = m_parser.m_line;
+    unsigned int const size = line.pcount() + static_cast<unsigned int>(n);
+    auto const most = static_cast<unsigned int>(m_policy.maxLine);
+    if (size <= most) return;
+    char const last = n > 0 ? bytes[n - 1] : line.str()[size - 1];
+    if (size > most + 1 || last != '\r') raise(tooLong, __LINE__);
+}
+
+void HTTPPolicyParser::takeOfHead(int bytes) {
+    if ((m_headLeft -= bytes) < 0)
+        raise(depth() == 0 ? Policy::HTTP_ERR_HEAD_TOO_LARGE : Policy::HTTP_ERR_PART_HEAD_TOO_LARGE,
+              __LINE__);
+}
+
+// Whether the line ends a head. The default takes white space alone for nothing, too.
+bool HTTPPolicyParser::isEmptyLine() {
+    if (!m_policy.strictFraming) m_parser.m_line.trim();
+    return m_parser.m_line.pcount() == 0;
+}
+
+// Start lines
+
+void HTTPPolicyParser::readStartLine(ZULBufferedInputStream& is, char const* method) {
+    do {
+        if (!readLine(is, Policy::HTTP_ERR_START_LINE_TOO_LONG))
+            raise(HTTPException::HTTP_ERR_END_OF_STREAM, method, __LINE__);
+    } while (isEmptyLine());
+}
+
+void HTTPPolicyParser::readRequestLine(ZULBufferedInputStream& is) {
+    readStartLine(is, parseError::kParseRequest);
+    if (m_policy.strictFraming) m_rules.judgeRequestLine(m_parser.m_line);
+    m_parser.validateRequestLine(m_parser.m_line);
+}
+
+void HTTPPolicyParser::readStatusLine(ZULBufferedInputStream& is) {
+    readStartLine(is, parseError::kParseResponse);
+    if (!m_policy.strictFraming) return m_parser.validateResponseLine(m_parser.m_line);
+    // Only the last head of a response is told of, RFC 9110 section 15.2.
+    while (judgeStatusLine(), m_status / 100 == 1) {
+        skipInterimHead(is);
+        readStartLine(is, parseError::kParseResponse);
+    }
+    HTTPMsgHandler& handler = *m_parser.m_pHandler;
+    handler.setStatusCode(static_cast<HTTPMessage::StatusCode>(m_status));
+    m_parser.m_line.trim();
+    char const* reason = m_parser.m_line.str() + std::min(m_parser.m_line.pcount(), 12U);
+    while (isBlank(*reason)) ++reason;
+    handler.setStatusMessage(reason);
+}
+
+void HTTPPolicyParser::judgeStatusLine() {
+    constexpr std::size_t kVersion = 8;
+    std::string_view const line(m_parser.m_line.str(), m_parser.m_line.pcount());
+    if (!m_parser.recordVersion(line.substr(0, std::min(line.find(' '), line.size()))))
+        raise(HTTPException::HTTP_ERR_VERSION, parseError::kValidateResponseLine, __LINE__);
+    m_status = m_rules.judgeStatusLine(m_parser.m_line, kVersion);
+}
+
+void HTTPPolicyParser::skipInterimHead(ZULBufferedInputStream& is) {
+    for (;;) {
+        readHeadLine(is);
+        if (isEmptyLine()) return;
+        m_rules.judgeFieldLine(m_parser.m_line);
+    }
+}
+
+// Header lines
+
+void HTTPPolicyParser::readHeadLine(ZULBufferedInputStream& is) {
+    if (!readLine(is, Policy::HTTP_ERR_HEADER_LINE_TOO_LONG)) raiseEndOfHead(__LINE__);
+}
+
+void HTTPPolicyParser::readHead(ZULBufferedInputStream& is) {
+    m_rules.startHead(depth() > 0);
+    for (int left = limit<int>(m_policy.maxHeaders);; --left) {
+        readHeadLine(is);
+        if (isEmptyLine()) break;
+        if (left == 0) raise(Policy::HTTP_ERR_TOO_MANY_HEADERS, __LINE__);
+        if (m_policy.strictFraming)
+            takeFieldLine(is);
+        else
+            m_parser.processHeader(m_parser.m_line);
+    }
+    if (m_policy.strictFraming) m_rules.endHead(m_parser.m_minorVersion);
+}
+
+void HTTPPolicyParser::takeFieldLine(ZULBufferedInputStream& is) {
+    QORByteBuffer& line = m_parser.m_line;
+    if (depth() > 0) joinContinuations(is);
+    char* const colon = m_rules.judgeFieldLine(line);
+    *colon = '\0';
+    auto const length = static_cast<std::size_t>(colon - line.str());
+    m_parser.reportHeader({line.str(), length}, colon + 1);
+}
+
+// RFC 9112 section 5.2 has no place for them in the message's head; MIME, which parts come from,
+// does: RFC 2046 section 5.1. One blank stands for the line's end and the white space around it.
+void HTTPPolicyParser::joinContinuations(ZULBufferedInputStream& is) {
+    QORByteBuffer& line = m_parser.m_line;
+    int have = 0;
+    for (char const* next; next = is.peek(have), have > 0 && isBlank(*next);) {
+        unsigned int length = line.pcount();
+        while (length > 0 && isBlank(line.str()[length - 1])) --length;
+        line.setLength(length);
+        line << ' ';
+        for (; have > 0 && isBlank(*next); next = is.peek(have)) {
+            takeOfHead(1);
+            is.skip(1);
+        }
+        if (!appendLine(is, Policy::HTTP_ERR_HEADER_LINE_TOO_LONG)) raiseEndOfHead(__LINE__);
+    }
+}
+
+void HTTPPolicyParser::judgeContentType() {
+    if (m_policy.strictFraming) m_rules.judgeContentType();
+}
+
+void HTTPPolicyParser::judgeContentLength(char const* text) {
+    if (m_policy.strictFraming) m_rules.judgeContentLength(text);
+}
+
+void HTTPPolicyParser::judgeTransferEncoding(char const* text) {
+    if (m_policy.strictFraming) m_rules.judgeTransferEncoding(text);
+}
+
+void HTTPPolicyParser::judgeHost() {
+    if (m_policy.strictFraming) m_rules.judgeHost();
+}
+
+char const* HTTPPolicyParser::boundaryOf(HTTPHeader& type, char const* text) {
+    return m_policy.strictFraming ? m_rules.boundaryOf(text).c_str()
+                                  : type.getAttribute("boundary");
+}
+
+// Bodies
+
+HTTPPolicyParser::Framing HTTPPolicyParser::framing() const {
+    bool const declared = m_parser.m_bLengthDeclared[depth()];
+    bool const chunked = m_parser.m_bChunking[depth()];
+    int const length = m_parser.m_contentlength[depth()];
+    if (length < 0) raise(Policy::HTTP_ERR_LENGTH_NOT_DIGITS, __LINE__);
+    if (chunked && length > 0) raise(Policy::HTTP_ERR_LENGTH_AND_CODING, __LINE__);
+    if (m_policy.strictFraming && depth() == 0) {
+        // RFC 9112 section 6.3, items 1 and 7.
+        if (m_parser.m_isRequest ? !chunked && !declared : m_status == 204 || m_status == 304)
+            return Framing::None;
+    }
+    if (chunked) return Framing::Chunks;
+    if (declared) return Framing::Length;
+    return enclosingBoundary() ? Framing::Boundary : Framing::Rest;
+}
+
+// The one before whose delimiters parts of this level end, or null.
+std::string const* HTTPPolicyParser::enclosingBoundary() const {
+    auto const& boundaries = m_parser.m_boundaries;
+    std::size_t const own = m_parser.m_bMultipart[depth()] ? 1 : 0;
+    if (!m_policy.partsEndAtBoundary || depth() == 0 || boundaries.size() <= own) return nullptr;
+    return &boundaries[boundaries.size() - own - 1];
+}
+
+void HTTPPolicyParser::readBody(ZULBufferedInputStream& is) try {
+    Framing const framing = this->framing();
+    int const length = m_parser.m_contentlength[depth()];
+    // Asked for while the level's own boundary still stands.
+    std::string const* const boundary = enclosingBoundary();
+    if (framing != Framing::None && framing != Framing::Rest && length > m_bodyLeft)
+        raise(Policy::HTTP_ERR_BODY_TOO_LARGE, __LINE__);
+    if (framing == Framing::Chunks || length > 0) m_parser.askForBody(is);
+    switch (framing) {
+        case Framing::None:
+            return readNone(is);
+        case Framing::Length:
+            readLength(is, length);
+            break;
+        case Framing::Chunks: {
+            ZULChunkedInputStream decoder(is);
+            ChunkStream body(decoder, m_policy, allowance());
+            deliver(body);
+            break;
+        }
+        case Framing::Boundary: {
+            BoundaryStream body(is, *boundary, true, allowance());
+            return deliver(body);
+        }
+        case Framing::Rest:
+            return readRest(is);
+    }
+    if (boundary) requireDelimiter(is, *boundary, framing == Framing::Chunks || length == 0);
+} catch (HTTPException& e) {
+    e.addBackTrace(QORFileLocation(kSourceFile, __LINE__), parseError::kProcessEntities,
+                   "QOR_RETHROW");
+    throw;
+}
+
+// What is read of a multipart level is counted where its parts are read.
+long long& HTTPPolicyParser::allowance() {
+    return m_parser.m_bMultipart[depth()] ? m_uncounted : m_bodyLeft;
+}
+
+void HTTPPolicyParser::readNone(ZULBufferedInputStream& is) {
+    LengthStream body(is, 0, Policy::HTTP_ERR_BODY_CUT, m_bodyLeft);
+    m_parser.m_pHandler->content(body, 0);
+}
+
+void HTTPPolicyParser::readLength(ZULBufferedInputStream& is, int length) {
+    bool const multipart = m_parser.m_bMultipart[depth()];
+    if (m_policy.boundMessage) {
+        // A part can be cut by the end of the body around it only: that of the input is told there.
+        auto const cut = depth() > 0 ? Policy::HTTP_ERR_BODY_OVERRUN : Policy::HTTP_ERR_BODY_CUT;
+        LengthStream body(is, length, cut, allowance());
+        deliver(body, length);
+    } else if (multipart) {
+        readParts(is);
+    } else {
+        m_bodyLeft -= length;
+        m_parser.m_pHandler->content(is, length);
+    }
+}
+
+// To the end of the stream, or to the closing delimiter.
+void HTTPPolicyParser::readRest(ZULBufferedInputStream& is) {
+    bool const multipart = m_parser.m_bMultipart[depth()];
+    if (depth() == 0) m_parser.m_tookAll = !multipart || !m_parser.m_isRequest;
+    if (multipart) return readParts(is);
+    LengthStream body(is, m_bodyLeft);
+    m_parser.m_pHandler->content(body);
+}
+
+void HTTPPolicyParser::deliver(FramedStream& body, int length) {
+    HTTPMsgHandler& handler = *m_parser.m_pHandler;
+    long long const most = m_policy.boundMessage ? kMaxLeft : LLONG_MAX;
+    if (m_parser.m_bMultipart[depth()]) {
+        ZULBufferedInputStream buffered(body, kReadAhead);
+        readParts(buffered);
+        return FramedStream::drain(buffered, most);
+    }
+    if (length >= 0)
+        handler.content(body, length);
+    else
+        handler.content(body);
+    FramedStream::drain(body, most);
+}
+
+// Parts
+
+void HTTPPolicyParser::readParts(ZULBufferedInputStream& is) {
+    auto& boundaries = m_parser.m_boundaries;
+    QOR_ASSERT(!boundaries.empty());
+    m_parser.m_pHandler->startMultiParts(boundaries.back().c_str());
+    while (!findDelimiter(is)) readPart(is);
+    m_parser.m_pHandler->endMultiParts(boundaries.back().c_str());
+    boundaries.pop_back();
+}
+
+// Passes over what stands before the next delimiter, and takes it; whether it is the closing one.
+bool HTTPPolicyParser::findDelimiter(ZULBufferedInputStream& is) {
+    std::string const& boundary = m_parser.m_boundaries.back();
+    if (m_policy.partsEndAtBoundary) {
+        BoundaryStream skipped(is, boundary, true, m_bodyLeft);
+        FramedStream::drain(skipped, LLONG_MAX);
+        return skipped.takeDelimiter();
+    }
+    return findDelimiterLine(is, "--" + boundary);
+}
+
+// As the default looks for it: white space around the line does not matter.
+bool HTTPPolicyParser::findDelimiterLine(ZULBufferedInputStream& is, std::string const& separator) {
+    QORByteBuffer& line = m_parser.m_line;
+    for (;;) {
+        m_headLeft = LLONG_MAX;
+        if (!readLine(is, Policy::HTTP_ERR_HEADER_LINE_TOO_LONG) && line.pcount() == 0)
+            raise(HTTPException::HTTP_ERR_MISSING_BOUNDARY, parseError::kProcessEntities, __LINE__);
+        if ((m_bodyLeft -= line.pcount()) < 0) raise(Policy::HTTP_ERR_BODY_TOO_LARGE, __LINE__);
+        line.trim();
+        std::string_view const text(line.str(), line.pcount());
+        if (text == separator) return false;
+        if (text == separator + "--") return true;
+    }
+}
+
+void HTTPPolicyParser::requireDelimiter(ZULBufferedInputStream& is, std::string const& boundary,
+                                        bool atLineStart) {
+    if (!BoundaryStream(is, boundary, atLineStart, m_uncounted).atDelimiter())
+        raise(Policy::HTTP_ERR_NO_DELIMITER, __LINE__);
+}
+
+void HTTPPolicyParser::readPart(ZULBufferedInputStream& is) {
+    if (depth() + 1 == HTTPParser::HTTP_MAX_DEPTH) raise(Policy::HTTP_ERR_NESTING, __LINE__);
+    if (m_partsLeft-- == 0) raise(Policy::HTTP_ERR_TOO_MANY_PARTS, __LINE__);
+    ++m_parser.m_idepth;
+    m_parser.resetLevel();
+    m_headLeft = limit<long long>(m_policy.maxPartHead);
+    m_parser.m_pHandler->startPart();
+    readHead(is);
+    readBody(is);
+    --m_parser.m_idepth;
+    m_parser.m_pHandler->endPart();
+}
