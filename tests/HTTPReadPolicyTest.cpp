@@ -1,5 +1,3 @@
-#include <algorithm>
-#include <map>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -16,30 +14,13 @@
 
 namespace {
 
-HTTPReadPolicy policyNamed(std::string const& text) {
-    if (text.empty() || text == "hardened") return HTTPReadPolicy::hardened();
-    HTTPReadPolicy policy;
-    std::map<std::string, bool*> const flags{{"boundMessage", &policy.boundMessage},
-                                             {"partsEndAtBoundary", &policy.partsEndAtBoundary},
-                                             {"strictFraming", &policy.strictFraming}};
-    std::map<std::string, int*> const limits{
-        {"maxLine", &policy.maxLine},
-        {"maxHead", &policy.maxHead},
-        {"maxHeaders", &policy.maxHeaders},
-        {"maxParts", &policy.maxParts},
-        {"maxPartHead", &policy.maxPartHead},
-        {"maxBody", &policy.maxBody},
-        {"maxChunkFraming", &policy.maxChunkFraming},
-        {"maxChunkFramingRatio", &policy.maxChunkFramingRatio}};
-    std::istringstream words(text);
-    for (std::string word; words >> word;) {
-        std::size_t const equals = word.find('=');
-        if (equals == std::string::npos)
-            *flags.at(word) = true;
-        else
-            *limits.at(word.substr(0, equals)) = std::stoi(word.substr(equals + 1));
-    }
-    return policy;
+HTTPReadPolicy policyOf(std::string const& fields) {
+    if (fields.empty()) return HTTPReadPolicy::hardened();
+    HTTPReadPolicy p;
+    std::istringstream(fields) >> p.boundMessage >> p.partsEndAtBoundary >> p.strictFraming >>
+        p.maxLine >> p.maxHead >> p.maxHeaders >> p.maxParts >> p.maxPartHead >> p.maxBody >>
+        p.maxChunkFraming >> p.maxChunkFramingRatio;
+    return p;
 }
 
 std::string chunked(std::string const& body, std::size_t size) {
@@ -75,10 +56,10 @@ std::vector<std::string> inputs(TestCase const& c) {
 
 struct Outcome {
     long code = 0;
-    std::string tree, left;
+    std::string tree;
 };
 
-Outcome readBy(HTTPReadPolicy const& policy, std::string const& bytes, int step,
+Outcome readBy(HTTPReadPolicy const& policy, std::string const& bytes, int step = kAllAtOnce,
                bool isResponse = false) {
     FragmentingStream wire(bytes, step);
     ZULBufferedInputStream buffered(wire, 4096);
@@ -87,22 +68,15 @@ Outcome readBy(HTTPReadPolicy const& policy, std::string const& bytes, int step,
     HTTPMessage message;
     std::string text;
     HTTPMessage::StatusCode status{};
-    Outcome outcome;
-    auto const error = raised([&] {
+    auto const thrown = raised([&] {
         isResponse ? reader.getResponse(&message, &status, &text)
                    : reader.getRequest(&message, &text);
     });
-    EXPECT_TRUE(!error || dynamic_cast<HTTPException*>(error.get())) << textOf(*error);
-    if (auto const* const e = dynamic_cast<HTTPException*>(error.get())) {
-        outcome.code = e->getCode();
-        EXPECT_EQ(e->getMessages().size(), 1U);
-        EXPECT_FALSE(reader.keepAlive());
-        EXPECT_NE(HTTPPolicyException::getHttpStatus(*e), 500);
-    } else {
-        outcome.tree = treeText(message);
-        outcome.left = wire.rest();
-    }
-    return outcome;
+    if (!thrown) return {0, treeText(message)};
+    auto const* const error = dynamic_cast<HTTPException*>(thrown.get());
+    EXPECT_TRUE(error && error->getMessages().size() == 1U) << textOf(*thrown);
+    EXPECT_FALSE(reader.keepAlive());
+    return {error ? error->getCode() : -1, ""};
 }
 
 }  // namespace
@@ -110,7 +84,7 @@ Outcome readBy(HTTPReadPolicy const& policy, std::string const& bytes, int step,
 TEST(HTTPReadPolicy, EndsHostileMessagesInTheirCodesAndReadsTheOthers) {
     for (TestCase const& c : loadCases("policy_hostile.txt")) {
         SCOPED_TRACE(c.where());
-        HTTPReadPolicy const policy = policyNamed(c["policy"]);
+        HTTPReadPolicy const policy = policyOf(c["policy"]);
         bool const isResponse = c.has("response");
         for (std::string const& bytes : inputs(c)) {
             if (c.has("code")) {
@@ -127,5 +101,155 @@ TEST(HTTPReadPolicy, EndsHostileMessagesInTheirCodesAndReadsTheOthers) {
                 EXPECT_EQ(parseEvents(parser, parse, bytes, step), start + c["events"]);
             });
         }
+    }
+}
+
+namespace {
+
+// What must come out as it went in: runs of CRLF, and lines that come close to a delimiter.
+std::string bodyOf(std::size_t part, std::string const& boundary) {
+    std::string const near = "\r\n--" + boundary;
+    if (part != 1) return part == 0 ? "<Envelope>\r\n</Envelope>\r\n" : "";
+    return std::string("\r\n\r\n\0\r\r\n--\r\n-", 13) + near + "x\r\n--" + boundary.substr(1) +
+           near + "-\r\n --" + boundary + near + "--x\n--" + boundary + "--" + near +
+           " .\r\r\n\r\n\r";
+}
+
+// As the stack writes it; or, plain, as the default reads it: with lengths, lines not continued.
+std::string multipartBody(TestCase const& c, bool plain) {
+    std::string made, heads = c["heads"];
+    for (std::size_t part = 0, end; (end = heads.find("\r\n\r\n")) != std::string::npos; ++part) {
+        std::string head = end > 0 ? heads.substr(0, end + 2) : "";
+        heads.erase(0, end + 4);
+        std::string const body = bodyOf(part, c["boundary"]);
+        if (plain) {
+            for (char const* const fold : {"\r\n ", "\r\n\t"})
+                for (std::size_t at; (at = head.find(fold)) != std::string::npos;)
+                    head.replace(at, 3, " ");
+            head += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+        }
+        made += (part == 0 ? c["first"] : "\r\n") + "--" + c["boundary"] + "\r\n" + head + "\r\n" +
+                body;
+    }
+    return made + c["end"];
+}
+
+// Without the lines that tell of framing, which differ.
+std::string withoutFraming(std::string const& tree) {
+    std::istringstream lines(tree);
+    std::string kept;
+    for (std::string line; std::getline(lines, line);)
+        if (line.find("content-length: ") == std::string::npos &&
+            line.find("transfer-encoding: ") == std::string::npos)
+            kept += line + '\n';
+    return kept;
+}
+
+void expectTree(std::string const& tree, std::string const& bytes, int step,
+                HTTPReadPolicy const& policy = HTTPReadPolicy::hardened()) {
+    Outcome const read = readBy(policy, bytes, step);
+    EXPECT_EQ(read.code, 0);
+    EXPECT_EQ(withoutFraming(read.tree), tree);
+}
+
+}  // namespace
+
+TEST(HTTPReadPolicy, ReadsTheShapesOfStacksAtEverySplitAndNoneOfThemCut) {
+    for (TestCase const& c : loadCases("policy_shapes.txt")) {
+        SCOPED_TRACE(c.where());
+        std::string const head = kPost + ("Content-Type: " + c["type"]) + "\r\n";
+        std::string const body = multipartBody(c, false), whole = withLength(head, body);
+        std::string const tree =
+            withoutFraming(readBy({}, withLength(head, multipartBody(c, true))).tree);
+        for (std::size_t const size : {1U, 7U, 5000U})
+            forEachReadSize([&](int step) { expectTree(tree, inChunks(head, body, size), step); });
+        for (std::size_t at = 1; at < whole.size(); ++at) {
+            SCOPED_TRACE(at);
+            expectTree(tree, whole, static_cast<int>(at));
+            for (int const step : {1, kAllAtOnce})
+                EXPECT_NE(readBy(HTTPReadPolicy::hardened(), whole.substr(0, at), step).code, 0);
+        }
+    }
+}
+
+TEST(HTTPReadPolicy, FindsDelimitersWhereverTheReadAheadEnds) {
+    HTTPReadPolicy unbounded;
+    unbounded.partsEndAtBoundary = true;
+    std::string body;
+    while (body.size() < 5000) body += "\r\n-";
+    for (std::size_t at = 4096 - 80; at <= 4096 + 80; ++at) {
+        SCOPED_TRACE(at);
+        std::string const part = body.substr(0, at), end = "\r\n--B--";
+        std::string const tree = withoutFraming(
+            readBy({}, withLength(kMultipart, "--B\r\n" + withLength("", part) + end), kAllAtOnce)
+                .tree);
+        // From the beginning of the level's own read-ahead on, and from that of the message's.
+        expectTree(tree, withLength(kMultipart, "--B\r\n\r\n" + part + end), kAllAtOnce);
+        expectTree(tree, inChunks(kMultipart, "--B\r\n\r\n" + part + end, 5000), kAllAtOnce);
+        expectTree(tree, std::string(kMultipart) + "\r\n--B\r\n\r\n" + part + end, kAllAtOnce,
+                   unbounded);
+    }
+}
+
+TEST(HTTPReadPolicy, TellsOfTheConnectionWithAndWithoutIt) {
+    for (TestCase const& c : loadCases("policy_connection.txt"))
+        for (bool const hardened : {false, true}) {
+            SCOPED_TRACE(c.where());
+            struct Peer {
+                FragmentingStream wire;
+                std::string body;
+                int asked = 0;
+            } peer{FragmentingStream(c["head"] + c["sent"]), c["body"]};
+            ZULBufferedInputStream buffered(peer.wire, 4096);
+            HTTPMessageReader reader(buffered);
+            if (hardened) reader.setReadPolicy(HTTPReadPolicy::hardened());
+            reader.setContinueCallback(
+                [](void* context) {
+                    Peer& waiting = *static_cast<Peer*>(context);
+                    waiting.wire.append(waiting.body);
+                    ++waiting.asked;
+                },
+                &peer);
+            HTTPMessage message;
+            std::string uri;
+            raised([&] { reader.getRequest(&message, &uri); });
+            EXPECT_EQ(reader.getMinorVersion(), c.number("minor"));
+            EXPECT_EQ(reader.keepAlive(), c.number("keep") != 0);
+            EXPECT_EQ(peer.asked, c.number("asked"));
+            EXPECT_EQ(message.contentSize(), c.number("size"));
+        }
+}
+
+TEST(HTTPReadPolicy, ReportsOutOfMemoryAndLeaksNothing) {
+    std::string const nested =
+        "--B\r\nContent-Type: multipart/x;\r\n "
+        "boundary=CC\r\n\r\n--CC\r\n\r\nabc\r\n--CC--\r\n--B--";
+    std::string const bytes = inChunks(kMultipart, nested, 9);
+    forEachFailingAllocation([&] {
+        FragmentingStream wire(bytes, 7);
+        ZULBufferedInputStream buffered(wire, 4096);
+        HTTPMessageReader reader(buffered);
+        reader.setReadPolicy(HTTPReadPolicy::hardened());
+        HTTPMessage message;
+        std::string uri;
+        reader.getRequest(&message, &uri);
+        EXPECT_EQ(message.getPart(0)->getPart(0)->contentSize(), 3);
+    });
+}
+
+TEST(HTTPPolicyException, KeepsItsTypeAndTellsItsStatus) {
+    for (TestCase const& c : loadCases("policy_errors.txt")) {
+        SCOPED_TRACE(c.where());
+        long const code = c.number("code");
+        auto const known = static_cast<HTTPPolicyException::PolicyErrorCode>(code);
+        EXPECT_EQ(HTTPPolicyException::getHttpStatus(HTTPException(code)), c.number("status"));
+        EXPECT_EQ(HTTPPolicyException::getMessageString(known) != nullptr, c.has("text"));
+        if (!c.has("text")) continue;
+        HTTPPolicyException error(known);
+        auto const thrown =
+            raised([&] { error.hurl(QORFileLocation("test", 1), nullptr, "QOR_THROW"); });
+        EXPECT_STREQ(thrown->getThrowableName(), "HTTPPolicyException");
+        EXPECT_EQ(textOf(*thrown), c["text"]);
+        EXPECT_EQ(backTraceText(*thrown), "QOR_THROW test\n");
     }
 }
