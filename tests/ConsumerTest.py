@@ -18,7 +18,7 @@ from programs import Server
 SOURCES = pathlib.Path(__file__).resolve().parent.parent
 PROGRAM = SOURCES / 'examples/read_request.cpp'
 SAYS = '/greet: Hello\n'
-TIMEOUT = 300
+TIMEOUT = 600
 
 
 def run(*command, **options):
