@@ -10,8 +10,10 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
 
 #include <CLI/CLI.hpp>
+#include <malloc.h>
 
 #include "foundation/QORThrowable.h"
 
@@ -108,6 +110,16 @@ void readAnswer(CommandLine& line) {
     line.options.answerType = file.type;
 }
 
+// Left to itself the allocator keeps room for the largest body it has seen, once for each of many
+// heaps. Here large bodies go back to the system when their message is done, and there are as many
+// heaps as threads can use at a time.
+void keepMemoryLow() {
+    constexpr int kLarge = 1 << 20;
+    ::mallopt(M_MMAP_THRESHOLD, kLarge);
+    ::mallopt(M_TRIM_THRESHOLD, 2 * kLarge);
+    ::mallopt(M_ARENA_MAX, static_cast<int>(std::max(1U, std::thread::hardware_concurrency())));
+}
+
 int serve(ServerOptions const& options) {
     StopSignals signals;
     Server server(options);
@@ -138,6 +150,7 @@ int main(int argc, char** argv) try {
     line.options.idleTimeout = fromSeconds(line.idleSeconds);
     line.options.requestTimeout = fromSeconds(line.requestSeconds);
     if (!line.answer.empty()) readAnswer(line);
+    keepMemoryLow();
     return serve(line.options);
 } catch (SoapSocketException& e) {
     return complained(kCantListen, std::string("can't listen: ") + e.getDetails());
