@@ -35,10 +35,10 @@ Verdict judge(HTTPMessageReader& reader, HTTPMessage& request) try {
 } catch (HTTPException const& e) {
     // An end within the head, or between messages: a peer that has closed.
     bool const ended = e.getCode() == HTTPException::HTTP_ERR_END_OF_STREAM;
-    return {ended ? 0 : 400, textOf(e)};
-} catch (ZULStreamException const& e) {  // a body cut short, malformed chunks, a negative length
+    return {ended ? 0 : HTTPPolicyException::getHttpStatus(e), textOf(e)};
+} catch (ZULStreamException const& e) {  // without a policy: a body cut short, malformed chunks
     return {400, textOf(e)};
-} catch (QORAssertError const& e) {  // a length beside chunks, parts nested too deep
+} catch (QORAssertError const& e) {  // without a policy: a length beside chunks, nesting too deep
     return {400, textOf(e)};
 } catch (QOROutOfMemoryError const& e) {  // bodies, parts
     return {503, textOf(e)};
@@ -62,6 +62,7 @@ int main(int argc, char** argv) {
         ZULMemoryInputStream bytes(wire.data(), static_cast<int>(wire.size()));
         ZULBufferedInputStream in(bytes, 4096);
         HTTPMessageReader reader(in);
+        reader.setReadPolicy(HTTPReadPolicy::hardened());
         HTTPMessage request;
         Verdict const verdict = judge(reader, request);
         std::printf("%d %s\n", verdict.status, verdict.reason.c_str());

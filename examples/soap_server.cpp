@@ -2,14 +2,9 @@
 #include <cstdio>
 #include <string>
 
-#include "foundation/QORThrowable.h"
-
 #include "parser/HTTPMessageReader.h"
 #include "sender/HTTPMessageSender.h"
 #include "socket/SoapSocket.h"
-
-static char const kEnvelope[] =
-    "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\"><s:Body/></s:Envelope>";
 
 static void addPart(MultipartHttpMsg& answer, char const* type, std::string const& text) {
     OnePieceHttpMsg* const part = answer.addOnePiece(0);
@@ -22,13 +17,16 @@ static void addPart(MultipartHttpMsg& answer, char const* type, std::string cons
 static void serve(int descriptor) try {
     SoapSocket connection(descriptor);
     ZULBufferedInputStream in(*connection.getInputStream(), 4096);
+    HTTPMessageReader reader(in);
+    reader.setReadPolicy(HTTPReadPolicy::hardened());
     HTTPMessage request;
     std::string uri;
-    HTTPMessageReader(in).getRequest(&request, &uri);
+    reader.getRequest(&request, &uri);
     MultipartHttpMsg answer(*connection.getOutputStream(), 0, "answer-part");
     answer.startResponse(200, "OK");
     answer.setHeader("Connection", "close");
-    addPart(answer, "text/xml", kEnvelope);
+    addPart(answer, "text/xml",
+            "<Envelope xmlns=\"http://schemas.xmlsoap.org/soap/envelope/\"><Body/></Envelope>");
     addPart(answer, "text/plain", std::to_string(request.num_parts()) + " parts for " + uri + "\n");
     answer.finish();
 } catch (QORThrowable& e) {
