@@ -37,7 +37,8 @@ ZULChunkedInputStream::ZULChunkedInputStream(ZULBufferedInputStream& in)
       m_count(0),
       m_strict(false),
       m_inName(false),
-      m_framing(0) {}
+      m_framingLeft(LLONG_MAX),
+      m_framingRatio(0) {}
 
 ZULChunkedInputStream::~ZULChunkedInputStream() = default;
 
@@ -47,6 +48,11 @@ void ZULChunkedInputStream::detach() {
 }
 
 void ZULChunkedInputStream::setStrict() { m_strict = true; }
+
+void ZULChunkedInputStream::setMaxFraming(long long bytes, int ratio) {
+    m_framingLeft = bytes;
+    m_framingRatio = ratio;
+}
 
 // The buffer grows only for data that this chunk has: to learn that it has ended, a body that just
 // fits would else be moved.
@@ -101,6 +107,7 @@ int ZULChunkedInputStream::readData(char* bytes, int n) {
         raiseFault();
     }
     m_left -= static_cast<unsigned int>(got);
+    m_framingLeft += static_cast<long long>(got) * m_framingRatio;
     if (m_left == 0) enter(State::DataCr);
     return got;
 }
@@ -111,9 +118,12 @@ void ZULChunkedInputStream::readFraming() {
     char const* const bytes = m_pBuffered->peek(available);
     if (available == 0) return fail(ZULStreamException::ZUL_ERR_END_OF_INPUT);
     int taken = takePlainSizeLine(bytes, available);
-    while (taken < available && inFraming()) takeFramingByte(bytes[taken++]);
+    countFraming(taken);
+    while (taken < available && inFraming()) {
+        takeFramingByte(bytes[taken++]);
+        countFraming(1);
+    }
     m_pBuffered->skip(taken);
-    m_framing += taken;
 }
 
 // Nearly every chunk begins with a size and nothing else, and the whole line is at hand: then it is
@@ -191,6 +201,12 @@ void ZULChunkedInputStream::takeByteBehindSize(char byte) {
     if (m_state == State::Extension || byte == ' ' || byte == '\t') return;
     if (byte != ';') return fail(ZULStreamException::ZUL_ERR_CHUNK_SIZE);
     m_state = State::Extension;
+}
+
+// Byte by byte, so that it does not depend on the reads beneath which fault is met first.
+void ZULChunkedInputStream::countFraming(int bytes) {
+    m_framingLeft -= bytes;
+    if (m_framingLeft < 0 && m_state != State::Failed) fail(ZULStreamException::ZUL_ERR_FRAMING);
 }
 
 // Lines of any content; the empty one ends the body.

@@ -46,6 +46,8 @@ char const* ZULStreamException::getMessageString(Fault fault) {
             return "malformed chunk: expected CRLF";
         case ZUL_ERR_CHUNK_EXTENSION:
             return "more than 4096 bytes behind a chunk size";
+        case ZUL_ERR_FRAMING:
+            return "too much chunk framing";
         case ZUL_ERR_TRAILER:
             return "malformed trailer line";
         case ZUL_ERR_TRAILER_TOO_LONG:

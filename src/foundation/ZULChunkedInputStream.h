@@ -36,8 +36,9 @@ public:
     // lines that are field lines.
     void setStrict();
 
-    // The bytes of framing taken so far: all but chunk data.
-    long long getFramingSize() const { return m_framing; }
+    // At most so many bytes of framing, that is of all but chunk data, and `ratio` more for each
+    // byte of data before them; no limit at first.
+    void setMaxFraming(long long bytes, int ratio);
 
 private:
     // What the next byte belongs to; a line's end is two states, for CR and LF.
@@ -63,6 +64,7 @@ private:
     void readFraming();
     int takePlainSizeLine(char const* bytes, int available);
     void takeFramingByte(char byte);
+    void countFraming(int bytes);
     void takeSizeByte(char byte);
     void takeByteBehindSize(char byte);
     void takeTrailerByte(char byte);
@@ -78,6 +80,7 @@ private:
     unsigned int m_left;                // bytes of the current chunk still to be read
     int m_count;                        // bytes of a length-limited piece of framing so far
     bool m_strict;
-    bool m_inName;  // of a trailer line
-    long long m_framing;
+    bool m_inName;            // of a trailer line
+    long long m_framingLeft;  // until the limit
+    int m_framingRatio;
 };

@@ -17,6 +17,7 @@ public:
         ZUL_ERR_TRAILER_TOO_LONG = 2006,  // more than 64 KiB of trailer lines
         ZUL_ERR_LINE_TOO_LONG = 2007,     // a line above the limit set for the stream
         ZUL_ERR_TRAILER = 2008,           // a trailer line that is no field line
+        ZUL_ERR_FRAMING = 2009,           // more chunk framing than the limit set for the stream
     };
 
     explicit ZULStreamException(Fault fault);

@@ -15,6 +15,10 @@ namespace {
 
 using Policy = HTTPPolicyException;
 
+[[noreturn]] void raise(Policy::PolicyErrorCode code, int line) {
+    parseError::raise(code, QORFileLocation(kSourceFile, line));
+}
+
 // White space that may follow a boundary on its line: RFC 2046 section 5.1.1 sets no limit, but a
 // line that never ends must not be collected.
 constexpr int kMaxPadding = 1024;
@@ -23,18 +27,20 @@ constexpr int kMaxPadding = 1024;
 void translate(ZULStreamException const& e) {
     switch (e.getCode()) {
         case ZULStreamException::ZUL_ERR_END_OF_INPUT:
-            parseError::raise(Policy::HTTP_ERR_BODY_CUT, __LINE__);
+            raise(Policy::HTTP_ERR_BODY_CUT, __LINE__);
         case ZULStreamException::ZUL_ERR_CHUNK_SIZE:
-            parseError::raise(Policy::HTTP_ERR_CHUNK_SIZE, __LINE__);
+            raise(Policy::HTTP_ERR_CHUNK_SIZE, __LINE__);
         case ZULStreamException::ZUL_ERR_CHUNK_TOO_LARGE:
-            parseError::raise(Policy::HTTP_ERR_CHUNK_TOO_LARGE, __LINE__);
+            raise(Policy::HTTP_ERR_CHUNK_TOO_LARGE, __LINE__);
         case ZULStreamException::ZUL_ERR_CHUNK_END:
-            parseError::raise(Policy::HTTP_ERR_CHUNK_END, __LINE__);
+            raise(Policy::HTTP_ERR_CHUNK_END, __LINE__);
         case ZULStreamException::ZUL_ERR_CHUNK_EXTENSION:
-            parseError::raise(Policy::HTTP_ERR_CHUNK_EXTENSION, __LINE__);
+            raise(Policy::HTTP_ERR_CHUNK_EXTENSION, __LINE__);
         case ZULStreamException::ZUL_ERR_TRAILER_TOO_LONG:
         case ZULStreamException::ZUL_ERR_TRAILER:
-            parseError::raise(Policy::HTTP_ERR_TRAILER, __LINE__);
+            raise(Policy::HTTP_ERR_TRAILER, __LINE__);
+        case ZULStreamException::ZUL_ERR_FRAMING:
+            raise(Policy::HTTP_ERR_CHUNK_FRAMING, __LINE__);
         default:
             return;
     }
@@ -78,8 +84,7 @@ int FramedStream::allowed(int n) {
     n = next(static_cast<int>(std::min<long long>(n, std::max(1LL, m_allowance))));
     if (n > 0 && m_allowance <= 0) {
         char beyond;
-        if (took(m_in.read(&beyond, 1)) > 0)
-            parseError::raise(Policy::HTTP_ERR_BODY_TOO_LARGE, __LINE__);
+        if (took(m_in.read(&beyond, 1)) > 0) raise(Policy::HTTP_ERR_BODY_TOO_LARGE, __LINE__);
         n = -1;
     }
     if (n < 0) m_ended = true;
@@ -89,7 +94,7 @@ int FramedStream::allowed(int n) {
 void FramedStream::drain(ZULInputStream& in, long long most) {
     char dropped[4096];
     for (int got; (got = in.read(dropped, sizeof dropped)) > 0;)
-        if ((most -= got) < 0) parseError::raise(Policy::HTTP_ERR_BODY_LEFT, __LINE__);
+        if ((most -= got) < 0) raise(Policy::HTTP_ERR_BODY_LEFT, __LINE__);
 }
 
 // LengthStream
@@ -110,7 +115,7 @@ int LengthStream::next(int n) { return m_left == 0 ? -1 : std::min(n, m_left); }
 
 int LengthStream::took(int n) {
     if (m_open) return n > 0 ? n : -1;
-    if (n <= 0) parseError::raise(m_cut, __LINE__);
+    if (n <= 0) raise(m_cut, __LINE__);
     m_left -= n;
     return n;
 }
@@ -119,24 +124,17 @@ int LengthStream::took(int n) {
 
 ChunkStream::ChunkStream(ZULChunkedInputStream& decoder, HTTPReadPolicy const& policy,
                          long long& allowance)
-    : FramedStream(decoder, allowance), m_decoder(decoder), m_policy(policy), m_data(0) {
+    : FramedStream(decoder, allowance) {
     if (policy.strictFraming) decoder.setStrict();
+    if (policy.maxChunkFraming > 0 || policy.maxChunkFramingRatio > 0)
+        decoder.setMaxFraming(policy.maxChunkFraming, policy.maxChunkFramingRatio);
 }
 
 ChunkStream::~ChunkStream() = default;
 
 int ChunkStream::next(int n) { return n; }
 
-// Looked at behind each read: a single one takes no more framing than a chunk has before its data,
-// and what is in the read-ahead.
-int ChunkStream::took(int n) {
-    m_data += std::max(n, 0);
-    bool const limited = m_policy.maxChunkFraming > 0 || m_policy.maxChunkFramingRatio > 0;
-    if (limited && m_decoder.getFramingSize() >
-                       m_policy.maxChunkFraming + m_data * m_policy.maxChunkFramingRatio)
-        parseError::raise(Policy::HTTP_ERR_CHUNK_FRAMING, __LINE__);
-    return n > 0 ? n : -1;
-}
+int ChunkStream::took(int n) { return n > 0 ? n : -1; }
 
 // BoundaryStream
 

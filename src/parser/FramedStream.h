@@ -70,10 +70,6 @@ public:
 private:
     int next(int n) override;
     int took(int n) override;
-
-    ZULChunkedInputStream& m_decoder;
-    HTTPReadPolicy const& m_policy;
-    long long m_data;
 };
 
 // A body that ends before the next delimiter of the level around it, the CRLF in front of that left

@@ -14,7 +14,10 @@ static char const kSourceFile[] = "HTTPParser";
 namespace {
 
 using Policy = HTTPPolicyException;
-using parseError::raise;
+
+[[noreturn]] void raise(Policy::PolicyErrorCode code, int line) {
+    parseError::raise(code, QORFileLocation(kSourceFile, line));
+}
 
 constexpr std::size_t kMaxBoundary = 70;  // RFC 2046 section 5.1.1
 
@@ -132,8 +135,8 @@ char* HTTPHeadRules::judgeFieldLine(QORByteBuffer& line) const {
     if (*end == ':' && end != name) return end;
     if (isBlank(*name)) raise(Policy::HTTP_ERR_FOLDED_LINE, __LINE__);
     while (isBlank(*end)) ++end;
-    raise(*end == ':' && isBlank(end[-1]) ? Policy::HTTP_ERR_SPACE_BEFORE_COLON
-                                          : Policy::HTTP_ERR_HEADER_LINE,
+    raise(*end == ':' && end != name && isBlank(end[-1]) ? Policy::HTTP_ERR_SPACE_BEFORE_COLON
+                                                         : Policy::HTTP_ERR_HEADER_LINE,
           __LINE__);
 }
 
@@ -184,7 +187,9 @@ std::string const& HTTPHeadRules::boundaryOf(std::string_view text) {
     auto const isSeparator = [](char c) { return c == ';' || isBlank(c); };
     bool found = false;
     m_boundary.clear();
-    while (cutter.takeWhile(isSeparator), !cutter.atEnd()) {
+    for (;;) {
+        cutter.takeWhile(isSeparator);
+        if (cutter.atEnd()) return m_boundary;
         std::string_view const name = cutter.takeWhile(tokenLowerCase);
         std::string value;
         if (name.empty() || !cutter.take('=') || !cutter.takeValue(value))
@@ -194,7 +199,6 @@ std::string const& HTTPHeadRules::boundaryOf(std::string_view text) {
         m_boundary.swap(value);
         found = true;
     }
-    return m_boundary;
 }
 
 void HTTPHeadRules::endHead(int minorVersion) const {

@@ -4,7 +4,7 @@
 #include "parser/HTTPReadPolicy.h"
 
 // How the parser raises what it finds wrong with its input: the code's text as the one message, and
-// the method text in the back-trace, with "HTTPParser" as the file.
+// the method text in the back-trace.
 
 namespace parseError {
 
@@ -20,6 +20,6 @@ inline constexpr char kProcessEntities[] =
     "void HTTPParser::processEntities( ZULBufferedInputStream *is )";
 
 [[noreturn]] void raise(HTTPException::plexaErrorCode code, char const* method, int line);
-[[noreturn]] void raise(HTTPPolicyException::PolicyErrorCode code, int line);
+[[noreturn]] void raise(HTTPPolicyException::PolicyErrorCode code, QORFileLocation const& where);
 
 }  // namespace parseError

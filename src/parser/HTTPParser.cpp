@@ -172,8 +172,8 @@ void parseError::raise(HTTPException::plexaErrorCode code, char const* method, i
     error.hurl(QORFileLocation(kSourceFile, line), method, "QOR_THROW");
 }
 
-void parseError::raise(HTTPPolicyException::PolicyErrorCode code, int line) {
-    HTTPPolicyException(code).hurl(QORFileLocation(kSourceFile, line), nullptr, "QOR_THROW");
+void parseError::raise(HTTPPolicyException::PolicyErrorCode code, QORFileLocation const& where) {
+    HTTPPolicyException(code).hurl(where, nullptr, "QOR_THROW");
 }
 
 HTTPMsgHandler::~HTTPMsgHandler() = default;

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "foundation/QORThrowable.h"
 #include "foundation/ZULChunkedInputStream.h"
@@ -19,10 +20,20 @@ namespace {
 using Policy = HTTPPolicyException;
 using parseError::raise;
 
+[[noreturn]] void raise(Policy::PolicyErrorCode code, int line) {
+    parseError::raise(code, QORFileLocation(kSourceFile, line));
+}
+
 constexpr int kReadAhead = 4096;
 constexpr long long kMaxLeft = 64 * 1024;  // of a body, behind what was read of it
 
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
+
+bool blankIsNext(ZULBufferedInputStream& is) {
+    int have = 0;
+    char const* const next = is.peek(have);
+    return have > 0 && isBlank(*next);
+}
 
 [[noreturn]] void raiseEndOfHead(int line) {
     raise(HTTPException::HTTP_ERR_END_OF_STREAM, parseError::kProcessHeaders, line);
@@ -42,7 +53,8 @@ HTTPPolicyParser::HTTPPolicyParser(HTTPParser& parser, HTTPReadPolicy const& pol
       m_bodyLeft(0),
       m_uncounted(0),
       m_partsLeft(0),
-      m_status(0) {
+      m_status(0),
+      m_bounded(false) {
     // Streams hold on to the boundary of the level around theirs while deeper ones are added.
     m_parser.m_boundaries.reserve(HTTPParser::HTTP_MAX_DEPTH);
     startMessage();
@@ -60,6 +72,7 @@ void HTTPPolicyParser::startMessage() {
     m_uncounted = LLONG_MAX;
     m_partsLeft = limit<int>(m_policy.maxParts);
     m_status = 0;
+    m_bounded = false;
 }
 
 // Lines
@@ -133,7 +146,7 @@ void HTTPPolicyParser::readStatusLine(ZULBufferedInputStream& is) {
     readStartLine(is, parseError::kParseResponse);
     if (!m_policy.strictFraming) return m_parser.validateResponseLine(m_parser.m_line);
     // Only the last head of a response is told of, RFC 9110 section 15.2.
-    while (judgeStatusLine(), m_status / 100 == 1) {
+    while (judgeStatusLine() / 100 == 1) {
         skipInterimHead(is);
         readStartLine(is, parseError::kParseResponse);
     }
@@ -145,12 +158,12 @@ void HTTPPolicyParser::readStatusLine(ZULBufferedInputStream& is) {
     handler.setStatusMessage(reason);
 }
 
-void HTTPPolicyParser::judgeStatusLine() {
+int HTTPPolicyParser::judgeStatusLine() {
     constexpr std::size_t kVersion = 8;
     std::string_view const line(m_parser.m_line.str(), m_parser.m_line.pcount());
     if (!m_parser.recordVersion(line.substr(0, std::min(line.find(' '), line.size()))))
         raise(HTTPException::HTTP_ERR_VERSION, parseError::kValidateResponseLine, __LINE__);
-    m_status = m_rules.judgeStatusLine(m_parser.m_line, kVersion);
+    return m_status = m_rules.judgeStatusLine(m_parser.m_line, kVersion);
 }
 
 void HTTPPolicyParser::skipInterimHead(ZULBufferedInputStream& is) {
@@ -194,16 +207,15 @@ void HTTPPolicyParser::takeFieldLine(ZULBufferedInputStream& is) {
 // does: RFC 2046 section 5.1. One blank stands for the line's end and the white space around it.
 void HTTPPolicyParser::joinContinuations(ZULBufferedInputStream& is) {
     QORByteBuffer& line = m_parser.m_line;
-    int have = 0;
-    for (char const* next; next = is.peek(have), have > 0 && isBlank(*next);) {
+    while (blankIsNext(is)) {
         unsigned int length = line.pcount();
         while (length > 0 && isBlank(line.str()[length - 1])) --length;
         line.setLength(length);
         line << ' ';
-        for (; have > 0 && isBlank(*next); next = is.peek(have)) {
+        do {
             takeOfHead(1);
             is.skip(1);
-        }
+        } while (blankIsNext(is));
         if (!appendLine(is, Policy::HTTP_ERR_HEADER_LINE_TOO_LONG)) raiseEndOfHead(__LINE__);
     }
 }
@@ -300,18 +312,11 @@ void HTTPPolicyParser::readNone(ZULBufferedInputStream& is) {
 }
 
 void HTTPPolicyParser::readLength(ZULBufferedInputStream& is, int length) {
-    bool const multipart = m_parser.m_bMultipart[depth()];
-    if (m_policy.boundMessage) {
-        // A part can be cut by the end of the body around it only: that of the input is told there.
-        auto const cut = depth() > 0 ? Policy::HTTP_ERR_BODY_OVERRUN : Policy::HTTP_ERR_BODY_CUT;
-        LengthStream body(is, length, cut, allowance());
-        deliver(body, length);
-    } else if (multipart) {
-        readParts(is);
-    } else {
-        m_bodyLeft -= length;
-        m_parser.m_pHandler->content(is, length);
-    }
+    if (m_parser.m_bMultipart[depth()] && !m_policy.boundMessage) return readParts(is);
+    // Within a body that ends by itself only that end can be met: the input's is told there.
+    auto const cut = m_bounded ? Policy::HTTP_ERR_BODY_OVERRUN : Policy::HTTP_ERR_BODY_CUT;
+    LengthStream body(is, length, cut, allowance());
+    deliver(body, length);
 }
 
 // To the end of the stream, or to the closing delimiter.
@@ -328,14 +333,17 @@ void HTTPPolicyParser::deliver(FramedStream& body, int length) {
     long long const most = m_policy.boundMessage ? kMaxLeft : LLONG_MAX;
     if (m_parser.m_bMultipart[depth()]) {
         ZULBufferedInputStream buffered(body, kReadAhead);
+        bool const outer = std::exchange(m_bounded, true);
         readParts(buffered);
+        m_bounded = outer;
         return FramedStream::drain(buffered, most);
     }
     if (length >= 0)
         handler.content(body, length);
     else
         handler.content(body);
-    FramedStream::drain(body, most);
+    // Unless the message is bound, what a handler leaves of a length is read as what follows.
+    if (length < 0 || m_policy.boundMessage) FramedStream::drain(body, most);
 }
 
 // Parts

@@ -49,7 +49,7 @@ private:
     void takeOfHead(int bytes);
     bool isEmptyLine();
     void readStartLine(ZULBufferedInputStream& is, char const* method);
-    void judgeStatusLine();
+    int judgeStatusLine();
     void skipInterimHead(ZULBufferedInputStream& is);
     void readHeadLine(ZULBufferedInputStream& is);
     void takeFieldLine(ZULBufferedInputStream& is);
@@ -76,5 +76,6 @@ private:
     long long m_bodyLeft;   // for the bodies of this message still to come
     long long m_uncounted;  // for the streams around parts, whose bytes are counted within
     int m_partsLeft;
-    int m_status;  // of a response, by strict framing
+    int m_status;    // of a response, by strict framing
+    bool m_bounded;  // the stream that is read ends with the body of a level
 };
