@@ -6,6 +6,7 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <tuple>
 #include <utility>
 
 #include "foundation/QORThrowable.h"
@@ -65,41 +66,33 @@ HTTPHeader::HTTPHeader() : m_quoted(0), m_unread(false), m_source(nullptr) {}
 
 HTTPHeader::HTTPHeader(char const* value) : HTTPHeader() { setValue(value); }
 
-// A copy, or what is moved away, may outlive the text that was lent to the other header.
+// A copy may outlive the text that was lent to the other header.
 HTTPHeader::HTTPHeader(HTTPHeader const& other)
     : m_value(other.m_value),
       m_attributes(other.m_attributes),
       m_quoted(other.m_quoted),
       m_unread(false),
       m_source(nullptr) {
-    if (other.m_unread) parseText(other.m_source);
+    if (other.m_unread) parse(other.m_source);
 }
-
-HTTPHeader::HTTPHeader(HTTPHeader&& other) : HTTPHeader() { take(other); }
 
 HTTPHeader::~HTTPHeader() = default;
 
 HTTPHeader& HTTPHeader::operator=(HTTPHeader const& other) {
-    if (this != &other) *this = HTTPHeader(other);
+    HTTPHeader copy(other);
+    take(copy);
     return *this;
 }
 
-HTTPHeader& HTTPHeader::operator=(HTTPHeader&& other) {
-    if (this == &other) return *this;
-    other.takeApart();
-    reset();
-    take(other);
-    return *this;
-}
-
-// Into a header that is empty.
+// Takes over what another one holds that has been taken apart, and leaves it empty.
 void HTTPHeader::take(HTTPHeader& other) {
-    other.takeApart();
+    if (this == &other) return;
     m_value.swap(other.m_value);
     m_attributes.swap(other.m_attributes);
     m_quoted = other.m_quoted;
-    other.m_quoted = 0;
-    other.m_source = nullptr;
+    m_unread = false;
+    m_source = nullptr;
+    other.reset();
 }
 
 void HTTPHeader::reset() {
@@ -235,13 +228,14 @@ HTTPHeader* HTTPHeaders::setHeader(char const* name, HTTPHeader* phdr) {
     QOR_ASSERT(name);
     QOR_ASSERT(phdr);
     settle(name);
-    return store(name, std::as_const(*phdr));
+    HTTPHeader copy(*phdr);
+    return store(name, copy);
 }
 
 HTTPHeader* HTTPHeaders::takeHeader(char const* name, HTTPHeader& header) {
     QOR_ASSERT(name);
     settle(name);
-    return store(name, std::move(header));
+    return store(name, header);
 }
 
 void HTTPHeaders::addHeader(char const* name, HTTPHeader* phdr) {
@@ -269,7 +263,7 @@ std::size_t HTTPHeaders::storeAdded(std::size_t at) {
     char const* const text = endOf(name);
     HTTPHeader header;
     header.parse(text);
-    store(name, std::move(header));
+    store(name, header);
     return static_cast<std::size_t>(endOf(text) - m_added.data());
 }
 
@@ -297,18 +291,21 @@ void HTTPHeaders::settle(char const* name) {
     }
 }
 
-// Behind its equals, where a set-cookie is added; any other takes the place of the one before.
-template <class Header>
-HTTPHeader* HTTPHeaders::store(char const* name, Header&& header) {
-    auto const at = m_headers.upper_bound(name);
-    if (at != m_headers.begin()) {
-        auto& [before, stored] = *std::prev(at);
-        if (compareNames(before.c_str(), name) == 0 && compareNames(name, "set-cookie") != 0) {
-            stored = std::forward<Header>(header);
-            return &stored;
-        }
-    }
-    return &m_headers.emplace_hint(at, name, std::forward<Header>(header))->second;
+// Takes over what the header holds. Behind its equals, where a set-cookie is added; any other takes
+// the place of the one before.
+HTTPHeader* HTTPHeaders::store(char const* name, HTTPHeader& header) {
+    header.takeApart();
+    auto at = m_headers.upper_bound(name);
+    auto const isRepeated = [&](std::string const& before) {
+        return compareNames(before.c_str(), name) == 0 && compareNames(name, "set-cookie") != 0;
+    };
+    if (at != m_headers.begin() && isRepeated(std::prev(at)->first))
+        --at;
+    else
+        at = m_headers.emplace_hint(at, std::piecewise_construct, std::forward_as_tuple(name),
+                                    std::tuple<>());
+    at->second.take(header);
+    return &at->second;
 }
 
 void HTTPHeaders::removeHeader(char const* name) {

@@ -52,10 +52,6 @@ public:
     // their own; the quotes of a quoted value stand around all of it.
     void dump(QORByteBuffer& buf);
 
-    // Takes over what the other header holds, and leaves it empty.
-    HTTPHeader(HTTPHeader&&);
-    HTTPHeader& operator=(HTTPHeader&&);
-
     // As after default construction, but the memory of the value is kept: for a header that is
     // parsed into again and again.
     void reset();
@@ -137,8 +133,7 @@ public:
     std::size_t dumpSize();
 
 private:
-    template <class Header>
-    HTTPHeader* store(char const* name, Header&& header);
+    HTTPHeader* store(char const* name, HTTPHeader& header);
     void settle();
     void settle(char const* name);
     std::size_t storeAdded(std::size_t at);
