@@ -2,6 +2,7 @@
 // into an HTTPMessage.
 //   postwire        the reader is kept, as its contract wants: one a connection, because it holds
 //                   the bytes read beyond a message. Messages are new
+//   postwire_hardened  the same under HTTPReadPolicy::hardened()
 //   postwire_fresh  streams and reader are new for each run of the workload too: what a
 //                   connection with a single run costs
 //   postwire_asked  as postwire, but each message and part is asked for its Content-Type and an
@@ -29,6 +30,10 @@ constexpr int kReadAhead = 4096;
 
 // The stream at the bottom stands at one address, with other bytes for each run.
 struct Connection {
+    explicit Connection(bool hardened = false) {
+        if (hardened) reader.setReadPolicy(HTTPReadPolicy::hardened());
+    }
+
     std::optional<ZULMemoryInputStream> wire{std::in_place, "", 0};
     ZULBufferedInputStream buffered{*wire, kReadAhead};
     HTTPMessageReader reader{buffered};
@@ -220,6 +225,14 @@ void register_postwire() {
             [&w, c] {
                 Seen s;
                 read_kept(w, *c, [&s](HTTPMessage& m) { count_message(s, m); });
+                return s;
+            });
+        auto h = std::make_shared<Connection>(true);
+        add_reader("postwire_hardened", w, Depth::Tree,
+            [&w, h] { read_kept(w, *h, [](const HTTPMessage& m) { keep(m); }); },
+            [&w, h] {
+                Seen s;
+                read_kept(w, *h, [&s](HTTPMessage& m) { count_message(s, m); });
                 return s;
             });
         add_reader("postwire_asked", w, Depth::Tree,

@@ -120,15 +120,7 @@ void ZULBufferedInputStream::setMaxLine(int bytes) {
     m_maxLine = bytes;
 }
 
-char const* ZULBufferedInputStream::peek(int& n) {
-    n = buffered() > 0 ? buffered() : std::max(0, fill());
-    return m_readAhead.str() + m_position;
-}
-
-void ZULBufferedInputStream::skip(int n) {
-    QOR_ASSERT(n >= 0 && n <= buffered());
-    m_position += n;
-}
+void ZULBufferedInputStream::requireBuffered(int n) const { QOR_ASSERT(n >= 0 && n <= buffered()); }
 
 // An empty buffer before the read: if that raises, nothing stale is left to be taken.
 int ZULBufferedInputStream::fill() {

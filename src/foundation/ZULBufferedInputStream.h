@@ -41,10 +41,17 @@ public:
 
     // The bytes read ahead and not yet taken, with their number in n, after one read beneath when
     // there are none; n is 0 at the end. Good until the next operation on this stream.
-    char const* peek(int& n);
+    char const* peek(int& n) {
+        if (buffered() == 0) fill();
+        n = buffered();
+        return m_readAhead.str() + m_position;
+    }
 
     // Takes n of the bytes that peek showed; more than those fails an assertion.
-    void skip(int n);
+    void skip(int n) {
+        if (n < 0 || n > buffered()) requireBuffered(n);
+        m_position += n;
+    }
 
     // The number of bytes read ahead and not yet taken: what can be had without a read beneath.
     int buffered() const { return static_cast<int>(m_readAhead.pcount()) - m_position; }
@@ -52,6 +59,7 @@ public:
 private:
     // One read beneath into the empty read-ahead; the number of bytes, or -1.
     int fill();
+    void requireBuffered(int n) const;
     void requireWithinLimit(unsigned int length, char const* end) const;
 
     QORByteBuffer m_readAhead;

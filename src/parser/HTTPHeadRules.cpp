@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
+#include <cstdint>
 #include <cstring>
 
 #include "foundation/QORByteBuffer.h"
@@ -33,6 +35,23 @@ constexpr std::array<char, 256> kTokenLowerCase = [] {
 
 char tokenLowerCase(char c) { return kTokenLowerCase[static_cast<unsigned char>(c)]; }
 
+// False, and nothing done, for a character that is no token's.
+bool lowerCaseIfToken(char& c) {
+    char const lower = tokenLowerCase(c);
+    if (lower != 0) c = lower;
+    return lower != 0;
+}
+
+// Gives the end of the token at the front. Four steps a round, because every name comes here.
+char* lowerCaseToken(char* text) {
+    for (;; text += 4) {
+        if (!lowerCaseIfToken(text[0])) return text;
+        if (!lowerCaseIfToken(text[1])) return text + 1;
+        if (!lowerCaseIfToken(text[2])) return text + 2;
+        if (!lowerCaseIfToken(text[3])) return text + 3;
+    }
+}
+
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
@@ -53,6 +72,19 @@ void requireText(QORByteBuffer const& line) {
     char const* const text = line.str();
     if (::strchrnul(text, '\r') != text + line.pcount())
         raise(Policy::HTTP_ERR_CONTROL_CHARACTER, __LINE__);
+}
+
+// From the blank to '~'. Eight at a time: the sums set a byte's highest bit where it is not, and a
+// carry can set more of them only next to one that is set.
+bool isPrintable(std::string_view text) {
+    constexpr std::uint64_t kEach = 0x0101010101010101U;
+    while (text.size() >= 8) {
+        std::uint64_t word;
+        std::memcpy(&word, text.data(), 8);
+        if (((word - kEach * ' ') | (word + kEach) | word) & kEach * 0x80) return false;
+        text.remove_prefix(8);
+    }
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c < '\x7f'; });
 }
 
 // Takes a text off its front, piece by piece.
@@ -106,15 +138,16 @@ void HTTPHeadRules::startHead(bool isPart) {
 // Too few words, and wrong ones, are told as such where they are taken. RFC 9112 section 3 allows a
 // recipient to take more than a single blank between them, and warns of what comes of it.
 void HTTPHeadRules::judgeRequestLine(QORByteBuffer const& line) const {
-    requireText(line);
-    int blanks = 0;
-    char before = ' ';
-    for (char const* text = line.str(); *text; before = *text++) {
-        if (*text > ' ' && *text < '\x7f') continue;
-        if (*text != ' ' || before == ' ' || ++blanks > 2)
-            raise(Policy::HTTP_ERR_START_LINE, __LINE__);
+    std::string_view const text(line.str(), line.pcount());
+    if (!isPrintable(text)) {
+        requireText(line);
+        raise(Policy::HTTP_ERR_START_LINE, __LINE__);
     }
-    if (before == ' ') raise(Policy::HTTP_ERR_START_LINE, __LINE__);
+    std::size_t const first = text.find(' ');
+    std::size_t const second = first == text.npos ? text.npos : text.find(' ', first + 1);
+    bool const isThird = second != text.npos && text.find(' ', second + 1) != text.npos;
+    if (first == 0 || second == first + 1 || isThird || text.back() == ' ')
+        raise(Policy::HTTP_ERR_START_LINE, __LINE__);
 }
 
 int HTTPHeadRules::judgeStatusLine(QORByteBuffer const& line, std::size_t version) const {
@@ -130,8 +163,7 @@ int HTTPHeadRules::judgeStatusLine(QORByteBuffer const& line, std::size_t versio
 char* HTTPHeadRules::judgeFieldLine(QORByteBuffer& line) const {
     requireText(line);
     char* const name = line.str();
-    char* end = name;
-    while (char const c = tokenLowerCase(*end)) *end++ = c;
+    char* end = lowerCaseToken(name);
     if (*end == ':' && end != name) return end;
     if (isBlank(*name)) raise(Policy::HTTP_ERR_FOLDED_LINE, __LINE__);
     while (isBlank(*end)) ++end;
@@ -142,16 +174,18 @@ char* HTTPHeadRules::judgeFieldLine(QORByteBuffer& line) const {
 
 // RFC 9112 section 6.3, item 5, but for a list of equal numbers in one line.
 void HTTPHeadRules::judgeContentLength(std::string_view text) {
-    std::string_view digits = withoutBlanks(text);
+    std::string_view const digits = withoutBlanks(text);
     if (digits.empty()) return;
-    if (!std::all_of(digits.begin(), digits.end(), isDigit))
-        raise(Policy::HTTP_ERR_LENGTH_NOT_DIGITS, __LINE__);
-    digits.remove_prefix(std::min(digits.find_first_not_of('0'), digits.size() - 1));
-    if (m_hasLength && digits != m_length) raise(Policy::HTTP_ERR_LENGTH_REPEATED, __LINE__);
-    // Beyond this no number is told from others.
-    if (digits.size() > 10 || (digits.size() == 10 && digits > "2147483647"))
-        raise(Policy::HTTP_ERR_BODY_TOO_LARGE, __LINE__);
-    m_length = digits;
+    constexpr long long kTooLarge = INT_MAX + 1LL;
+    long long length = 0;
+    for (char const c : digits) {
+        if (!isDigit(c)) raise(Policy::HTTP_ERR_LENGTH_NOT_DIGITS, __LINE__);
+        length = std::min(length * 10 + (c - '0'), kTooLarge);
+    }
+    if (m_hasLength && length != m_length) raise(Policy::HTTP_ERR_LENGTH_REPEATED, __LINE__);
+    // Beyond, numbers are not told apart.
+    if (length == kTooLarge) raise(Policy::HTTP_ERR_BODY_TOO_LARGE, __LINE__);
+    m_length = length;
     m_hasLength = true;
 }
 

@@ -46,6 +46,6 @@ private:
     bool m_hasCoding = false;
     bool m_hasType = false;
     bool m_hasHost = false;
-    std::string m_length;
+    long long m_length = 0;
     std::string m_boundary;
 };

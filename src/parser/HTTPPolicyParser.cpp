@@ -35,13 +35,17 @@ bool blankIsNext(ZULBufferedInputStream& is) {
     return have > 0 && isBlank(*next);
 }
 
+void requireAnotherField(int left) {
+    if (left == 0) raise(Policy::HTTP_ERR_TOO_MANY_HEADERS, __LINE__);
+}
+
 [[noreturn]] void raiseEndOfHead(int line) {
     raise(HTTPException::HTTP_ERR_END_OF_STREAM, parseError::kProcessHeaders, line);
 }
 
 template <class Number>
 Number limit(int given) {
-    return given > 0 ? given : std::numeric_limits<Number>::max();
+    return given > 0 ? static_cast<Number>(given) : std::numeric_limits<Number>::max();
 }
 
 }  // namespace
@@ -49,6 +53,7 @@ Number limit(int given) {
 HTTPPolicyParser::HTTPPolicyParser(HTTPParser& parser, HTTPReadPolicy const& policy)
     : m_parser(parser),
       m_policy(policy),
+      m_maxLine(limit<unsigned int>(policy.maxLine)),
       m_headLeft(0),
       m_bodyLeft(0),
       m_uncounted(0),
@@ -92,33 +97,32 @@ bool HTTPPolicyParser::appendLine(ZULBufferedInputStream& is, Code tooLong) {
         if (have == 0) return false;
         void const* const lf = std::memchr(bytes, '\n', static_cast<unsigned int>(have));
         int const piece = lf ? static_cast<int>(static_cast<char const*>(lf) - bytes) : have;
-        int const taken = piece + (lf ? 1 : 0);
-        requireRoom(bytes, piece, tooLong);
+        bool const endsInCr = piece > 0 && bytes[piece - 1] == '\r';
+        // Nearly always a whole line with its CRLF: then no byte of that is copied.
+        auto const kept = static_cast<unsigned int>(lf && endsInCr ? piece - 1 : piece);
+        if (line.pcount() + kept > m_maxLine) requireRoom(kept, endsInCr && !lf, tooLong);
+        int const taken = lf ? piece + 1 : piece;
         takeOfHead(taken);
-        line.appendChars(bytes, static_cast<unsigned int>(piece));
+        line.appendChars(bytes, kept);
         is.skip(taken);
         if (!lf) continue;
         unsigned int const length = line.pcount();
-        if (length > 0 && line.str()[length - 1] == '\r') line.setLength(length - 1);
+        if (piece == 0 && length > 0 && line.str()[length - 1] == '\r') line.setLength(length - 1);
         return true;
     }
 }
 
-// For n bytes more. A CR at their end may belong to the line's end, and does not count then.
-void HTTPPolicyParser::requireRoom(char const* bytes, int n, Code tooLong) const {
-    if (m_policy.maxLine <= 0) return;
+// Above the limit. A CR at the end may belong to the line's end, and does not count then.
+void HTTPPolicyParser::requireRoom(unsigned int more, bool endsInCr, Code tooLong) const {
     QORByteBuffer const& line = m_parser.m_line;
-    unsigned int const size = line.pcount() + static_cast<unsigned int>(n);
-    auto const most = static_cast<unsigned int>(m_policy.maxLine);
-    if (size <= most) return;
-    char const last = n > 0 ? bytes[n - 1] : line.str()[size - 1];
-    if (size > most + 1 || last != '\r') raise(tooLong, __LINE__);
+    unsigned int const size = line.pcount() + more;
+    bool const lastIsCr = more > 0 ? endsInCr : line.str()[size - 1] == '\r';
+    if (size > m_maxLine + 1 || !lastIsCr) raise(tooLong, __LINE__);
 }
 
-void HTTPPolicyParser::takeOfHead(int bytes) {
-    if ((m_headLeft -= bytes) < 0)
-        raise(depth() == 0 ? Policy::HTTP_ERR_HEAD_TOO_LARGE : Policy::HTTP_ERR_PART_HEAD_TOO_LARGE,
-              __LINE__);
+void HTTPPolicyParser::raiseHeadTooLarge() const {
+    raise(depth() == 0 ? Policy::HTTP_ERR_HEAD_TOO_LARGE : Policy::HTTP_ERR_PART_HEAD_TOO_LARGE,
+          __LINE__);
 }
 
 // Whether the line ends a head. The default takes white space alone for nothing, too.
@@ -181,26 +185,30 @@ void HTTPPolicyParser::readHeadLine(ZULBufferedInputStream& is) {
 }
 
 void HTTPPolicyParser::readHead(ZULBufferedInputStream& is) {
-    m_rules.startHead(depth() > 0);
+    if (m_policy.strictFraming) return readStrictHead(is);
     for (int left = limit<int>(m_policy.maxHeaders);; --left) {
         readHeadLine(is);
-        if (isEmptyLine()) break;
-        if (left == 0) raise(Policy::HTTP_ERR_TOO_MANY_HEADERS, __LINE__);
-        if (m_policy.strictFraming)
-            takeFieldLine(is);
-        else
-            m_parser.processHeader(m_parser.m_line);
+        if (isEmptyLine()) return;
+        requireAnotherField(left);
+        m_parser.processHeader(m_parser.m_line);
     }
-    if (m_policy.strictFraming) m_rules.endHead(m_parser.m_minorVersion);
 }
 
-void HTTPPolicyParser::takeFieldLine(ZULBufferedInputStream& is) {
+void HTTPPolicyParser::readStrictHead(ZULBufferedInputStream& is) {
     QORByteBuffer& line = m_parser.m_line;
-    if (depth() > 0) joinContinuations(is);
-    char* const colon = m_rules.judgeFieldLine(line);
-    *colon = '\0';
-    auto const length = static_cast<std::size_t>(colon - line.str());
-    m_parser.reportHeader({line.str(), length}, colon + 1);
+    bool const isPart = depth() > 0;
+    m_rules.startHead(isPart);
+    for (int left = limit<int>(m_policy.maxHeaders);; --left) {
+        readHeadLine(is);
+        if (line.pcount() == 0) break;
+        requireAnotherField(left);
+        if (isPart) joinContinuations(is);
+        char* const colon = m_rules.judgeFieldLine(line);
+        *colon = '\0';
+        auto const length = static_cast<std::size_t>(colon - line.str());
+        m_parser.reportHeader({line.str(), length}, colon + 1);
+    }
+    m_rules.endHead(m_parser.m_minorVersion);
 }
 
 // RFC 9112 section 5.2 has no place for them in the message's head; MIME, which parts come from,

@@ -45,14 +45,17 @@ private:
 
     bool readLine(ZULBufferedInputStream& is, Code tooLong);
     bool appendLine(ZULBufferedInputStream& is, Code tooLong);
-    void requireRoom(char const* bytes, int n, Code tooLong) const;
-    void takeOfHead(int bytes);
+    void requireRoom(unsigned int more, bool endsInCr, Code tooLong) const;
+    void takeOfHead(int bytes) {
+        if ((m_headLeft -= bytes) < 0) raiseHeadTooLarge();
+    }
+    [[noreturn]] void raiseHeadTooLarge() const;
     bool isEmptyLine();
     void readStartLine(ZULBufferedInputStream& is, char const* method);
     int judgeStatusLine();
     void skipInterimHead(ZULBufferedInputStream& is);
     void readHeadLine(ZULBufferedInputStream& is);
-    void takeFieldLine(ZULBufferedInputStream& is);
+    void readStrictHead(ZULBufferedInputStream& is);
     void joinContinuations(ZULBufferedInputStream& is);
 
     Framing framing() const;
@@ -71,6 +74,7 @@ private:
 
     HTTPParser& m_parser;
     HTTPReadPolicy const m_policy;
+    unsigned int const m_maxLine;
     HTTPHeadRules m_rules;
     long long m_headLeft;   // of the head being read, start line included
     long long m_bodyLeft;   // for the bodies of this message still to come
