@@ -20,20 +20,6 @@ TEST(HTTPException, HasATextForEachCode) {
     }
 }
 
-TEST(HTTPException, ThrowsAnIndependentCopyOfItsOwnType) {
-    auto error = std::make_unique<HTTPException>(HTTPException::HTTP_ERR_VERSION);
-    *error << QORMessage(I18NString("text", nullptr, -1, nullptr, nullptr));
-    error->operator=(*error);
-    auto const caught = raised([&] { error->hurl(kHere, "void f()", "QOR_THROW"); });
-    EXPECT_EQ("QOR_THROW Here void f()\n", backTraceText(*error));
-    error.reset();
-    auto const& copy = dynamic_cast<HTTPException&>(*caught);
-    EXPECT_STREQ("HTTPException", copy.getThrowableName());
-    EXPECT_EQ(1001, copy.getCode());
-    EXPECT_STREQ("text", copy.getMessage());
-    EXPECT_EQ("QOR_THROW Here void f()\n", backTraceText(copy));
-}
-
 struct NullGiving {
     static void* operator new(std::size_t) noexcept { return nullptr; }
 };

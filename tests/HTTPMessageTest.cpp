@@ -111,19 +111,6 @@ TEST(HTTPMessage, WritesNothingOfATreeThatIsTooLarge) {
     EXPECT_EQ(0U, buf.pcount());
 }
 
-TEST(HTTPMessage, DumpsIntoRoomTakenAtOnce) {
-    for (std::string const calls : {"set X:a; b=c ~ content 0123456789abcdef ~ dump 0",
-                                    "boundary B ~ part ~ content abc ~ end ~ part ~ end ~ dump 0"})
-        for (int const chunksize : {0, 5, 16, 17}) {
-            Model model;
-            model.make(calls + " ~ dump " + std::to_string(chunksize));
-            QORByteBuffer roomy(4096, 1);
-            QORByteBuffer little(1, 1);
-            int const others = allocationsOf([&] { model.root.dump(roomy, chunksize); });
-            EXPECT_EQ(others + 1, allocationsOf([&] { model.root.dump(little, chunksize); }));
-        }
-}
-
 TEST(HTTPMessage, HasNoPartsAfterTheFirstCouldNotBeAdded) {
     forEachFailingAllocation([] {
         HTTPMessage message;

@@ -8,6 +8,7 @@
 #include "foundation/QORThrowable.h"
 #include "foundation/ZULStreamException.h"
 
+#include "foundation/HTTPException.h"
 #include "support/AllocationFaults.h"
 #include "support/Raised.h"
 
@@ -37,7 +38,8 @@ TEST(QORThrowable, IsThrownAndClonedByItsDynamicType) {
           made<QORIllegalStateError>("QORIllegalStateError 3: state", 3, "state"),
           made<QORStdExceptionError>("QORStdExceptionError: long", std::length_error("long")),
           made<ZULStreamException>("ZULStreamException 2007: line above the limit",
-                                   ZULStreamException::ZUL_ERR_LINE_TOO_LONG)}) {
+                                   ZULStreamException::ZUL_ERR_LINE_TOO_LONG),
+          made<HTTPException>("HTTPException 1001", HTTPException::HTTP_ERR_VERSION)}) {
         EXPECT_EQ(text, built->toString());
         std::unique_ptr<QORThrowable> original(built->clone());
         auto const thrown = raised([&] { original->hurl(kHere, "method", "QOR_THROW"); });

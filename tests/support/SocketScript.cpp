@@ -128,6 +128,7 @@ private:
                 return verb->second.run(statement.substr(std::min(end + 1, statement.size())));
         }
     } catch (SoapSocketException& e) {
+        EXPECT_STREQ("SoapSocket", e.getSourceFileName());
         return std::to_string(e.id()) + " " + e.getDetails();
     } catch (QORThrowable const& t) {
         return t.getMessage();

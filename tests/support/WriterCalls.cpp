@@ -2,60 +2,43 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <map>
 
 #include "support/CaseFile.h"
 
 void WriterCalls::make(std::string const& line) {
-    struct Call {
-        ZULOutputStream& os;
-        std::unique_ptr<HttpMsgNode>& root;
-        std::vector<HttpMsgNode*>& parts;
-        OnePieceHttpMsg* one;  // the innermost open node, as what it is
-        MultipartHttpMsg* multi;
-        MultipartHttpMsg* parent;
-        std::string args;
-        int number;        // at the front of the arguments
-        char const* text;  // behind their first word
-
-        HttpMsgNode& node() const { return parts.empty() ? *root : *parts.back(); }
-        HttpMsgNode& fresh() const {
-            parts.clear();
-            return *root;
-        }
-    };
-    using C = Call const;
-    static std::map<std::string, void (*)(C&)> const operations = {
-        {"one", [](C& c) { c.root.reset(new OnePieceHttpMsg(c.os, c.number)); }},
-        {"multi", [](C& c) { c.root.reset(new MultipartHttpMsg(c.os, c.number, c.text)); }},
-        {"request", [](C& c) { c.fresh().startRequest(c.text, c.number); }},
-        {"response", [](C& c) { c.fresh().startResponse(c.number, c.text); }},
-        {"restart", [](C& c) { c.fresh().reset(); }},
-        {"finish", [](C& c) { c.root->finish(); }},
-        {"header",
-         [](C& c) { c.node().setHeader(c.args.substr(0, c.args.find(' ')).c_str(), c.text); }},
-        {"headers", [](C& c) { c.node().writeHeaders(); }},
-        {"reset", [](C& c) { c.node().reset(); }},
-        {"write", [](C& c) { c.one->write(c.args.data(), static_cast<int>(c.args.size())); }},
-        {"add", [](C& c) { c.parts.push_back(c.multi->addOnePiece(c.number)); }},
-        {"addmulti", [](C& c) { c.parts.push_back(c.multi->addMultiPart(c.number, c.text)); }},
-        {"addouter", [](C& c) { c.parent->addOnePiece(c.number); }},
-        {"addmultiouter", [](C& c) { c.parent->addMultiPart(c.number, c.text); }},
-        {"endnull", [](C& c) { c.parent->endPart(static_cast<OnePieceHttpMsg*>(nullptr)); }},
-        {"end",
-         [](C& c) {
-             c.one ? c.parent->endPart(c.one) : c.parent->endPart(c.multi);
-             c.parts.pop_back();
-         }},
-    };
     std::size_t const colon = line.find(':');
+    std::string const op = line.substr(0, colon);
     std::string const args = colon + 2 < line.size() ? unescaped(line.substr(colon + 2)) : "";
-    char const* const text = args.c_str() + std::min(args.find(' '), args.size() - 1) + 1;
+    std::size_t const blank = std::min(args.find(' '), args.size());
+    std::string const first = args.substr(0, blank);
+    int const number = std::atoi(first.c_str());
+    std::string const rest = args.substr(blank).erase(0, 1);
+    char const* const text = rest == "(null)" ? nullptr : rest.c_str();
+
     HttpMsgNode* const node = m_parts.empty() ? m_root.get() : m_parts.back();
     HttpMsgNode* const outer = m_parts.size() > 1 ? m_parts[m_parts.size() - 2] : m_root.get();
-    operations.at(line.substr(0, colon))(
-        {m_os, m_root, m_parts, dynamic_cast<OnePieceHttpMsg*>(node),
-         dynamic_cast<MultipartHttpMsg*>(node), dynamic_cast<MultipartHttpMsg*>(outer), args,
-         std::atoi(args.c_str()), std::strcmp(text, "(null)") == 0 ? nullptr : text});
+    auto* const one = dynamic_cast<OnePieceHttpMsg*>(node);
+    auto* const multi = dynamic_cast<MultipartHttpMsg*>(node);
+    auto* const parent = dynamic_cast<MultipartHttpMsg*>(outer);
+
+    if (op == "one") m_root = std::make_unique<OnePieceHttpMsg>(m_os, number);
+    if (op == "multi") m_root = std::make_unique<MultipartHttpMsg>(m_os, number, text);
+    if (op == "request" || op == "response" || op == "restart") m_parts.clear();
+    if (op == "request") m_root->startRequest(text, number);
+    if (op == "response") m_root->startResponse(number, text);
+    if (op == "restart") m_root->reset();
+    if (op == "finish") m_root->finish();
+    if (op == "header") node->setHeader(first.c_str(), text);
+    if (op == "headers") node->writeHeaders();
+    if (op == "reset") node->reset();
+    if (op == "write") one->write(args.data(), static_cast<int>(args.size()));
+    if (op == "add") m_parts.push_back(multi->addOnePiece(number));
+    if (op == "addmulti") m_parts.push_back(multi->addMultiPart(number, text));
+    if (op == "addouter") parent->addOnePiece(number);
+    if (op == "addmultiouter") parent->addMultiPart(number, text);
+    if (op == "endnull") parent->endPart(static_cast<OnePieceHttpMsg*>(nullptr));
+    if (op == "end") {
+        one ? parent->endPart(one) : parent->endPart(multi);
+        m_parts.pop_back();
+    }
 }
