@@ -25,18 +25,15 @@ std::string fileText(fs::path const& path) {
     return text.str();
 }
 
-std::vector<Capture> const& captures() {
-    static std::vector<Capture> const all = [] {
-        std::vector<Capture> found;
-        for (auto const& entry : fs::directory_iterator(POSTWIRE_TEST_DATA "/captured")) {
-            fs::path path = entry.path();
-            if (path.extension() != ".http") continue;
-            found.push_back({path.stem(), fileText(path), fileText(path.replace_extension(".tree")),
-                             fileText(path.replace_extension(".cuts"))});
-        }
-        return found;
-    }();
-    return all;
+std::vector<Capture> captures() {
+    std::vector<Capture> found;
+    for (auto const& entry : fs::directory_iterator(POSTWIRE_TEST_DATA "/captured")) {
+        fs::path path = entry.path();
+        if (path.extension() != ".http") continue;
+        found.push_back({path.stem(), fileText(path), fileText(path.replace_extension(".tree")),
+                         fileText(path.replace_extension(".cuts"))});
+    }
+    return found;
 }
 
 std::string read(ReaderConnection& connection, Capture const& c) {
@@ -65,9 +62,10 @@ void expectOutcome(Capture const& c, std::size_t length, std::string const& outc
 }  // namespace
 
 TEST(CapturedInput, HasItsTreeAtEveryReadSize) {
-    EXPECT_GE(captures().size(), 16U);
-    forEachReadSize([](int step) {
-        for (Capture const& c : captures()) {
+    std::vector<Capture> const all = captures();
+    EXPECT_GE(all.size(), 16U);
+    forEachReadSize([&](int step) {
+        for (Capture const& c : all) {
             ReaderConnection connection(c.wire, step);
             EXPECT_EQ(read(connection, c), c.tree);
         }

@@ -68,14 +68,14 @@ TEST(HTTPMessageReader, ReadsBackToBackMessages) {
 
 TEST(HTTPMessageReader, RefusesNullResultsBeforeItReads) {
     ReaderConnection c(kNested);
-    EXPECT_EQ(failedAssertion([&] { c.reader.getRequest(&c.message, nullptr); }),
-              "QOR_ASSERT(uri);");
-    EXPECT_EQ(failedAssertion([&] { c.reader.getResponse(&c.message, nullptr, nullptr); }),
-              "QOR_ASSERT(status);");
-    EXPECT_EQ(failedAssertion([&] { c.reader.getResponse(&c.message, &c.status, nullptr); }),
-              "QOR_ASSERT(status_message);");
-    EXPECT_EQ(failedAssertion([&] { c.reader.getRequest(nullptr, &c.text); }),
-              "QOR_ASSERT(m_pCurrentMessage);");
+    HTTPMessageReader& r = c.reader;
+    HTTPMessage* const m = &c.message;
+    EXPECT_EQ("QOR_ASSERT(uri);", raisedText([&] { r.getRequest(m, nullptr); }));
+    EXPECT_EQ("QOR_ASSERT(status);", raisedText([&] { r.getResponse(m, nullptr, nullptr); }));
+    EXPECT_EQ("QOR_ASSERT(status_message);",
+              raisedText([&] { r.getResponse(m, &c.status, nullptr); }));
+    EXPECT_EQ("QOR_ASSERT(m_pCurrentMessage);",
+              raisedText([&] { r.getRequest(nullptr, &c.text); }));
     EXPECT_EQ(c.text, "");
 }
 

@@ -1,6 +1,5 @@
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <set>
 #include <utility>
 
@@ -46,21 +45,9 @@ bool makeCalls(Lines const& lines, WriterCalls& calls) {
     return true;
 }
 
-// Counts bytes: those from the caller's own memory, and the others.
-struct OriginCounter : ZULOutputStream {
-    void write(char const* data, int length) override {
-        bool const own = data >= caller.data() && data < caller.data() + caller.size();
-        (own ? original : made) += static_cast<std::size_t>(length);
-    }
-    std::string caller;
-    std::size_t original = 0, made = 0;
-};
-
-struct WithoutStreams : MultipartHttpMsg {
-    explicit WithoutStreams(ZULOutputStream& os) : MultipartHttpMsg(os, 0, "b1") {
-        delete std::exchange(p_os_content, nullptr);
-        p_os_upstream = nullptr;
-    }
+// Takes no memory of its own.
+struct Sink : ZULOutputStream {
+    void write(char const*, int) override {}
 };
 
 class HTTPMessageSender : public ::testing::Test {
@@ -115,7 +102,7 @@ TEST_F(HTTPMessageSender, BeginsAnewAfterAFailureOfEachWrite) {
 TEST_F(HTTPMessageSender, ReportsEachFailingAllocation) {
     std::set<std::string> backTraces;
     auto const makeAll = [&](Lines const& lines) {
-        OriginCounter os;
+        Sink os;
         WriterCalls calls(os);
         for (std::string const& line : lines) try {
                 if (isCall(line)) calls.make(line);
@@ -134,20 +121,6 @@ TEST_F(HTTPMessageSender, ReportsEachFailingAllocation) {
         EXPECT_EQ(1u, backTraces.count(trace)) << trace;
 }
 
-TEST_F(HTTPMessageSender, TakesMemoryForStagedHeadersAloneOnANodeUsedAgain) {
-    OriginCounter os;
-    OnePieceHttpMsg node(os, 0);
-    std::string const body(1024, 'x');
-    auto const message = [&] {
-        node.startResponse(200, "OK");
-        node.setHeader("Content-Type", "text/xml");
-        node.write(body.data(), 1024);
-        node.finish();
-    };
-    message();
-    EXPECT_EQ(2, allocationsOf(message));  // the two headers' places
-}
-
 TEST_F(HTTPMessageSender, ReadsTheMachineNameOnceAndAgainAfterAFailure) {
     RecordingOutputStream os;
     OnePieceHttpMsg node(os, 0);
@@ -164,38 +137,4 @@ TEST_F(HTTPMessageSender, ReadsTheMachineNameOnceAndAgainAfterAFailure) {
     char name[256] = "";
     ::gethostname(name, 255);
     EXPECT_STREQ(name, host_name);
-}
-
-TEST_F(HTTPMessageSender, PassesADirectPartOnFromTheCallersMemory) {
-    OriginCounter os;
-    os.caller.assign(8 << 20, 'x');
-    MultipartHttpMsg node(os, 4096, "b1");
-    node.addOnePiece(-1)->write(os.caller.data(), 8 << 20);
-    node.finish();
-    EXPECT_EQ(os.caller.size(), os.original);
-    EXPECT_LT(os.made, 500u);
-}
-
-// What no call of a caller's brings about: what stands behind is gone.
-TEST_F(HTTPMessageSender, NamesWhatIsMissing) {
-    RecordingOutputStream os;
-    HttpMsgNode node(os, 0);
-    WithoutStreams lost(os);
-    HttpNonChunkedOutputStream held(nullptr);
-    held.write("x", 1);
-    HttpDirectOutputStream withoutNode(nullptr, &os), withoutUpstream(&node, nullptr);
-    std::pair<char const*, std::function<void()>> const calls[] = {
-        {"p_os_content", [&] { lost.reset(); }},
-        {"p_os_content", [&] { lost.finish(); }},
-        {"p_os_upstream", [&] { lost.writeHeaders(); }},
-        {"p_os_upstream", [&] { lost.write_upstream("x", 1); }},
-        {"msg_node", [&] { HttpChunkedOutputStream(nullptr, 9); }},
-        {"theZULOutputStream", [&] { HttpChunkedOutputStream(&lost, 9); }},
-        {"p_msg_node", [&] { held.flush(); }},
-        {"p_msg_node", [&] { withoutNode.write("x", 1); }},
-        {"p_os_upstream", [&] { withoutUpstream.write("x", 1); }},
-    };
-    for (auto const& [expression, call] : calls)
-        EXPECT_EQ(std::string("QOR_ASSERT(") + expression + ");", failedAssertion(call));
-    EXPECT_EQ(Lines(), os.writes);
 }

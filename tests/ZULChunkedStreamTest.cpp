@@ -107,16 +107,6 @@ TEST(ZULChunkedInputStream, JoinsBufferedChunksWithoutAllocating) {
     EXPECT_EQ("QOR_ASSERT(m_pIn);", failedAssertion([&] { detached.ZULInputStream::read(); }));
 }
 
-TEST(ZULChunkedInputStream, MovesNoBodyToLearnThatItHasEnded) {
-    FragmentingStream wire("10\r\n0123456789abcdef\r\n0\r\n\r\n");
-    ZULBufferedInputStream beneath(wire, 16);
-    ZULChunkedInputStream decoder(beneath);
-    ZULBufferedInputStream level(decoder, 8);
-    QORByteBuffer exact(16, 16);
-    EXPECT_EQ(2, allocationsOf([&] { readOn(level, exact, 100); })) << "the read-aheads";
-    EXPECT_EQ("0123456789abcdef", textOf(exact));
-}
-
 TEST(ZULChunkedInputStream, GoesOnAfterAFailedReadOrAllocation) {
     std::string const coded = "3;x\r\nabc\r\n2\r\nde\r\n0\r\nA: b\r\n\r\n";
     for (int nth = 1; nth <= static_cast<int>(coded.size()); ++nth)

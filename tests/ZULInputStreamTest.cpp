@@ -74,19 +74,6 @@ TEST(ZULInputStream, ReadsFullyOrTellsThatTheInputEnded) {
         });
 }
 
-TEST(ZULInputStream, TakesNoMemoryForALengthThatWasOnlyDeclared) {
-    FragmentingStream wire("0123456789");
-    QORByteBuffer buf(16, 16), other(16, 16);
-    EXPECT_EQ(2000, raisedCode([&] { wire.readFully(buf, INT_MAX); }));
-    wire.append("abc");
-    EXPECT_EQ(3, wire.read(other, INT_MAX - 2));
-    EXPECT_EQ(64 * 1024, wire.largestRequest());
-    wire.failAtRead(1);
-    EXPECT_EQ(kStreamFailure, raisedCode([&] { wire.read(buf, 100); }));
-    EXPECT_STREQ("0123456789", buf.str());
-    EXPECT_EQ(-1, raisedCode([&] { buf.setLength(65 * 1024); })) << "more room than that";
-}
-
 TEST(ZULBufferedInputStream, ReadsLinesAtEverySplit) {
     for (TestCase const& c : loadCases("lines.txt"))
         forEachBuffering(c["bytes"], [&](ZULBufferedInputStream& in) {

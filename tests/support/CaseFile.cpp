@@ -24,31 +24,6 @@ char escapedByte(std::string const& text, std::size_t& at) {
     return static_cast<char>(std::stoi(text.substr(at - 2, 2), nullptr, 16));
 }
 
-std::string resolved(std::string const& text) {
-    std::string bytes;
-    std::size_t repeated = std::string::npos;  // where the text of an open brace begins
-    for (std::size_t at = 0; at < text.size();) {
-        char const c = text[at++];
-        if (c == '\\') {
-            bytes += escapedByte(text, at);
-        } else if (c == '{') {
-            repeated = bytes.size();
-        } else if (c == '*' && repeated != std::string::npos) {
-            std::size_t const end = text.find('}', at);
-            int const times = std::stoi(text.substr(at, end - at));
-            std::string const once = bytes.substr(repeated);
-            bytes.resize(repeated);
-            for (int i = 0; i < times; ++i) bytes += once;
-            repeated = std::string::npos;
-            at = end + 1;
-        } else {
-            bytes += c;
-        }
-    }
-    if (repeated != std::string::npos) throw std::invalid_argument("brace without an end");
-    return bytes;
-}
-
 // The fields between bars that no backslash precedes.
 std::vector<std::string> fields(std::string const& row) {
     std::vector<std::string> found;
@@ -79,6 +54,31 @@ long TestCase::number(std::string const& key) const {
     return has(key) ? std::stol((*this)[key]) : 0;
 }
 
+std::string unescaped(std::string const& text) {
+    std::string bytes;
+    std::size_t repeated = std::string::npos;  // where the text of an open brace begins
+    for (std::size_t at = 0; at < text.size();) {
+        char const c = text[at++];
+        if (c == '\\') {
+            bytes += escapedByte(text, at);
+        } else if (c == '{') {
+            repeated = bytes.size();
+        } else if (c == '*' && repeated != std::string::npos) {
+            std::size_t const end = text.find('}', at);
+            int const times = std::stoi(text.substr(at, end - at));
+            std::string const once = bytes.substr(repeated);
+            bytes.resize(repeated);
+            for (int i = 0; i < times; ++i) bytes += once;
+            repeated = std::string::npos;
+            at = end + 1;
+        } else {
+            bytes += c;
+        }
+    }
+    if (repeated != std::string::npos) throw std::invalid_argument("brace without an end");
+    return bytes;
+}
+
 std::vector<TestCase> loadCases(std::string const& fileName) {
     std::ifstream file(std::string(POSTWIRE_TEST_DATA "/") + fileName);
     std::vector<TestCase> cases;
@@ -97,7 +97,7 @@ std::vector<TestCase> loadCases(std::string const& fileName) {
                 std::vector<std::string> const values = fields(text);
                 cases.emplace_back(fileName, number);
                 for (std::size_t i = 0; i < values.size(); ++i)
-                    cases.back().add(columns.at(i), resolved(values[i]));
+                    cases.back().add(columns.at(i), unescaped(values[i]));
                 continue;
             }
             std::size_t const colon = text.find(':');
@@ -109,12 +109,10 @@ std::vector<TestCase> loadCases(std::string const& fileName) {
             }
             if (!open) cases.emplace_back(fileName, number);
             open = true;
-            cases.back().add(key, resolved(value));
+            cases.back().add(key, unescaped(value));
         } catch (std::logic_error const& e) {
             throw std::runtime_error(fileName + ':' + std::to_string(number) + ": " + e.what());
         }
     if (cases.empty()) throw std::runtime_error(fileName + " holds no case");
     return cases;
 }
-
-std::string unescaped(std::string const& text) { return resolved(text); }
