@@ -47,7 +47,7 @@ void readParts(benchmark::State& state, std::string const& part) {
     std::string const bytes = message(part, state.range(0));
     for (auto _ : state) {
         ZULMemoryInputStream wire(bytes.data(), static_cast<int>(bytes.size()));
-        ZULBufferedInputStream buffered(wire, 16 * 1024);
+        ZULBufferedInputStream buffered(wire, 4096);
         HTTPMessageReader reader(buffered);
         reader.setReadPolicy(HTTPReadPolicy::hardened());
         HTTPMessage read;

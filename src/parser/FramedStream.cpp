@@ -23,6 +23,10 @@ using Policy = HTTPPolicyException;
 // line that never ends must not be collected.
 constexpr int kMaxPadding = 1024;
 
+// A read of this much goes past the read-ahead of a level.
+constexpr int kWorthReading = 4096;
+constexpr unsigned int kRoom = 64 * 1024;  // as readFully takes it for a body of known length
+
 // The framing faults of the streams beneath; other errors are left to the caller.
 void translate(ZULStreamException const& e) {
     switch (e.getCode()) {
@@ -68,15 +72,18 @@ int FramedStream::readBy(Read const& readBeneath, int n) try {
     else if (n < 0)
         return m_in.read(nullptr, n);
     if (n <= 0) return n;
-    int const got = took(readBeneath(n));
-    if (got > 0)
-        m_allowance -= got;
-    else
-        m_ended = true;
-    return got;
+    return give(took(readBeneath(n)));
 } catch (ZULStreamException const& e) {
     translate(e);
     throw;
+}
+
+int FramedStream::give(int n) {
+    if (n > 0)
+        m_allowance -= n;
+    else
+        m_ended = true;
+    return n;
 }
 
 // What next allows. Where the allowance is used up, one byte more tells whether the body ends here.
@@ -148,6 +155,21 @@ BoundaryStream::BoundaryStream(ZULBufferedInputStream& in, std::string const& bo
       m_closing(false) {}
 
 BoundaryStream::~BoundaryStream() = default;
+
+int BoundaryStream::read(QORByteBuffer& buf, int n) {
+    if (m_buffered.buffered() > 0 || n < kWorthReading || !mayGive(n))
+        return FramedStream::read(buf, n);
+    unsigned int const before = buf.pcount();
+    if (buf.capacity() - before < static_cast<unsigned int>(n))
+        buf.reserve(before + std::max(kRoom, static_cast<unsigned int>(n)));
+    char* const bytes = buf.str() + before;
+    int const got = std::max(0, m_buffered.read(bytes, n));
+    int const found = got > 0 ? bodyBytes(bytes, got, got) : 0;
+    int const kept = std::max(0, found);
+    m_buffered.unread(bytes + kept, got - kept);
+    buf.setLength(before + static_cast<unsigned int>(kept));
+    return found == 0 ? FramedStream::read(buf, n) : give(took(found));
+}
 
 int BoundaryStream::next(int n) {
     for (;;) {

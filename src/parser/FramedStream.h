@@ -33,6 +33,10 @@ protected:
     // So many came; -1: the stream beneath has ended. Gives what the caller gets.
     virtual int took(int n) = 0;
 
+    // What may be given without a look at what is behind it.
+    bool mayGive(int n) const { return !m_ended && n <= m_allowance; }
+    int give(int n);
+
 private:
     template <class Read>
     int readBy(Read const& readBeneath, int n);
@@ -83,6 +87,11 @@ public:
     BoundaryStream(ZULBufferedInputStream& in, std::string const& boundary, bool atLineStart,
                    long long& allowance);
     ~BoundaryStream() override;
+
+    using FramedStream::read;
+
+    // Where nothing is read ahead, straight into the buffer; what is not the body's is given back.
+    int read(QORByteBuffer& buf, int n) override;
 
     // Whether the delimiter comes next.
     bool atDelimiter();

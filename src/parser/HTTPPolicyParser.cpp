@@ -100,7 +100,7 @@ bool HTTPPolicyParser::appendLine(ZULBufferedInputStream& is, Code tooLong) {
         bool const endsInCr = piece > 0 && bytes[piece - 1] == '\r';
         // Nearly always a whole line with its CRLF: then no byte of that is copied.
         auto const kept = static_cast<unsigned int>(lf && endsInCr ? piece - 1 : piece);
-        if (line.pcount() + kept > m_maxLine) requireRoom(kept, endsInCr && !lf, tooLong);
+        if (line.pcount() + kept > m_maxLine) requireRoom(bytes, kept, endsInCr && !lf, tooLong);
         int const taken = lf ? piece + 1 : piece;
         takeOfHead(taken);
         line.appendChars(bytes, kept);
@@ -112,12 +112,18 @@ bool HTTPPolicyParser::appendLine(ZULBufferedInputStream& is, Code tooLong) {
     }
 }
 
-// Above the limit. A CR at the end may belong to the line's end, and does not count then.
-void HTTPPolicyParser::requireRoom(unsigned int more, bool endsInCr, Code tooLong) const {
+// Above the limit. A CR at the end may belong to the line's end, and does not count then. Of two
+// limits the one that the bytes meet first is told, however many of them came at once.
+void HTTPPolicyParser::requireRoom(char const* bytes, unsigned int more, bool endsInCr,
+                                   Code tooLong) const {
     QORByteBuffer const& line = m_parser.m_line;
-    unsigned int const size = line.pcount() + more;
-    bool const lastIsCr = more > 0 ? endsInCr : line.str()[size - 1] == '\r';
-    if (size > m_maxLine + 1 || !lastIsCr) raise(tooLong, __LINE__);
+    unsigned int const before = line.pcount();
+    bool const lastIsCr = more > 0 ? endsInCr : line.str()[before - 1] == '\r';
+    if (before + more == m_maxLine + 1 && lastIsCr) return;
+    bool const crIsFirst = before > m_maxLine || bytes[m_maxLine - before] == '\r';
+    if (m_headLeft < static_cast<long long>(m_maxLine) - before + (crIsFirst ? 2 : 1))
+        raiseHeadTooLarge();
+    raise(tooLong, __LINE__);
 }
 
 void HTTPPolicyParser::raiseHeadTooLarge() const {
