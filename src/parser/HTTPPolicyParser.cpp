@@ -121,7 +121,7 @@ void HTTPPolicyParser::requireRoom(char const* bytes, unsigned int more, bool en
     bool const lastIsCr = more > 0 ? endsInCr : line.str()[before - 1] == '\r';
     if (before + more == m_maxLine + 1 && lastIsCr) return;
     bool const crIsFirst = before > m_maxLine || bytes[m_maxLine - before] == '\r';
-    if (m_headLeft < static_cast<long long>(m_maxLine) - before + (crIsFirst ? 2 : 1))
+    if (m_headLeft < static_cast<long long>(m_maxLine) - before + (crIsFirst ? 1 : 0))
         raiseHeadTooLarge();
     raise(tooLong, __LINE__);
 }
