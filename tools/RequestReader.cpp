@@ -5,6 +5,7 @@
 
 #include "foundation/ZULOutputStream.h"
 
+#include "parser/HTTPReadPolicy.h"
 #include "tools/HeaderFields.h"
 
 namespace {
@@ -18,16 +19,6 @@ constexpr std::size_t kMaxParts = 1000;
 // framing, and room for its head.
 constexpr long long totalLimit(int maxBody) { return maxBody + maxBody / 8 + 65536LL; }
 
-// Of a request line, whose third word is the version.
-int minorVersion(std::string_view line) {
-    for (int word = 0; word < 2; ++word) {
-        line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
-        line.remove_prefix(std::min(line.find_first_of(" \t"), line.size()));
-    }
-    line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
-    return line.substr(0, line.find_first_of(" \t\r")) == "HTTP/1.0" ? 0 : 1;
-}
-
 }  // namespace
 
 HTTPHeader* EntityHead::find(std::string_view name) {
@@ -36,14 +27,19 @@ HTTPHeader* EntityHead::find(std::string_view name) {
     return found == fields.end() ? nullptr : &found->value;
 }
 
-RequestReader::RequestReader(ZULInputStream& in, ZULOutputStream& out, int maxBody, bool keepFields)
+RequestReader::RequestReader(ZULInputStream& in, ZULOutputStream& out, int maxBody, bool keepFields,
+                             bool hardened)
     : m_limited(in, 0),
       m_in(m_limited, kReadAhead),
       m_out(out),
-      m_line(256, 256),
       m_keepFields(keepFields),
       m_maxBody(maxBody) {
     m_parser.setMsgHandler(this);
+    if (hardened) {
+        HTTPReadPolicy policy = HTTPReadPolicy::hardened();
+        policy.maxBody = std::max(maxBody, 1);  // 0 would be no limit
+        m_parser.setReadPolicy(policy);
+    }
     m_in.setMaxLine(kMaxLine);
 }
 
@@ -65,25 +61,11 @@ void RequestReader::read(Request& request) {
     m_request = &request;
     m_bodyLeft = m_maxBody;
     setMessage(&request.message);
-    request.minorVersion = peekMinorVersion();
     m_parser.parseRequest(&m_in);
+    request.minorVersion = m_parser.getMinorVersion();
+    // Not the parser's own answer: without a policy it takes a request without a body for one that
+    // goes on to the end.
     request.keepAlive = wantsKeepAlive();
-}
-
-// From the request line, which stays for the parser.
-int RequestReader::peekMinorVersion() {
-    int n = 0;
-    char const* const bytes = m_in.peek(n);
-    std::string_view const ahead(bytes, static_cast<std::size_t>(n));
-    std::size_t const end = ahead.find('\n');
-    if (end != ahead.npos) return minorVersion(ahead.substr(0, end));
-    // It has come in part only: it is read, and put back.
-    m_line.reset();
-    if (m_in.readLine(m_line) == -1) return 1;
-    int const minor = minorVersion({m_line.str(), m_line.pcount()});
-    m_line << "\r\n";
-    m_in.unread(m_line.str(), static_cast<int>(m_line.pcount()));
-    return minor;
 }
 
 bool RequestReader::wantsKeepAlive() const {
@@ -181,7 +163,7 @@ void RequestReader::startPart() {
 // section 10.1.1.
 void RequestReader::beginBody() {
     static constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
-    if (m_request->heads.size() > 1 || m_request->minorVersion == 0) return;
+    if (m_request->heads.size() > 1 || m_parser.getMinorVersion() == 0) return;
     if (!equalIgnoringCase(m_own.expect, "100-continue")) return;
     m_out.write(kContinue, sizeof kContinue - 1);
     m_out.flush();

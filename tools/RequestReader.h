@@ -50,7 +50,7 @@ struct RequestRefused : std::runtime_error {
 // Reads the requests of one connection, one after the other, each into a message tree.
 //
 // It parses from a buffered stream of its own, because it must see what a tree does not hold: the
-// version in the request line, the moment at which a body begins, all header fields in their order.
+// moment at which a body begins, all header fields in their order.
 //
 // Ownership: the streams are borrowed.
 // Raises: what HTTPParser raises; RequestRefused and SizeLimitPassed for requests beyond the limits
@@ -60,8 +60,10 @@ struct RequestRefused : std::runtime_error {
 class RequestReader : private HTTPMOMMsgHandler {
 public:
     // `out` gets the interim answer that a client may wait for before it sends a body. The fields
-    // of heads are kept where they are asked for: it costs as much as reading them.
-    RequestReader(ZULInputStream& in, ZULOutputStream& out, int maxBody, bool keepFields);
+    // of heads are kept where they are asked for: it costs as much as reading them. Hardened, it
+    // reads by HTTPReadPolicy::hardened(), with this limit for bodies.
+    RequestReader(ZULInputStream& in, ZULOutputStream& out, int maxBody, bool keepFields,
+                  bool hardened);
     ~RequestReader() override;
 
     // Waits for the first byte of a request; false when the client has closed instead.
@@ -87,7 +89,6 @@ private:
         bool coding = false;
     };
 
-    int peekMinorVersion();
     void countField(char const* name);
     void recordOwnField(std::string_view name, HTTPHeader& value);
     void keepField(char const* name, HTTPHeader const& value);
@@ -98,7 +99,6 @@ private:
     ZULBufferedInputStream m_in;
     ZULOutputStream& m_out;
     HTTPParser m_parser;
-    QORByteBuffer m_line;
     Request* m_request = nullptr;
     OwnHead m_own;
     std::vector<std::string> m_names;  // of the fields of the message, or of the part being read

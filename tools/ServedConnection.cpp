@@ -11,6 +11,7 @@
 #include "foundation/ZULStreamException.h"
 
 #include "foundation/HTTPException.h"
+#include "parser/HTTPReadPolicy.h"
 #include "tools/Echo.h"
 #include "tools/Receipt.h"
 #include "tools/Server.h"
@@ -27,12 +28,20 @@ char const* reasonOf(int status) {
     switch (status) {
         case 400:
             return "Bad Request";
+        case 405:
+            return "Method Not Allowed";
         case 408:
             return "Request Timeout";
         case 413:
             return "Content Too Large";
+        case 414:
+            return "URI Too Long";
         case 431:
             return "Request Header Fields Too Large";
+        case 501:
+            return "Not Implemented";
+        case 505:
+            return "HTTP Version Not Supported";
         default:
             return "Internal Server Error";
     }
@@ -79,7 +88,8 @@ ServedConnection::ServedConnection(Server& server, int descriptor)
       m_in(m_socket, m_deadline),
       m_out(*m_socket.getOutputStream(), m_deadline),
       m_answer(m_out, kAnswerBuffer),
-      m_reader(m_in, m_out, server.options().maxBody, server.options().echo),
+      m_reader(m_in, m_out, server.options().maxBody, server.options().echo,
+               !server.options().contract),
       m_node(m_answer, 0) {
     limitSends(descriptor, server.options().requestTimeout);
     if (!server.options().traceDirectory.empty()) m_socket.echo(server.makeTraceFile().c_str());
@@ -113,7 +123,7 @@ std::optional<ServedConnection::Refusal> ServedConnection::read() try {
 } catch (TimeLimitPassed const& e) {
     return Refusal{408, e.what()};
 } catch (HTTPException const& e) {
-    return Refusal{400, textOf(e)};
+    return Refusal{HTTPPolicyException::getHttpStatus(e), textOf(e)};
 } catch (ZULStreamException const& e) {
     return Refusal{400, textOf(e)};
 } catch (QORAssertError const& e) {

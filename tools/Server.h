@@ -27,6 +27,7 @@ struct ServerOptions {
     Deadline::Clock::duration idleTimeout = std::chrono::seconds(60);
     Deadline::Clock::duration requestTimeout = std::chrono::seconds(60);
     int maxBody = 64 << 20;
+    bool contract = false;  // reads as the library does by default
 };
 
 // A listening socket, the thread that accepts from it, and the workers that serve the connections,

@@ -91,6 +91,9 @@ void defineLimits(CLI::App& app, CommandLine& line) {
         ->type_name("SECONDS")
         ->check(within(0.01, 86400.0))
         ->capture_default_str();
+    app.add_flag("--contract", line.options.contract,
+                 "Read as the library does by default, without its policy for peers that are not\n"
+                 "trusted: lengths that parts lack are missed, lenient forms are taken");
     app.add_option("--max-body", line.options.maxBody, "Largest body taken, all parts together")
         ->type_name("BYTES")
         ->check(within(0, INT_MAX))
