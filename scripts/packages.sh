@@ -10,7 +10,7 @@ packages_to_build() {
 packages_of_preset() {
     packages_to_build
     # Whom the tests let the programs talk to, and who judges what they say.
-    echo curl tshark nginx haproxy apache2-bin python3-requests
+    echo curl tshark nginx haproxy apache2-bin python3-requests python3-requests-toolbelt python3-zeep
     case $1 in
         i386) echo g++-multilib ;;
         clang) echo clang-14 ;;
