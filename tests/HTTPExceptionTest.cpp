@@ -21,6 +21,14 @@ TEST(HTTPException, HasATextForEachCode) {
     }
 }
 
+TEST(HTTPException, IsAssignedWithItsMessages) {
+    HTTPException error(HTTPException::HTTP_ERR_VERSION), copy("other");
+    error << QORMessage(I18NString("text", nullptr, -1, nullptr, nullptr));
+    copy = error;
+    copy.operator=(copy);
+    EXPECT_EQ("1001 text", std::to_string(copy.getCode()) + ' ' + copy.getMessage());
+}
+
 struct NullGiving {
     static void* operator new(std::size_t) noexcept { return nullptr; }
 };
