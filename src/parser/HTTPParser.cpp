@@ -336,8 +336,9 @@ void HTTPParser::processHeader(QORByteBuffer& osline) {
     char* const colon = std::strchr(name, ':');
     if (!colon) return;
     *colon = '\0';
+    bool const needsTrimming = mayNeedTrimming(name, colon);  // its letters do not matter
     lowerCase(name, colon);
-    if (mayNeedTrimming(name, colon)) {
+    if (needsTrimming) {
         std::string trimmed(name, colon);
         HTTPMessage::trim(trimmed);
         reportHeader(trimmed, colon + 1);
