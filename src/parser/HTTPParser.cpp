@@ -99,6 +99,10 @@ bool mayNeedTrimming(char const* text, char const* end) {
     return text != end && (isTrimmed(*text) || isTrimmed(end[-1]));
 }
 
+bool isWord(std::string_view text, std::string_view lowerCase) {
+    return text.size() == lowerCase.size() && beginsWith(text, lowerCase);
+}
+
 struct Number {
     int value;
     bool hasDigits;
@@ -150,15 +154,16 @@ private:
     std::unique_ptr<ZULBufferedInputStream, DetachAndDelete> m_buffered;
 };
 
-// Whether the word, in lower case, stands in a list with commas, in any letter case.
-bool listHolds(std::string_view list, std::string_view word) {
+// Calls f with each item of a list with commas.
+template <class F>
+void forEachItem(std::string_view list, F f) {
     for (;;) {
         std::size_t const comma = std::min(list.find(','), list.size());
         std::string_view item = list.substr(0, comma);
         while (!item.empty() && isAsciiSpace(item.front())) item.remove_prefix(1);
         while (!item.empty() && isAsciiSpace(item.back())) item.remove_suffix(1);
-        if (item.size() == word.size() && beginsWith(item, word)) return true;
-        if (comma == list.size()) return false;
+        f(item);
+        if (comma == list.size()) return;
         list.remove_prefix(comma + 1);
     }
 }
@@ -364,19 +369,31 @@ void HTTPParser::reportHeader(std::string_view name, char const* text) {
 // What a message says of its connection.
 void HTTPParser::recordConnection(std::string_view name, char const* text) {
     if (name == "connection") {
-        m_saysClose = m_saysClose || listHolds(text, "close");
-        m_saysKeepAlive = m_saysKeepAlive || listHolds(text, "keep-alive");
+        forEachItem(text, [this](std::string_view item) {
+            m_saysClose = m_saysClose || isWord(item, "close");
+            m_saysKeepAlive = m_saysKeepAlive || isWord(item, "keep-alive");
+        });
     } else if (name == "expect") {
-        m_expectsContinue = m_expectsContinue || listHolds(text, "100-continue");
+        forEachItem(text, [this](std::string_view item) {
+            m_expectsContinue = m_expectsContinue || isWord(item, "100-continue");
+        });
     } else if (m_policy && name == "host") {
         m_policy->judgeHost();
     }
 }
 
+// Where the header's value begins, whose text this is: only a value in quotes, or one that is
+// empty, has to be taken apart to tell.
+char const* HTTPParser::startOfValue(char const* text) {
+    while (isAsciiSpace(*text)) ++text;
+    bool const isPlain = *text != '"' && *text != ';' && *text != '\0';
+    return isPlain ? text : m_header.getValue();
+}
+
 void HTTPParser::recordContentType(char const* text) {
     if (m_policy) m_policy->judgeContentType();
-    std::string_view const type = m_header.getValue();
-    if (type.empty()) raise(HTTPException::HTTP_ERR_BAD_CONTENT_TYPE, kProcessHeader, __LINE__);
+    char const* const type = startOfValue(text);
+    if (!*type) raise(HTTPException::HTTP_ERR_BAD_CONTENT_TYPE, kProcessHeader, __LINE__);
     if (!beginsWith(type, "multipart/")) return;
     char const* const boundary =
         m_policy ? m_policy->boundaryOf(m_header, text) : m_header.getAttribute("boundary");
@@ -392,7 +409,7 @@ void HTTPParser::recordContentType(char const* text) {
 
 void HTTPParser::recordContentLength(char const* text) {
     if (m_policy) m_policy->judgeContentLength(text);
-    char const* const value = m_header.getValue();
+    char const* const value = startOfValue(text);
     if (!*value) raise(HTTPException::HTTP_ERR_BAD_CONTENT_LENGTH, kProcessHeader, __LINE__);
     Number const length = readNumber(value);
     m_contentlength[m_idepth] = length.value;
@@ -404,8 +421,7 @@ void HTTPParser::recordTransferEncoding(char const* text) {
     std::string_view const coding = m_header.getValue();
     if (coding.empty())
         raise(HTTPException::HTTP_ERR_BAD_TRANSFER_ENCODING, kProcessHeader, __LINE__);
-    constexpr std::string_view kChunked = "chunked";
-    m_bChunking[m_idepth] = coding.size() == kChunked.size() && beginsWith(coding, kChunked);
+    m_bChunking[m_idepth] = isWord(coding, "chunked");
 }
 
 void HTTPParser::processEntities(ZULBufferedInputStream* is) {

@@ -97,6 +97,7 @@ private:
     bool readLine(ZULBufferedInputStream& is);
     bool recordVersion(std::string_view word);
     void reportHeader(std::string_view name, char const* text);
+    char const* startOfValue(char const* text);
     void recordContentType(char const* text);
     void recordContentLength(char const* text);
     void recordTransferEncoding(char const* text);
