@@ -25,7 +25,7 @@ using parseError::raise;
 }
 
 constexpr int kReadAhead = 4096;
-constexpr long long kMaxLeft = 64 * 1024;  // of a body, behind what was read of it
+constexpr long long kMaxLeft = 65536;  // of a body, behind what was read of it
 
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
