@@ -4,6 +4,8 @@
     InstructionCounts.py PROGRAM_FOLDER linear      twice the work over once, for header lines,
                                                     parts, chunks and body bytes: about 2
     InstructionCounts.py PROGRAM_FOLDER compare     the small workloads, beside the closest peer
+    InstructionCounts.py PROGRAM_FOLDER hardened    the small messages by default and under
+                                                    HTTPReadPolicy::hardened()
     InstructionCounts.py PROGRAM_FOLDER profile     `small` and `headers`, and the functions that
                                                     they are spent in
 
@@ -164,7 +166,19 @@ def profile(programs):
                     print("  %8.0f  %4.1f %%  %s" % (count, 100 * count / total, name_of(function)))
 
 
-MODES = {"linear": linear, "compare": compare, "profile": profile}
+def hardened(programs):
+    print("%-16s %10s %10s %7s" % ("", "default", "hardened", "ratio"))
+    once = os.path.join(programs, "postwire_once")
+    with tempfile.TemporaryDirectory() as folder:
+        small_corpus(folder)
+        for workload in CLOSEST:
+            if workload != "write-small":
+                default, policy = (per_message(once, folder, peer + "/" + workload, 100, 300)[0]
+                                   for peer in ("postwire", "postwire_hardened"))
+                print("%-16s %10.0f %10.0f %7.3f" % (workload, default, policy, policy / default))
+
+
+MODES = {"linear": linear, "compare": compare, "hardened": hardened, "profile": profile}
 
 if __name__ == "__main__":
     if len(sys.argv) != 3 or sys.argv[2] not in MODES:
