@@ -90,8 +90,8 @@ def half_closed(client, rng):
 
 def refused(client, rng):
     data, status = rng.choice((
-        (b'GET / HTTP/1.1\r\n\r\n', 400), (b'POST / HTTP/1.1\r\nContent-Length: -1\r\n\r\n', 400),
-        (request(parts(rng).replace(b'Content-Length', b'X-Length'), TYPE), 400),
+        (b'GET / HTTP/1.1\r\n\r\n', 405), (b'POST / HTTP/1.1\r\nContent-Length: -1\r\n\r\n', 400),
+        (request(parts(rng)[:-4], TYPE), 400),
         (request(b'zz\r\n', 'Transfer-Encoding: chunked', length=False), 400),
         (b'POST / HTTP/1.1\r\nContent-Length: 20000001\r\n\r\n', 413),
         (b'POST / HTTP/1.1\r\n' + b''.join(b'X%d: x\r\n' % i for i in range(101)) + b'\r\n', 431)))
