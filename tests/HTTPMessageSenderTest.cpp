@@ -45,9 +45,14 @@ bool makeCalls(Lines const& lines, WriterCalls& calls) {
     return true;
 }
 
-// Takes no memory of its own.
-struct Sink : ZULOutputStream {
-    void write(char const*, int) override {}
+// Counts bytes: those from the caller's own memory, and the others.
+struct OriginCounter : ZULOutputStream {
+    void write(char const* data, int length) override {
+        bool const own = data >= caller.data() && data < caller.data() + caller.size();
+        (own ? original : made) += static_cast<std::size_t>(length);
+    }
+    std::string caller;
+    std::size_t original = 0, made = 0;
 };
 
 class HTTPMessageSender : public ::testing::Test {
@@ -102,7 +107,7 @@ TEST_F(HTTPMessageSender, BeginsAnewAfterAFailureOfEachWrite) {
 TEST_F(HTTPMessageSender, ReportsEachFailingAllocation) {
     std::set<std::string> backTraces;
     auto const makeAll = [&](Lines const& lines) {
-        Sink os;
+        OriginCounter os;
         WriterCalls calls(os);
         for (std::string const& line : lines) try {
                 if (isCall(line)) calls.make(line);
@@ -137,4 +142,28 @@ TEST_F(HTTPMessageSender, ReadsTheMachineNameOnceAndAgainAfterAFailure) {
     char name[256] = "";
     ::gethostname(name, 255);
     EXPECT_STREQ(name, host_name);
+}
+
+TEST_F(HTTPMessageSender, PassesADirectPartOnFromTheCallersMemory) {
+    OriginCounter os;
+    os.caller.assign(8 << 20, 'x');
+    MultipartHttpMsg node(os, 4096, "b1");
+    node.addOnePiece(-1)->write(os.caller.data(), 8 << 20);
+    node.finish();
+    EXPECT_EQ(os.caller.size(), os.original);
+    EXPECT_LT(os.made, 500u);
+}
+
+TEST_F(HTTPMessageSender, TakesMemoryForStagedHeadersAloneOnANodeUsedAgain) {
+    OriginCounter os;
+    OnePieceHttpMsg node(os, 0);
+    std::string const body(1024, 'x');
+    auto const message = [&] {
+        node.startResponse(200, "OK");
+        node.setHeader("Content-Type", "text/xml");
+        node.write(body.data(), 1024);
+        node.finish();
+    };
+    message();
+    EXPECT_EQ(2, allocationsOf(message));  // the two headers' places
 }
