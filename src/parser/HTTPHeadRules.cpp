@@ -61,11 +61,6 @@ std::string_view withoutBlanks(std::string_view text) {
     return text;
 }
 
-bool equalsInAnyCase(std::string_view text, std::string_view lowerCase) {
-    return std::equal(text.begin(), text.end(), lowerCase.begin(), lowerCase.end(),
-                      [](char a, char b) { return asciiLowerCase(a) == b; });
-}
-
 // The line's end has been cut off, so that a CR that is left stands for itself: some readers end a
 // line there, and some end a text at a zero byte.
 void requireText(QORByteBuffer const& line) {

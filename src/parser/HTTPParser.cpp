@@ -60,9 +60,7 @@ private:
 
 // Whether the text begins with `start`, which is in lower case, in any letter case.
 bool beginsWith(std::string_view text, std::string_view start) {
-    return text.size() >= start.size() &&
-           std::equal(start.begin(), start.end(), text.begin(),
-                      [](char a, char b) { return a == asciiLowerCase(b); });
+    return equalsInAnyCase(text.substr(0, start.size()), start);
 }
 
 std::uint64_t eightBytes(char const* text) {
@@ -97,10 +95,6 @@ void lowerCase(char* text, char* end) {
 bool mayNeedTrimming(char const* text, char const* end) {
     auto const isTrimmed = [](char c) { return isAsciiSpace(c) || c == '"'; };
     return text != end && (isTrimmed(*text) || isTrimmed(end[-1]));
-}
-
-bool isWord(std::string_view text, std::string_view lowerCase) {
-    return text.size() == lowerCase.size() && beginsWith(text, lowerCase);
 }
 
 struct Number {
@@ -370,12 +364,12 @@ void HTTPParser::reportHeader(std::string_view name, char const* text) {
 void HTTPParser::recordConnection(std::string_view name, char const* text) {
     if (name == "connection") {
         forEachItem(text, [this](std::string_view item) {
-            m_saysClose = m_saysClose || isWord(item, "close");
-            m_saysKeepAlive = m_saysKeepAlive || isWord(item, "keep-alive");
+            m_saysClose = m_saysClose || equalsInAnyCase(item, "close");
+            m_saysKeepAlive = m_saysKeepAlive || equalsInAnyCase(item, "keep-alive");
         });
     } else if (name == "expect") {
         forEachItem(text, [this](std::string_view item) {
-            m_expectsContinue = m_expectsContinue || isWord(item, "100-continue");
+            m_expectsContinue = m_expectsContinue || equalsInAnyCase(item, "100-continue");
         });
     } else if (m_policy && name == "host") {
         m_policy->judgeHost();
@@ -421,7 +415,7 @@ void HTTPParser::recordTransferEncoding(char const* text) {
     std::string_view const coding = m_header.getValue();
     if (coding.empty())
         raise(HTTPException::HTTP_ERR_BAD_TRANSFER_ENCODING, kProcessHeader, __LINE__);
-    m_bChunking[m_idepth] = isWord(coding, "chunked");
+    m_bChunking[m_idepth] = equalsInAnyCase(coding, "chunked");
 }
 
 void HTTPParser::processEntities(ZULBufferedInputStream* is) {
