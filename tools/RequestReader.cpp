@@ -33,6 +33,7 @@ RequestReader::RequestReader(ZULInputStream& in, ZULOutputStream& out, int maxBo
       m_in(m_limited, kReadAhead),
       m_out(out),
       m_keepFields(keepFields),
+      m_hardened(hardened),
       m_maxBody(maxBody) {
     m_parser.setMsgHandler(this);
     if (hardened) {
@@ -88,7 +89,7 @@ void RequestReader::reset() {
 void RequestReader::setURI(char const* uri) { m_request->uri = uri; }
 
 void RequestReader::header(char const* name, HTTPHeader* value) {
-    countField(name);
+    if (!m_hardened) countField(name);  // else the policy counts
     if (m_request->heads.size() == 1) recordOwnField(name, *value);
     if (m_keepFields) keepField(name, *value);
     HTTPMOMMsgHandler::header(name, value);

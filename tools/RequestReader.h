@@ -104,6 +104,7 @@ private:
     std::vector<std::string> m_names;  // of the fields of the message, or of the part being read
     std::size_t m_nameCount = 0;       // how many of them; those behind are kept for their memory
     bool m_keepFields;
+    bool m_hardened;
     int m_maxBody;
     int m_bodyLeft = 0;  // of m_maxBody, for the bodies still to come
 };
