@@ -2,15 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include "foundation/ZULBufferedInputStream.h"
+#include "foundation/ZULChunkedOutputStream.h"
+#include "foundation/ZULMemoryOutputStream.h"
 
-#include "parser/HTTPMessageReader.h"
 #include "support/AllocationFaults.h"
 #include "support/CaseFile.h"
 #include "support/EventLog.h"
-#include "support/FragmentingStream.h"
 #include "support/Raised.h"
-#include "support/TreeText.h"
+#include "support/ReaderConnection.h"
 
 namespace {
 
@@ -24,14 +23,11 @@ HTTPReadPolicy policyOf(std::string const& fields) {
 }
 
 std::string chunked(std::string const& body, std::size_t size) {
-    std::string coded;
-    for (std::size_t at = 0; at < body.size(); at += size) {
-        QORByteBuffer digits(16, 16);
-        digits.setHexRadix(1);
-        std::string const data = body.substr(at, size);
-        coded += (digits << static_cast<int>(data.size())).str() + ("\r\n" + data + "\r\n");
-    }
-    return coded + "0\r\n\r\n";
+    ZULMemoryOutputStream coded(1000, 1000);
+    ZULChunkedOutputStream encoder(coded, static_cast<int>(size));
+    encoder.write(body.data(), static_cast<int>(body.size()));
+    encoder.close();
+    return {coded.bytes(), static_cast<std::size_t>(coded.length())};
 }
 
 std::string withLength(std::string const& head, std::string const& body) {
@@ -61,21 +57,13 @@ struct Outcome {
 
 Outcome readBy(HTTPReadPolicy const& policy, std::string const& bytes, int step = kAllAtOnce,
                bool isResponse = false) {
-    FragmentingStream wire(bytes, step);
-    ZULBufferedInputStream buffered(wire, 4096);
-    HTTPMessageReader reader(buffered);
-    reader.setReadPolicy(policy);
-    HTTPMessage message;
-    std::string text;
-    HTTPMessage::StatusCode status{};
-    auto const thrown = raised([&] {
-        isResponse ? reader.getResponse(&message, &status, &text)
-                   : reader.getRequest(&message, &text);
-    });
-    if (!thrown) return {0, treeText(message)};
+    ReaderConnection c(bytes, step);
+    c.reader.setReadPolicy(policy);
+    auto const thrown = raised([&] { isResponse ? c.responseTree() : c.requestTree(); });
+    if (!thrown) return {0, treeText(c.message)};
     auto const* const error = dynamic_cast<HTTPException*>(thrown.get());
     EXPECT_TRUE(error && error->getMessages().size() == 1U) << textOf(*thrown);
-    EXPECT_FALSE(reader.keepAlive());
+    EXPECT_FALSE(c.reader.keepAlive());
     return {error ? error->getCode() : -1, ""};
 }
 
@@ -226,14 +214,10 @@ TEST(HTTPReadPolicy, ReportsOutOfMemoryAndLeaksNothing) {
         "boundary=CC\r\n\r\n--CC\r\n\r\nabc\r\n--CC--\r\n--B--";
     std::string const bytes = inChunks(kMultipart, nested, 9);
     forEachFailingAllocation([&] {
-        FragmentingStream wire(bytes, 7);
-        ZULBufferedInputStream buffered(wire, 4096);
-        HTTPMessageReader reader(buffered);
-        reader.setReadPolicy(HTTPReadPolicy::hardened());
-        HTTPMessage message;
-        std::string uri;
-        reader.getRequest(&message, &uri);
-        EXPECT_EQ(message.getPart(0)->getPart(0)->contentSize(), 3);
+        ReaderConnection c(bytes, 7);
+        c.reader.setReadPolicy(HTTPReadPolicy::hardened());
+        c.request();
+        EXPECT_EQ(c.message.getPart(0)->getPart(0)->contentSize(), 3);
     });
 }
 
