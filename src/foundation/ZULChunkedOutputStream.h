@@ -38,12 +38,15 @@ public:
 
 private:
     void writeHeld();
-    int held() const { return static_cast<int>(m_chunk.pcount()) - kSizeLine; }
+    int held() const { return static_cast<int>(m_chunk.pcount() - m_begin); }
+    void beginAt(unsigned int place);
+    void beginApart(char const* data);
 
     static constexpr int kSizeLine = 10;  // 8 digits and CRLF
 
     ZULOutputStream& m_out;
     int m_size;
     bool m_open;            // a body has begun and is not closed
-    QORByteBuffer m_chunk;  // room for the longest size line, then the data held
+    unsigned int m_begin;   // of the data in the buffer
+    QORByteBuffer m_chunk;  // room for the longest size line at least, then the data held
 };
