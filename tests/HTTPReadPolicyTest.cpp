@@ -160,22 +160,29 @@ TEST(HTTPReadPolicy, ReadsTheShapesOfStacksAtEverySplitAndNoneOfThemCut) {
     }
 }
 
+// Behind bytes that look like its beginning, and behind others, which are passed over in leaps.
 TEST(HTTPReadPolicy, FindsDelimitersWhereverTheReadAheadEnds) {
     HTTPReadPolicy unbounded;
     unbounded.partsEndAtBoundary = true;
-    std::string body;
-    while (body.size() < 5000) body += "\r\n-";
-    for (std::size_t at = 4096 - 80; at <= 4096 + 80; ++at) {
-        SCOPED_TRACE(at);
-        std::string const part = body.substr(0, at), end = "\r\n--B--";
-        std::string const tree = withoutFraming(
-            readBy({}, withLength(kMultipart, "--B\r\n" + withLength("", part) + end), kAllAtOnce)
-                .tree);
-        // From the beginning of the level's own read-ahead on, and from that of the message's.
-        expectTree(tree, withLength(kMultipart, "--B\r\n\r\n" + part + end), kAllAtOnce);
-        expectTree(tree, inChunks(kMultipart, "--B\r\n\r\n" + part + end, 5000), kAllAtOnce);
-        expectTree(tree, std::string(kMultipart) + "\r\n--B\r\n\r\n" + part + end, kAllAtOnce,
-                   unbounded);
+    for (std::size_t const length : {1U, 30U, 70U}) {
+        std::string const boundary(length, 'B'), line = "\r\n--" + boundary;
+        std::string const end = line + "--\r\n" + std::string(1000, '.');
+        std::string const head =
+            kPost + ("Content-Type: multipart/x; boundary=" + boundary) + "\r\n";
+        for (std::string const filler : {"\r\n-", "x", "-x"})
+            for (std::size_t at = 4096 - 80; at <= 4096 + 80; ++at) {
+                SCOPED_TRACE(filler + std::to_string(at) + line);
+                std::string part;
+                while (part.size() < at) part += filler;
+                part.resize(at);
+                std::string const body = line + "\r\n\r\n" + part + end;
+                std::string const tree = withoutFraming(
+                    readBy({}, withLength(head, line + "\r\n" + withLength("", part) + end)).tree);
+                // From the beginning of the level's read-ahead on, and from that of the message's.
+                expectTree(tree, withLength(head, body), kAllAtOnce);
+                expectTree(tree, inChunks(head, body, 5000), kAllAtOnce);
+                expectTree(tree, head + "\r\n" + body, kAllAtOnce, unbounded);
+            }
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <string>
 #include <string_view>
 
@@ -90,7 +91,7 @@ public:
 
     using FramedStream::read;
 
-    // Where nothing is read ahead, straight into the buffer; what is not the body's is given back.
+    // Straight into the buffer, where n is worth it.
     int read(QORByteBuffer& buf, int n) override;
 
     // Whether the delimiter comes next.
@@ -104,7 +105,11 @@ private:
 
     int next(int n) override;
     int took(int n) override;
+    int takeAhead(QORByteBuffer& buf, int n);
+    int readStraight(QORByteBuffer& buf, int n);
     int bodyBytes(char const* bytes, int have, int most);
+    char const* leap(char const* at, char const* end);
+    void noteBytes();
     Verdict judge(char const* text, char const* end);
     Verdict judgeLineEnd(char const* text, char const* end) const;
     Verdict undecided() const { return m_inputEnded ? Verdict::No : Verdict::Open; }
@@ -115,4 +120,6 @@ private:
     bool m_atLineStart;
     bool m_inputEnded;
     bool m_closing;  // of the delimiter last judged
+    bool m_bytesNoted;
+    std::array<unsigned char, 256> m_occurs;  // once noted, 1 for each byte of CRLF and delimiter
 };
