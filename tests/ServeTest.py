@@ -3,6 +3,7 @@
 
 usage: ServeTest.py PROGRAM_FOLDER [TEST...]
 """
+import contextlib
 import hashlib
 import http.client
 import os
@@ -329,20 +330,46 @@ class Refuses(Serve):
 
 
 class Ends(Serve):
-    def test_a_request_that_drips_in_while_others_are_answered(self):
-        server = self.server('--request-timeout', '1')
-        for data in b'POST / HTTP/1.1\r\n' + b'X' * 10_000, \
-                b'POST / HTTP/1.1\r\nContent-Length: 10000\r\n\r\n' + b'x' * 9000:
-            with server.connect() as slow:
-                sent = 0
-                while slow.silent(0.05):
-                    slow.send(data[sent:sent + 1])
-                    sent += 1
+    # The server's --max-body, what a client sends first, what again and again, how it is cut off.
+    CHUNKED = 'Transfer-Encoding: chunked'
+    ENDLESS = (
+        (1_000_000, b'POST / HTTP/1.1\r\n', b'X', 408),
+        (1_000_000, b'POST / HTTP/1.1\r\n', b'X: y\r\n' * 20, 431),
+        (1_000_000, b'POST / HTTP/1.1\r\nContent-Length: 1000000\r\n\r\n', b'x', 408),
+        (1_000_000, b'POST / HTTP/1.1\r\nContent-Length: 2000000000\r\n\r\n', b'x', 413),
+        (2_000_000_000, b'POST / HTTP/1.1\r\nContent-Length: 2000000000\r\n\r\n', b'x', 408),
+        (2_000_000_000, request(b'', CHUNKED, length=False), b'1\r\nx\r\n', 408),
+        (1_000_000, request(b'', CHUNKED, length=False), b'4000\r\n%b\r\n' % bytes(0x4000), 413),
+        (1_000_000, request(b'', CHUNKED, length=False) + b'1', b';' * 1000, 400),
+        (2_000_000_000, request(b'', CHUNKED, TYPE, length=False),
+         b'4000\r\n%b\r\n' % bytes(0x4000), 408),  # in front of the first part
+    )
+
+    def test_requests_without_an_end_while_others_are_answered_and_memory_stays_flat(self):
+        servers = {limit: self.server('--request-timeout', '1', '--max-body', str(limit))
+                   for limit in (1_000_000, 2_000_000_000)}
+        resident = {}
+        with contextlib.ExitStack() as stack:
+            endless = [(stack.enter_context(servers[limit].connect()), *case)
+                       for limit, *case in self.ENDLESS]
+            for client, first, _, _ in endless:
+                client.send(first)
+            while endless:
+                for case in endless[:]:
+                    client, first, again, status = case
+                    if client.silent(0):
+                        client.send(again)
+                        continue
+                    endless.remove(case)
+                    with self.subTest(first=first, again=again[:9]):
+                        self.assertEqual(client.answer()[0], status)
+                        self.assertTrue(client.at_end())
+                for limit, server in servers.items():
                     with server.connect() as other:
                         other.send(request(b'x'))
                         self.receives(other, b'x')
-                self.assertEqual(slow.answer()[0], 408)
-                self.assertTrue(slow.at_end())
+                    before = resident.setdefault(limit, server.resident())
+                    self.assertLess(server.resident(), before + 8192)
 
     def test_idle_connections_and_clients_that_do_not_read(self):
         server = self.server('--echo', '--workers', '1', '--idle-timeout', '0.5',

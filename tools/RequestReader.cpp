@@ -17,7 +17,7 @@ constexpr std::size_t kMaxParts = 1000;
 
 // How many bytes a request may bring in all: its bodies, an eighth more for chunk and multipart
 // framing, and room for its head.
-constexpr long long totalLimit(int maxBody) { return maxBody + maxBody / 8 + 65536LL; }
+constexpr long long totalLimit(long long maxBody) { return maxBody + maxBody / 8 + 65536; }
 
 }  // namespace
 
