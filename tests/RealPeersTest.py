@@ -10,6 +10,7 @@ import http.server
 import os
 import pathlib
 import random
+import re
 import shutil
 import socket
 import struct
@@ -182,6 +183,83 @@ class Nginx(Exchanges, unittest.TestCase):
 class Haproxy(Exchanges, unittest.TestCase):
     def front(self, port):
         return self.enterContext(peers.haproxy(port))[0]
+
+
+def unescaped(text):
+    """The bytes that a value in the tables of tests/data stands for."""
+    text = re.sub(r'\{((?:[^\\{}]|\\.)*?)\*(\d+)\}', lambda m: m[1] * int(m[2]), text)
+    named = dict(zip('rnts0', '\r\n\t \0'))
+    return re.sub(r'\\(x(..)|.)', lambda m: chr(int(m[2], 16)) if m[2] else named.get(m[1], m[1]),
+                  text).encode('latin-1')
+
+
+def hostile_messages():
+    """What each row of the table of hostile requests stands for, with a Host field."""
+    start = b'POST / HTTP/1.1\r\nHost: h\r\n'
+    table = pathlib.Path(__file__).parent / 'data' / 'policy_hostile.txt'
+    columns = []
+    for line in table.read_text().splitlines():
+        if line.startswith('columns: '):
+            columns = line[9:].split(' | ')
+        elif columns and line and line[0] != '#':
+            values = (value.strip() for value in re.split(r'(?<!\\)\|', line))
+            row = {name: unescaped(value) for name, value in zip(columns, values)}
+            if 'request' in row:
+                yield row['request'].replace(b'\r\n', b'\r\nHost: h\r\n', 1)
+            elif 'message' in row:
+                yield start + row['message']
+            elif 'chunks' in row:
+                yield start + b'Transfer-Encoding: chunked\r\n\r\n' + row['chunks']
+            elif 'body' in row:
+                kind = 'Content-Type: multipart/x; boundary=B'
+                yield request(row['body'], 'Host: h', kind)
+                yield request(chunked(row['body'], 1000), 'Host: h', kind,
+                              'Transfer-Encoding: chunked', length=False)
+
+
+class Fronted(unittest.TestCase):
+    """For each request that a proxy passes on, the server behind it sees one: more would be requests
+    that the proxy took for a part of another, and did not check."""
+
+    # Behind each message; and within one, where its length says that it is a part of it.
+    NEXT = request(b'', 'Host: h')
+    EPILOGUE = request(b'--B--\r\n' + NEXT, 'Host: h', 'Content-Type: multipart/x; boundary=B')
+
+    def counts(self, proxy, messages, *options):
+        """How many requests the proxy passed on, and how many the server answered."""
+        with tempfile.TemporaryDirectory() as folder:
+            log, traces = pathlib.Path(folder, 'log'), pathlib.Path(folder, 'traces')
+            with programs.Server(FOLDER, '--trace', traces, *options) as server, \
+                    proxy(server.port, log) as (port, _):
+                for message in messages:
+                    with programs.Client(port) as client, \
+                            contextlib.suppress(OSError, EOFError):
+                        client.send(message + self.NEXT)
+                        client.end()
+                        client.until(lambda _: False)
+            passed = sum(len(re.findall(r'^passed to (?!<|-)', file.read_text(), re.M))
+                         for file in pathlib.Path(folder).glob('log*'))
+            # Proxies ask for its health, over connections of their own.
+            answered = sum(len(re.findall(rb'\n<write\[\d+\]>\nHTTP/1\.1 (?!100)', trace))
+                           for trace in map(pathlib.Path.read_bytes, traces.iterdir())
+                           if b'POST /health' not in trace)
+        return passed, answered
+
+    def sees_what_is_passed_on(self, proxy):
+        messages = list(hostile_messages())
+        self.assertGreater(len(messages), 200)
+        passed, answered = self.counts(proxy, [*messages, self.EPILOGUE])
+        self.assertGreater(answered, 50)
+        self.assertLessEqual(answered, passed)
+        # The epilogue is passed over; by the contract it is a request.
+        self.assertEqual(self.counts(proxy, [self.EPILOGUE]), (2, 2))
+        self.assertEqual(self.counts(proxy, [self.EPILOGUE], '--contract'), (2, 3))
+
+    def test_haproxy(self):
+        self.sees_what_is_passed_on(peers.logging_haproxy)
+
+    def test_nginx(self):
+        self.sees_what_is_passed_on(peers.logging_nginx)
 
 
 class Digest(http.server.BaseHTTPRequestHandler):

@@ -32,15 +32,15 @@ def listens(port, process):
 
 
 @contextlib.contextmanager
-def peer(name, configure, command):
+def peer(name, configure, command, log=None):
     """The port of a server, and the folder it runs in. It is started again where its port was taken
-    meanwhile."""
+    meanwhile. What it prints goes to a file, which stays where one is named."""
     program = shutil.which(name, path=PATH)
     if not program:
         raise unittest.SkipTest(f'{name} is not installed')
     with tempfile.TemporaryDirectory() as folder:
         os.chmod(folder, 0o755)  # servers started by root go on as someone else
-        file, log = pathlib.Path(folder, 'config'), pathlib.Path(folder, 'log')
+        file, log = pathlib.Path(folder, 'config'), log or pathlib.Path(folder, 'log')
         for _ in range(5):
             port = free_port()
             file.write_text(configure(port, folder))
@@ -75,9 +75,28 @@ def haproxy(*backs):
     return peer('haproxy', documented('haproxy.cfg', backs), ['-f', '{file}'])
 
 
+def logging_haproxy(back, log):
+    """Prints the server that each request went to, into a file."""
+    def configure(*place):
+        return documented('haproxy.cfg', [back])(*place).replace(
+            'mode http\n', 'mode http\n    log stdout format raw daemon\n'
+            '    log-format "passed to %s"\n')
+    return peer('haproxy', configure, ['-f', '{file}'], log)
+
+
+NGINX = ['-p', '{folder}', '-c', '{file}', '-e', 'stderr', '-g', 'daemon off;']
+
+
 def nginx(*backs, configure=None):
-    return peer('nginx', configure or documented('nginx.conf', backs),
-                ['-p', '{folder}', '-c', '{file}', '-e', 'stderr', '-g', 'daemon off;'])
+    return peer('nginx', configure or documented('nginx.conf', backs), NGINX)
+
+
+def logging_nginx(back, log):
+    def configure(*place):
+        return documented('nginx.conf', [back])(*place).replace(
+            'access_log off;',
+            f'log_format passed "passed to $upstream_addr"; access_log {log}.requests passed;')
+    return peer('nginx', configure, NGINX, log)
 
 
 def apache(configure):
