@@ -218,8 +218,8 @@ def hostile_messages():
 
 
 class Fronted(unittest.TestCase):
-    """For each request that a proxy passes on, the server behind it sees one: more would be requests
-    that the proxy took for a part of another, and did not check."""
+    """For each request that a proxy passes on, the server behind it sees one: more would be
+    requests that the proxy took for a part of another, and did not check."""
 
     # Behind each message; and within one, where its length says that it is a part of it.
     NEXT = request(b'', 'Host: h')
