@@ -261,6 +261,7 @@ class Refusals(Send):
                 (2, 'blanks', ('http://h/\r\nX: y',)),
                 (2, 'excludes', (url, '--direct', '--nest', *attach)),
                 (2, 'requires', (url, '--direct')), (2, '', (url, '--chunked', '0')),
+                (2, 'seconds', (url, '--timeout', 'nan')),
                 (3, 'No such file', (url, '--attach', os.path.join(self.folder, 'none'))),
                 (3, 'no regular file', (url, '--attach', self.folder)),
                 (3, 'No such file', (url, '--trace', os.path.join(self.folder, 'none', 'x'))),

@@ -477,6 +477,7 @@ class Program(unittest.TestCase):
         program = pathlib.Path(FOLDER) / 'postwire-serve'
         with programs.Server(FOLDER) as server, tempfile.NamedTemporaryFile() as file:
             for options, code in ((['--help'], 0), (['--version'], 0), (['--port', '65536'], 2),
+                                  (['--idle-timeout', 'nan'], 2), (['--request-timeout', 'nan'], 2),
                                   (['--chunked', '10'], 2), (['--nonsense'], 2), (['x'], 2),
                                   (['--save', file.name], 3), (['--answer', '/none'], 3),
                                   (['--answer', file.name + ';"x"'], 2),

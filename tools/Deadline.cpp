@@ -1,10 +1,16 @@
 #include "tools/Deadline.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "socket/SoapSocket.h"
 
 Deadline::~Deadline() = default;
+
+Deadline::Clock::duration Deadline::seconds(double number) {
+    if (std::isnan(number)) throw std::invalid_argument("a time limit is a number of seconds");
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(number));
+}
 
 void Deadline::check() const {
     if (Clock::now() >= m_end) throw TimeLimitPassed("the time limit has passed");

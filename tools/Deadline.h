@@ -19,6 +19,10 @@ class Deadline {
 public:
     using Clock = std::chrono::steady_clock;
 
+    // A limit that a person gives. Raises std::invalid_argument for "nan", which is outside no
+    // range.
+    static Clock::duration seconds(double number);
+
     Deadline() = default;
     Deadline(Deadline const&) = delete;
     Deadline& operator=(Deadline const&) = delete;

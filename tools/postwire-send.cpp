@@ -60,6 +60,7 @@ struct CommandLine {
     std::string saveDirectory;
     std::string traceFile;
     double timeout = 60;
+    Deadline::Clock::duration timeLimit{};
     bool quiet = false;
     bool json = false;
 };
@@ -120,6 +121,7 @@ void defineRest(CLI::App& app, CommandLine& line) {
 
 // A request that may be sent.
 void complete(CommandLine& line) {
+    line.timeLimit = Deadline::seconds(line.timeout);
     SoapRequest& request = line.request;
     request.url = parseHttpUrl(line.url);
     for (std::string const& field : line.fields) request.fields.push_back(parseHeaderField(field));
@@ -161,8 +163,7 @@ std::optional<SoapSocketException> sendRequest(CommandLine& line, SoapSocket& so
 
 void readAnswer(CommandLine const& line, SoapSocket& socket, Answer& answer) {
     Deadline deadline;
-    deadline.start(std::chrono::duration_cast<Deadline::Clock::duration>(
-        std::chrono::duration<double>(line.timeout)));
+    deadline.start(line.timeLimit);
     DeadlineInputStream limited(socket, deadline);
     ZULBufferedInputStream in(limited, 16384);
     HTTPMessageReader(in).getResponse(&answer.message, &answer.status, &answer.reason);

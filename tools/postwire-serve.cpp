@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -41,11 +40,6 @@ struct CommandLine {
     double requestSeconds = 60;
     std::string answer;
 };
-
-Deadline::Clock::duration fromSeconds(double seconds) {
-    return std::chrono::duration_cast<Deadline::Clock::duration>(
-        std::chrono::duration<double>(seconds));
-}
 
 template <class Number>
 CLI::Validator within(Number low, Number high) {
@@ -150,8 +144,8 @@ int main(int argc, char** argv) try {
     } catch (CLI::ParseError const& e) {
         return app.exit(e) == 0 ? kStopped : kBadUsage;
     }
-    line.options.idleTimeout = fromSeconds(line.idleSeconds);
-    line.options.requestTimeout = fromSeconds(line.requestSeconds);
+    line.options.idleTimeout = Deadline::seconds(line.idleSeconds);
+    line.options.requestTimeout = Deadline::seconds(line.requestSeconds);
     if (!line.answer.empty()) readAnswer(line);
     keepMemoryLow();
     return serve(line.options);
