@@ -231,11 +231,15 @@ class Refusals(Send):
         # Nothing listens here: a request that was tried would end in 4.
         with socket.create_server(('127.0.0.1', 0)) as taken:
             url = 'http://127.0.0.1:%d/' % taken.getsockname()[1]
+        mute = self.enterContext(socket.create_server(('127.0.0.1', 0)))  # never reads
+        upload = self.file('upload', bytes(30_000_000))
         tricky = self.file('tricky', b'x' * 65530 + b'\r\n--taken--')
         inner = self.file('inner', b'--in-taken')
         attach = ('--attach', self.binary)
         for code, text, arguments in (
                 (4, 'connection failed', (url,)),
+                (4, 'time limit', ('http://127.0.0.1:%d/' % mute.getsockname()[1], '--timeout',
+                                   '0.1', '--body', upload)),
                 (2, 'line end', (url, '-H', 'X: a\r\nY: b')),
                 (2, 'line end', (url, '-H', 'X: a\nb')),
                 (2, 'no header field name', (url, '-H', 'X Y: a')),

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cmath>
 
+#include <sys/socket.h>
+#include <sys/time.h>
+
 #include "socket/SoapSocket.h"
 
 Deadline::~Deadline() = default;
@@ -14,6 +17,14 @@ Deadline::Clock::duration Deadline::seconds(double number) {
 
 void Deadline::check() const {
     if (Clock::now() >= m_end) throw TimeLimitPassed("the time limit has passed");
+}
+
+void limitSends(int descriptor, Deadline::Clock::duration limit) {
+    auto const microseconds = std::chrono::duration_cast<std::chrono::microseconds>(limit).count();
+    timeval time{};
+    time.tv_sec = static_cast<time_t>(microseconds / 1000000);
+    time.tv_usec = static_cast<suseconds_t>(microseconds % 1000000);
+    ::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
 }
 
 DeadlineInputStream::DeadlineInputStream(SoapSocket& socket, Deadline const& deadline)

@@ -41,6 +41,9 @@ private:
     Clock::time_point m_end = Clock::time_point::max();
 };
 
+// How long one send on the socket may wait for a peer that does not read.
+void limitSends(int descriptor, Deadline::Clock::duration limit);
+
 // Reads from a socket as long as the deadline allows: it is checked before every read, and every
 // kCheckInterval while a read waits.
 //

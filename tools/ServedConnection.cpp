@@ -5,7 +5,6 @@
 #include <cstdio>
 
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include "foundation/QORThrowable.h"
 #include "foundation/ZULStreamException.h"
@@ -45,15 +44,6 @@ char const* reasonOf(int status) {
         default:
             return "Internal Server Error";
     }
-}
-
-// How long one send may wait for a client that does not read.
-void limitSends(int descriptor, Deadline::Clock::duration limit) {
-    auto const microseconds = std::chrono::duration_cast<std::chrono::microseconds>(limit).count();
-    timeval time{};
-    time.tv_sec = static_cast<time_t>(microseconds / 1000000);
-    time.tv_usec = static_cast<suseconds_t>(microseconds % 1000000);
-    ::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
 }
 
 std::string textOf(QORThrowable const& e) {

@@ -65,6 +65,12 @@ struct CommandLine {
     bool json = false;
 };
 
+// Tells its descriptor, which is connected from Open on.
+class ClientSocket : public SoapSocket {
+public:
+    int descriptor() const { return m_ioSocket; }
+};
+
 struct Answer {
     HTTPMessage message;
     HTTPMessage::StatusCode status{};
@@ -170,10 +176,11 @@ void readAnswer(CommandLine const& line, SoapSocket& socket, Answer& answer) {
 }
 
 void exchange(CommandLine& line, Answer& answer) {
-    SoapSocket socket;
+    ClientSocket socket;
     startTrace(socket, line.traceFile);
     socket.SetServerHostInfo(line.request.url.host.data());
     socket.Open(line.request.url.port);
+    limitSends(socket.descriptor(), line.timeLimit);
     auto const begin = Deadline::Clock::now();
     std::optional<SoapSocketException> const failure = sendRequest(line, socket, answer);
     try {
