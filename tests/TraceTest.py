@@ -106,7 +106,9 @@ class TraceTest(unittest.TestCase):
                           response], rows)
 
     def test_a_capture_that_cannot_be_written_ends_with_1(self):
-        self.assertEqual(1, self.run_on(EXCHANGE, 'pcap', self.folder.name + '/no/out').returncode)
+        for content, out in (EXCHANGE, self.folder.name + '/no/out'), (EXCHANGE, '/dev/full'), \
+                (EXCHANGE * 99, '/dev/full'):
+            self.assertEqual(1, self.run_on(content, 'pcap', out).returncode)
 
 
 if __name__ == '__main__':

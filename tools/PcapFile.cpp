@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 
 #include <pcap/pcap.h>
 
@@ -64,8 +65,10 @@ void PcapFile::finish() {
     packet(true, kFin | kAck, {});
     packet(false, kFin | kAck, {});
     packet(true, kAck, {});
-    bool const written = pcap_dump_flush(m_dumper.get()) == 0;
-    if (!written) throw PcapError(m_path + ": could not be written");
+    // Flushing tells of its own failure alone, the file of those before as well.
+    bool const flushed = pcap_dump_flush(m_dumper.get()) == 0;
+    if (!flushed || std::ferror(pcap_dump_file(m_dumper.get())))
+        throw PcapError(m_path + ": could not be written");
 }
 
 void PcapFile::packet(bool fromClient, std::uint8_t flags, std::string_view bytes) {
