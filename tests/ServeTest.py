@@ -10,6 +10,7 @@ import os
 import pathlib
 import random
 import re
+import resource
 import subprocess
 import sys
 import tempfile
@@ -447,13 +448,16 @@ class Saves(Serve):
     def test_nothing_when_the_disk_is_full_but_tells_the_client(self):
         with tempfile.TemporaryDirectory() as folder:
             server = self.server('--save', folder)
-            os.rmdir(folder)
-            with server.connect() as client:
-                client.send(request(b'x'))
-                self.assertEqual(client.answer()[0], 500)
+            resource.prlimit(server.process.pid, resource.RLIMIT_FSIZE, (1000, 1000))
+            for body in bytes(1001), b'x':
+                with server.connect() as client:
+                    client.send(request(body))
+                    self.assertEqual(client.answer()[0], 500)
+                if body != b'x':
+                    os.rmdir(folder)  # which is empty
             os.mkdir(folder)
             server.stop()
-            self.assertIn(folder, server.complaints)
+            self.assertEqual(server.complaints.count(folder), 2)
 
     def test_a_trace_of_each_connection(self):
         with tempfile.TemporaryDirectory() as folder:

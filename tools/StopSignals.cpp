@@ -4,6 +4,7 @@
 
 StopSignals::StopSignals() {
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     sigemptyset(&m_signals);
     sigaddset(&m_signals, SIGTERM);
     sigaddset(&m_signals, SIGINT);

@@ -3,8 +3,9 @@
 #include <csignal>
 
 // SIGTERM and SIGINT as something to ask for instead of something that interrupts. To be made
-// before any thread, which then inherits that they are blocked. Ignores SIGPIPE, too: writing to a
-// connection that the other side has closed is an exception then, and not the end of the process.
+// before any thread, which then inherits that they are blocked. Ignores SIGPIPE and SIGXFSZ, too:
+// writing to a connection that the other side has closed, or to a file that has reached the limit
+// for files, is an error then, and not the end of the process.
 class StopSignals {
 public:
     StopSignals();

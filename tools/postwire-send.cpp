@@ -274,6 +274,7 @@ std::string textOf(QORException const& e) {
 
 int main(int argc, char** argv) try {
     std::signal(SIGPIPE, SIG_IGN);  // a server that closes is an exception, not the end of us
+    std::signal(SIGXFSZ, SIG_IGN);  // nor is a file that has reached the limit for files
     CLI::App app("Posts a SOAP envelope, with files attached to it, and shows the answer.");
     CommandLine line;
     defineMessage(app, line);

@@ -1,6 +1,7 @@
 // Shows what a socket trace holds, counts it, and turns it into a capture file.
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <iostream>
 #include <map>
@@ -125,6 +126,7 @@ int run(Options const& options, void (*job)(Options const&, TraceFile const&)) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::signal(SIGXFSZ, SIG_IGN);  // a capture that reaches the limit for files is reported
     Options options;
     CLI::App app("Reads the trace file of a postwire socket.");
     app.set_version_flag("--version", POSTWIRE_VERSION);
