@@ -491,6 +491,14 @@ class Program(unittest.TestCase):
                     self.assertEqual(subprocess.run([program, *options], timeout=programs.TIMEOUT,
                                                     capture_output=True).returncode, code)
 
+    def test_sends_no_client_what_it_prints_when_its_streams_are_closed(self):
+        with subprocess.Popen(['sh', '-c', 'exec "$0" <&- 2>&-', f'{FOLDER}/postwire-serve'],
+                              stdout=subprocess.PIPE) as process:
+            process.stdout.readline()
+            self.assertEqual({os.readlink(f'/proc/{process.pid}/fd/{n}') for n in (0, 2)},
+                             {'/dev/null'})
+            process.terminate()
+
     def test_runs_on_without_growing(self):
         with programs.Server(FOLDER, '--workers', '4') as server:
             def exchange(n):

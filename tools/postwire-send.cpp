@@ -25,6 +25,7 @@
 #include "tools/PartFiles.h"
 #include "tools/ProgressOutputStream.h"
 #include "tools/SoapRequest.h"
+#include "tools/StandardStreams.h"
 #include "tools/TextEscapes.h"
 
 namespace {
@@ -273,6 +274,7 @@ std::string textOf(QORException const& e) {
 }  // namespace
 
 int main(int argc, char** argv) try {
+    openStandardStreams();
     std::signal(SIGPIPE, SIG_IGN);  // a server that closes is an exception, not the end of us
     std::signal(SIGXFSZ, SIG_IGN);  // nor is a file that has reached the limit for files
     CLI::App app("Posts a SOAP envelope, with files attached to it, and shows the answer.");

@@ -19,6 +19,7 @@
 #include "tools/BlockReader.h"
 #include "tools/SentFile.h"
 #include "tools/Server.h"
+#include "tools/StandardStreams.h"
 #include "tools/StopSignals.h"
 
 namespace {
@@ -135,6 +136,7 @@ int complained(int code, std::string const& text) {
 }  // namespace
 
 int main(int argc, char** argv) try {
+    openStandardStreams();
     CLI::App app("Receives SOAP messages with attachments and answers what arrived.");
     CommandLine line;
     define(app, line);

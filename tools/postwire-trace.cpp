@@ -13,6 +13,7 @@
 #include "tools/Conversation.h"
 #include "tools/MessageSummary.h"
 #include "tools/PcapFile.h"
+#include "tools/StandardStreams.h"
 #include "tools/TextEscapes.h"
 #include "tools/TraceFile.h"
 
@@ -126,6 +127,7 @@ int run(Options const& options, void (*job)(Options const&, TraceFile const&)) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    openStandardStreams();
     std::signal(SIGXFSZ, SIG_IGN);  // a capture that reaches the limit for files is reported
     Options options;
     CLI::App app("Reads the trace file of a postwire socket.");
