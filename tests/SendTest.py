@@ -204,6 +204,25 @@ class Answers(Send):
                 self.assertEqual(said.startswith(b'\r['), shown)
                 self.assertEqual(b'100 %' in said and b'MB/s  0:00 left' in said, shown)
 
+    def test_progress_of_an_upload_that_is_cut_off(self):
+        def reset():
+            connection, _ = server.accept()
+            connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b'\1\0\0\0\0\0\0\0')
+            connection.close()
+
+        upload = self.file('upload', bytes(30_000_000))
+        with socket.create_server(('127.0.0.1', 0)) as server:
+            for _ in range(8):  # most often before the first byte
+                thread = threading.Thread(target=reset)
+                thread.start()
+                ours, its = pty.openpty()
+                with os.fdopen(ours, 'rb', 0) as terminal:
+                    subprocess.run([PROGRAM, 'http://127.0.0.1:%d/' % server.getsockname()[1],
+                                    '--body', upload], stderr=its, timeout=programs.TIMEOUT)
+                    os.close(its)
+                    self.assertRegex(terminal.read(4096), rb' \d+:\d\d left ')
+                thread.join()
+
     def test_a_server_of_another_maker(self):
         class Handler(http.server.BaseHTTPRequestHandler):
             def do_POST(self):

@@ -9,6 +9,7 @@ namespace {
 constexpr int kPiece = 65536;
 constexpr int kBarWidth = 30;
 constexpr std::chrono::milliseconds kInterval{100};
+constexpr double kLongestShown = 999 * 60 + 59;  // seconds; before the first byte it is for ever
 
 }  // namespace
 
@@ -43,7 +44,8 @@ void ProgressOutputStream::show(Clock::time_point now) {
     double const rate = static_cast<double>(m_written) / seconds;
     double const done =
         std::min(1.0, static_cast<double>(m_written) / static_cast<double>(m_total));
-    double const left = std::max(0.0, static_cast<double>(m_total - m_written) / rate);
+    double const left =
+        std::clamp(static_cast<double>(m_total - m_written) / rate, 0.0, kLongestShown);
     std::string bar(static_cast<std::size_t>(done * kBarWidth), '#');
     bar.resize(kBarWidth, '.');
     std::fprintf(stderr, "\r[%s] %3.0f %%  %7.1f MB/s  %d:%02d left ", bar.c_str(), done * 100,
