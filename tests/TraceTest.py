@@ -69,13 +69,16 @@ class TraceTest(unittest.TestCase):
 
     def test_files_that_are_no_trace_end_with_2(self):
         for content in (b'x', b'POST / HTTP/1.1\r\n\r\n', b'\n<read[x]>\n', b'\n<read[-1]>\n',
-                        b'\n<read[1]>\nabc', b'\n<write[99999999999999999999999]>\n'):
+                        b'\n<read[1]>\nabc', b'\n<write[99999999999999999999999]>\n',
+                        b'\n<read[18446744073709551615]>\nabc'):
             with self.subTest(content):
                 failed = self.run_on(content, 'show')
                 self.assertEqual(2, failed.returncode)
                 self.assertRegex(failed.stderr, 'not a socket trace|damaged at byte 12')
-        missing = subprocess.run([PROGRAM, 'show', self.folder.name + '/none'], capture_output=True)
-        self.assertEqual(2, missing.returncode)
+        for path in self.folder.name, self.folder.name + '/none':
+            missing = subprocess.run([PROGRAM, 'show', path], capture_output=True)
+            self.assertEqual((2, b''), (missing.returncode, missing.stdout))
+            self.assertIn(path.encode(), missing.stderr)
 
     def test_a_trace_cut_at_any_byte_is_used_as_far_as_it_goes(self):
         content = trace(('read', REQUEST), ('write', RESPONSE))

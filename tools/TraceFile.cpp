@@ -3,18 +3,21 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <climits>
 #include <cstring>
 #include <fstream>
-#include <sstream>
+
+#include "tools/BlockReader.h"
 
 namespace {
 
 std::string contentOf(std::string const& path) {
-    std::ifstream const in(path, std::ios::binary);
+    std::ifstream in(path, std::ios::binary);
     if (!in) throw TraceError(path + ": " + std::strerror(errno));
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str();
+    std::string content;
+    for (BlockReader block(in); block.next();) content.append(block.bytes(), block.size());
+    if (in.bad()) throw TraceError(path + ": " + std::strerror(errno));  // it may be a folder
+    return content;
 }
 
 struct BlockHeader {
@@ -36,6 +39,7 @@ Outcome take(std::string_view& left, std::string_view text) {
 Outcome takeNumber(std::string_view& left, std::size_t& number) {
     auto const [end, error] = std::from_chars(left.data(), left.data() + left.size(), number);
     if (error != std::errc()) return left.empty() ? Outcome::Cut : Outcome::Bad;
+    if (number > INT_MAX) return Outcome::Bad;  // no single call carries so much
     left.remove_prefix(static_cast<std::size_t>(end - left.data()));
     return Outcome::Good;
 }
