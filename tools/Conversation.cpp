@@ -4,7 +4,7 @@
 
 #include "foundation/QORThrowable.h"
 #include "foundation/ZULBufferedInputStream.h"
-#include "foundation/ZULMemoryInputStream.h"
+#include "foundation/ZULInputStream.h"
 
 #include "parser/HTTPParser.h"
 
@@ -12,22 +12,23 @@ namespace {
 
 constexpr int kReadAhead = 4096;
 
-// Counts what is taken from it, so that the end of a message can be told.
+// Counts what is taken from it, so that the end of a message can be told. Its size is no int, as
+// that of a ZULMemoryInputStream is: a connection may carry any number of messages.
 class CountedStream : public ZULInputStream {
 public:
-    explicit CountedStream(std::string_view bytes)
-        : m_bytes(bytes.data(), static_cast<int>(bytes.size())) {}
+    explicit CountedStream(std::string_view bytes) : m_bytes(bytes) {}
 
     using ZULInputStream::read;
     int read(char* bytes, int n) override {
-        int const got = m_bytes.read(bytes, n);
-        if (got > 0) m_taken += static_cast<std::size_t>(got);
-        return got;
+        if (m_taken == m_bytes.size()) return -1;
+        std::size_t const got = m_bytes.copy(bytes, static_cast<std::size_t>(n), m_taken);
+        m_taken += got;
+        return static_cast<int>(got);
     }
     std::size_t taken() const { return m_taken; }
 
 private:
-    ZULMemoryInputStream m_bytes;
+    std::string_view m_bytes;
     std::size_t m_taken = 0;
 };
 
