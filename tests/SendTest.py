@@ -161,6 +161,12 @@ class Answers(Send):
                 self.assertEqual(done.returncode, code)
                 self.assertIn(text, done.stdout if code < 2 else done.stderr)
 
+    def test_output_that_cannot_be_written(self):
+        for option, code in ('--json', 3), ('--quiet', 0):
+            with Listener() as listener, open('/dev/full', 'wb') as full:
+                self.assertEqual(subprocess.call([PROGRAM, listener.url, '--body', self.body, option],
+                                                 stdout=full, timeout=programs.TIMEOUT), code)
+
     def test_refusal_before_all_was_sent(self):
         upload = self.file('upload', bytes(30_000_000))
         with programs.Server(FOLDER, '--max-body', '1000') as server:

@@ -36,11 +36,11 @@ class TraceTest(unittest.TestCase):
         self.folder = tempfile.TemporaryDirectory()
         self.addCleanup(self.folder.cleanup)
 
-    def run_on(self, content, command, *arguments):
+    def run_on(self, content, command, *arguments, stdout=subprocess.PIPE):
         file = pathlib.Path(self.folder.name) / 'trace'
         file.write_bytes(content)
-        return subprocess.run([PROGRAM, command, file, *arguments], capture_output=True, text=True,
-                              errors='replace')
+        return subprocess.run([PROGRAM, command, file, *arguments], stdout=stdout,
+                              stderr=subprocess.PIPE, text=True, errors='replace')
 
     def test_show_prints_the_messages_in_their_order(self):
         shown = self.run_on(EXCHANGE, 'show')
@@ -108,10 +108,13 @@ class TraceTest(unittest.TestCase):
         self.assertEqual([request, response, '49152;;100;', request, response, '8080;POST;;',
                           response], rows)
 
-    def test_a_capture_that_cannot_be_written_ends_with_1(self):
+    def test_output_that_cannot_be_written_ends_with_1(self):
         for content, out in (EXCHANGE, self.folder.name + '/no/out'), (EXCHANGE, '/dev/full'), \
                 (EXCHANGE * 99, '/dev/full'):
             self.assertEqual(1, self.run_on(content, 'pcap', out).returncode)
+        for command in 'show', 'stats':
+            with open('/dev/full', 'wb') as full:
+                self.assertEqual(1, self.run_on(EXCHANGE, command, stdout=full).returncode)
 
 
 if __name__ == '__main__':

@@ -258,6 +258,7 @@ int send(CommandLine& line) {
     } else if (!line.quiet) {
         printForPeople(answer);
     }
+    finishOutput();
     return answer.status / 100 == 2 ? kAnsweredWell : kAnsweredOtherwise;
 }
 

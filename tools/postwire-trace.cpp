@@ -117,6 +117,7 @@ void capture(Options const& options, TraceFile const& trace) {
 int run(Options const& options, void (*job)(Options const&, TraceFile const&)) {
     TraceFile const trace(options.trace);
     job(options, trace);
+    finishOutput();
     if (trace.missing() < 0)
         std::cerr << options.trace << ": ends inside the line before a block\n";
     if (trace.missing() > 0)
