@@ -153,6 +153,10 @@ class Answers(Send):
     def test_exit_code_tells_them_apart(self):
         for answer, code, text in (
                 (OK, 0, '200 OK'), (b'HTTP/1.1 204 No Content\r\n\r\n', 0, '204 No Content'),
+                (b'HTTP/1.1 100 Continue\r\n\r\n' + OK, 0, '200 OK'),
+                (b'HTTP/1.1 200 \r\nContent-Length: 37\r\nContent-Type: multipart/related; '
+                 b'boundary="=_b"\r\n\r\n--=_b\r\n\r\n<a/>\r\n--=_b\r\n\r\n1\r\n2\r\n--=_b--',
+                 0, '  2 parts\n  (no type)  4 bytes'),
                 (b'HTTP/1.0 500 Oh dear\r\nContent-Length: 0\r\n\r\n', 1, '500 Oh dear'),
                 (b'SMTP\r\n', 5, 'HTTP version must be 1.1'), (b'\r\n', 5, 'end of input stream'),
                 (OK[:-1], 5, ''), (None, 4, 'time limit')):

@@ -173,7 +173,11 @@ void readAnswer(CommandLine const& line, SoapSocket& socket, Answer& answer) {
     deadline.start(line.timeLimit);
     DeadlineInputStream limited(socket, deadline);
     ZULBufferedInputStream in(limited, 16384);
-    HTTPMessageReader(in).getResponse(&answer.message, &answer.status, &answer.reason);
+    HTTPReadPolicy policy;  // of any size: the server is one that was chosen
+    policy.boundMessage = policy.partsEndAtBoundary = policy.strictFraming = true;
+    HTTPMessageReader reader(in);
+    reader.setReadPolicy(policy);
+    reader.getResponse(&answer.message, &answer.status, &answer.reason);
 }
 
 void exchange(CommandLine& line, Answer& answer) {
