@@ -62,6 +62,13 @@ class TraceTest(unittest.TestCase):
         self.assertEqual(['sent', '3', str(2 * len(RESPONSE) + len(CONTINUE)), '3', '1.00'],
                          lines[2].split())
 
+    def test_parts_without_a_length_end_at_their_delimiters(self):
+        body = b'--B\r\n\r\n<a/>\r\n--B\r\n\r\n1\r\n2\r\n--B--\r\n'
+        shown = self.run_on(trace(('read', programs.request(
+            body, 'Content-Type: multipart/related; boundary=B') + REQUEST)), 'show')
+        self.assertIn('      4 bytes: <a/>\n    part 2: \n      4 bytes: 1??2\n<- message 2: ',
+                      shown.stdout)
+
     def test_a_message_that_cannot_be_read_is_shown_as_far_as_it_goes(self):
         shown = self.run_on(trace(('read', b'GET / HTTP/1.1\r\n\r\n')), 'show', '--role', 'server')
         self.assertEqual(0, shown.returncode)

@@ -7,6 +7,7 @@
 #include "foundation/ZULInputStream.h"
 
 #include "parser/HTTPParser.h"
+#include "parser/HTTPReadPolicy.h"
 
 namespace {
 
@@ -89,6 +90,10 @@ TracedMessage Conversation::readMessage(Direction const& direction, std::size_t 
     builder.setMessage(message.tree.get());
     HTTPParser parser;
     parser.setMsgHandler(&builder);
+    // As the programs read that write traces, but for strict framing: what they refused is shown.
+    HTTPReadPolicy policy;
+    policy.boundMessage = policy.partsEndAtBoundary = true;
+    parser.setReadPolicy(policy);
     try {
         request ? parser.parseRequest(&stream) : parser.parseResponse(&stream);
         int ahead = 0;
