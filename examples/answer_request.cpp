@@ -56,8 +56,11 @@ int main(int argc, char** argv) try {
     for (; connections != 0; connections -= connections > 0) {
         try {
             serve(server.AwaitCommunicationAttempt());
-        } catch (HTTPException const& e) {
-            if (e.getCode() != HTTPException::HTTP_ERR_END_OF_STREAM) throw;
+        } catch (HTTPException& e) {
+            if (e.getCode() != HTTPException::HTTP_ERR_END_OF_STREAM)
+                std::fprintf(stderr, "%s\n", e.toString());
+        } catch (SoapSocketException& e) {
+            std::fprintf(stderr, "%s\n", e.getDetails());
         }
     }
     return 0;

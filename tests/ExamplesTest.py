@@ -4,6 +4,8 @@
 usage: ExamplesTest.py PROGRAM_FOLDER [TEST...]
 """
 import pathlib
+import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -71,8 +73,13 @@ class Examples(unittest.TestCase):
 
     def test_client_and_server_of_the_writing_page(self):
         empty = self.enterContext(tempfile.NamedTemporaryFile()).name
-        _, output = self.start('answer_request', '0', '1', pipe='stdout')
+        _, output = self.start('answer_request', '0', '3', pipe='stdout')
         port = output.readline().decode().strip()
+        for said in b'no HTTP\r\n', b'':  # neither one ends the server
+            with socket.create_connection(('127.0.0.1', int(port))) as client:
+                client.sendall(said)
+                client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                                  struct.pack('ii', not said, 0))
         self.assertEqual(
             self.run_program('post_with_attachments', '127.0.0.1', port, __file__, empty),
             '200 OK\n0 bytes and 3 parts for /\n')
