@@ -67,4 +67,7 @@ int main(int argc, char** argv) try {
 } catch (QORThrowable& e) {
     std::fprintf(stderr, "%s\n", e.toString());
     return 1;
+} catch (SoapSocketException& e) {
+    std::fprintf(stderr, "%s\n", e.getDetails());
+    return 1;
 }

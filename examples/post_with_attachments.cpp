@@ -86,6 +86,9 @@ int main(int argc, char** argv) try {
 } catch (QORThrowable& e) {
     std::fprintf(stderr, "%s\n", e.toString());
     return 1;
+} catch (SoapSocketException& e) {
+    std::fprintf(stderr, "%s\n", e.getDetails());
+    return 1;
 } catch (std::exception const& e) {
     std::fprintf(stderr, "%s\n", e.what());
     return 1;

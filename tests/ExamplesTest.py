@@ -84,6 +84,14 @@ class Examples(unittest.TestCase):
             self.run_program('post_with_attachments', '127.0.0.1', port, __file__, empty),
             '200 OK\n0 bytes and 3 parts for /\n')
 
+    def test_a_failed_connection_is_reported(self):
+        with socket.create_server(('127.0.0.1', 0)) as taken:
+            port = str(taken.getsockname()[1])
+            busy = subprocess.run([FOLDER / 'answer_request', port], capture_output=True)
+        gone = subprocess.run([FOLDER / 'post_with_attachments', '127.0.0.1', port, __file__],
+                              capture_output=True)
+        self.assertEqual((busy.returncode, gone.returncode), (1, 1))
+
 
 if __name__ == '__main__':
     unittest.main(argv=sys.argv[:1] + sys.argv[2:])
