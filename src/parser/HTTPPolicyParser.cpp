@@ -97,13 +97,13 @@ bool HTTPPolicyParser::appendLine(ZULBufferedInputStream& is, Code tooLong) {
         if (have == 0) return false;
         void const* const lf = std::memchr(bytes, '\n', static_cast<unsigned int>(have));
         int const piece = lf ? static_cast<int>(static_cast<char const*>(lf) - bytes) : have;
-        bool const endsInCr = piece > 0 && bytes[piece - 1] == '\r';
         // Nearly always a whole line with its CRLF: then no byte of that is copied.
-        auto const kept = static_cast<unsigned int>(lf && endsInCr ? piece - 1 : piece);
-        if (line.pcount() + kept > m_maxLine) requireRoom(bytes, kept, endsInCr && !lf, tooLong);
+        bool const endsInCrLf = lf && piece > 0 && bytes[piece - 1] == '\r';
+        auto const more = static_cast<unsigned int>(piece);
+        if (line.pcount() + more > m_maxLine) requireRoom(bytes, more, tooLong);
         int const taken = lf ? piece + 1 : piece;
         takeOfHead(taken);
-        line.appendChars(bytes, kept);
+        line.appendChars(bytes, endsInCrLf ? more - 1 : more);
         is.skip(taken);
         if (!lf) continue;
         unsigned int const length = line.pcount();
@@ -114,11 +114,10 @@ bool HTTPPolicyParser::appendLine(ZULBufferedInputStream& is, Code tooLong) {
 
 // Above the limit. A CR at the end may belong to the line's end, and does not count then. Of two
 // limits the one that the bytes meet first is told, however many of them came at once.
-void HTTPPolicyParser::requireRoom(char const* bytes, unsigned int more, bool endsInCr,
-                                   Code tooLong) const {
+void HTTPPolicyParser::requireRoom(char const* bytes, unsigned int more, Code tooLong) const {
     QORByteBuffer const& line = m_parser.m_line;
     unsigned int const before = line.pcount();
-    bool const lastIsCr = more > 0 ? endsInCr : line.str()[before - 1] == '\r';
+    bool const lastIsCr = (more > 0 ? bytes[more - 1] : line.str()[before - 1]) == '\r';
     if (before + more == m_maxLine + 1 && lastIsCr) return;
     bool const crIsFirst = before > m_maxLine || bytes[m_maxLine - before] == '\r';
     if (m_headLeft < static_cast<long long>(m_maxLine) - before + (crIsFirst ? 1 : 0))

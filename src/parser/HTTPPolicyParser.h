@@ -45,7 +45,7 @@ private:
 
     bool readLine(ZULBufferedInputStream& is, Code tooLong);
     bool appendLine(ZULBufferedInputStream& is, Code tooLong);
-    void requireRoom(char const* bytes, unsigned int more, bool endsInCr, Code tooLong) const;
+    void requireRoom(char const* bytes, unsigned int more, Code tooLong) const;
     void takeOfHead(int bytes) {
         if ((m_headLeft -= bytes) < 0) raiseHeadTooLarge();
     }
