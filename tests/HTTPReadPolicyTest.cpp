@@ -215,6 +215,15 @@ TEST(HTTPReadPolicy, TellsOfTheConnectionWithAndWithoutIt) {
         }
 }
 
+TEST(HTTPReadPolicy, StaysWhereMemoryForAnotherIsMissing) {
+    forEachFailingAllocation([] {
+        ReaderConnection c("POST  / HTTP/1.1\r\n");
+        c.reader.setReadPolicy(HTTPReadPolicy::hardened());
+        raisedCode([&] { c.reader.setReadPolicy(HTTPReadPolicy::hardened()); });
+        EXPECT_NE(raisedCode([&] { c.request(); }), 1009);  // as by default
+    });
+}
+
 TEST(HTTPReadPolicy, ReportsOutOfMemoryAndLeaksNothing) {
     std::string const nested =
         "--B\r\nContent-Type: multipart/x;\r\n "

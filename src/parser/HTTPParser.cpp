@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 #include "foundation/QORThrowable.h"
 #include "foundation/ZULBufferedInputStream.h"
@@ -208,10 +209,11 @@ HTTPParser::~HTTPParser() { m_pHandler = nullptr; }
 void HTTPParser::setMsgHandler(HTTPMsgHandler* handler) { m_pHandler = handler; }
 
 void HTTPParser::setReadPolicy(HTTPReadPolicy const& policy) {
-    m_policy.reset();
+    std::unique_ptr<HTTPPolicyParser> reading;
     if (HTTPPolicyParser::changesReading(policy))
-        m_policy =
+        reading =
             guardedNew<HTTPPolicyParser>(QORFileLocation(kSourceFile, __LINE__), *this, policy);
+    m_policy = std::move(reading);
 }
 
 void HTTPParser::setContinueCallback(void (*callback)(void*), void* context) {
