@@ -206,8 +206,12 @@ TEST(HTTPReadPolicy, TellsOfTheConnectionWithAndWithoutIt) {
                 },
                 &peer);
             HTTPMessage message;
-            std::string uri;
-            raised([&] { reader.getRequest(&message, &uri); });
+            HTTPMessage::StatusCode status;
+            std::string text;
+            raised([&] {
+                c["head"][0] == 'P' ? reader.getRequest(&message, &text)
+                                    : reader.getResponse(&message, &status, &text);
+            });
             EXPECT_EQ(reader.getMinorVersion(), c.number("minor"));
             EXPECT_EQ(reader.keepAlive(), c.number("keep") != 0);
             EXPECT_EQ(peer.asked, c.number("asked"));

@@ -441,7 +441,8 @@ void HTTPParser::processEntities(ZULBufferedInputStream* is) {
             processBody(body.stream());
             body.drain();
         } else {
-            m_tookAll = m_tookAll || (m_idepth == 0 && !(m_isRequest && m_bMultipart[0]));
+            bool const endsByItself = m_bMultipart[0] && (m_isRequest || m_bLengthDeclared[0]);
+            m_tookAll = m_tookAll || (m_idepth == 0 && !endsByItself);
             processBody(*is);
         }
     } catch (HTTPException& e) {
