@@ -268,7 +268,9 @@ HTTPPolicyParser::Framing HTTPPolicyParser::framing() const {
             return Framing::None;
     }
     if (chunked) return Framing::Chunks;
-    if (declared) return Framing::Length;
+    // Unless its level is bound, the length of a multipart body is not used, as by default.
+    bool const used = m_policy.boundMessage || !m_parser.m_bMultipart[depth()];
+    if (declared && (used || !enclosingBoundary())) return Framing::Length;
     return enclosingBoundary() ? Framing::Boundary : Framing::Rest;
 }
 
