@@ -55,6 +55,7 @@ HTTPPolicyParser::HTTPPolicyParser(HTTPParser& parser, HTTPReadPolicy const& pol
       m_policy(policy),
       m_maxLine(limit<unsigned int>(policy.maxLine)),
       m_headLeft(0),
+      m_headTooLarge(Policy::HTTP_ERR_HEAD_TOO_LARGE),
       m_bodyLeft(0),
       m_uncounted(0),
       m_partsLeft(0),
@@ -73,6 +74,7 @@ bool HTTPPolicyParser::changesReading(HTTPReadPolicy const& p) {
 
 void HTTPPolicyParser::startMessage() {
     m_headLeft = limit<long long>(m_policy.maxHead);
+    m_headTooLarge = Policy::HTTP_ERR_HEAD_TOO_LARGE;
     m_bodyLeft = limit<long long>(m_policy.maxBody);
     m_uncounted = LLONG_MAX;
     m_partsLeft = limit<int>(m_policy.maxParts);
@@ -125,10 +127,7 @@ void HTTPPolicyParser::requireRoom(char const* bytes, unsigned int more, Code to
     raise(tooLong, __LINE__);
 }
 
-void HTTPPolicyParser::raiseHeadTooLarge() const {
-    raise(depth() == 0 ? Policy::HTTP_ERR_HEAD_TOO_LARGE : Policy::HTTP_ERR_PART_HEAD_TOO_LARGE,
-          __LINE__);
-}
+void HTTPPolicyParser::raiseHeadTooLarge() const { raise(m_headTooLarge, __LINE__); }
 
 // Whether the line ends a head. The default takes white space alone for nothing, too.
 bool HTTPPolicyParser::isEmptyLine() {
@@ -386,11 +385,12 @@ bool HTTPPolicyParser::findDelimiter(ZULBufferedInputStream& is) {
 // As the default looks for it: white space around the line does not matter.
 bool HTTPPolicyParser::findDelimiterLine(ZULBufferedInputStream& is, std::string const& separator) {
     QORByteBuffer& line = m_parser.m_line;
+    m_headTooLarge = Policy::HTTP_ERR_BODY_TOO_LARGE;
     for (;;) {
-        m_headLeft = LLONG_MAX;
+        m_headLeft = m_bodyLeft;
         if (!readLine(is, Policy::HTTP_ERR_HEADER_LINE_TOO_LONG) && line.pcount() == 0)
             raise(HTTPException::HTTP_ERR_MISSING_BOUNDARY, parseError::kProcessEntities, __LINE__);
-        if ((m_bodyLeft -= line.pcount()) < 0) raise(Policy::HTTP_ERR_BODY_TOO_LARGE, __LINE__);
+        m_bodyLeft = m_headLeft;
         line.trim();
         std::string_view const text(line.str(), line.pcount());
         if (text == separator) return false;
@@ -410,6 +410,7 @@ void HTTPPolicyParser::readPart(ZULBufferedInputStream& is) {
     ++m_parser.m_idepth;
     m_parser.resetLevel();
     m_headLeft = limit<long long>(m_policy.maxPartHead);
+    m_headTooLarge = Policy::HTTP_ERR_PART_HEAD_TOO_LARGE;
     m_parser.m_pHandler->startPart();
     readHead(is);
     readBody(is);

@@ -76,7 +76,8 @@ private:
     HTTPReadPolicy const m_policy;
     unsigned int const m_maxLine;
     HTTPHeadRules m_rules;
-    long long m_headLeft;   // of the head being read, start line included
+    long long m_headLeft;   // of the head being read, start line included, or of lines of a body
+    Code m_headTooLarge;    // the error where that is not enough
     long long m_bodyLeft;   // for the bodies of this message still to come
     long long m_uncounted;  // for the streams around parts, whose bytes are counted within
     int m_partsLeft;
