@@ -219,6 +219,43 @@ TEST(HTTPReadPolicy, TellsOfTheConnectionWithAndWithoutIt) {
         }
 }
 
+namespace {
+
+// Asks for all there may be, and tells what it holds in the end.
+class Greedy : public EventLog {
+public:
+    using EventLog::content;
+    void content(ZULInputStream& is) override {
+        QORByteBuffer bytes(0, 1);
+        long const code = raisedCode([&] {
+            while (is.read(bytes, INT_MAX) > 0) {
+            }
+        });
+        note(std::to_string(code) + bytes.str());
+    }
+};
+
+}  // namespace
+
+TEST(HTTPReadPolicy, TakesMemoryForPartsInProportionToWhatCame) {
+    HTTPReadPolicy policy;
+    policy.partsEndAtBoundary = true;
+    std::string body;
+    for (int part = 0; part < 100; ++part) body += "--B\r\n\r\nx\r\n";
+    ReaderConnection c(withLength(kMultipart, body + "--B--"), 1);
+    c.reader.setReadPolicy(policy);
+    EXPECT_LT(peakHeapOf([&] { c.request(); }), 2 << 20);
+
+    Greedy greedy;
+    HTTPParser parser;
+    parser.setMsgHandler(&greedy);
+    parser.setReadPolicy(policy);
+    FragmentingStream wire(std::string(kMultipart) + "\r\n--B\r\n\r\nab", 67);
+    ZULBufferedInputStream buffered(wire, 4096);
+    EXPECT_EQ(raisedCode([&] { parser.parseRequest(&buffered); }), 1010);
+    EXPECT_EQ(greedy.text().substr(greedy.text().rfind('[')), "[1010ab]");
+}
+
 TEST(HTTPReadPolicy, StaysWhereMemoryForAnotherIsMissing) {
     forEachFailingAllocation([] {
         ReaderConnection c("POST  / HTTP/1.1\r\n");

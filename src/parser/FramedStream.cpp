@@ -29,10 +29,14 @@ constexpr int kWorthReading = 4096;
 constexpr std::ptrdiff_t kWorthLeaping = 24, kWorthNoting = 512;
 constexpr int kRoom = 64 * 1024;  // as readFully takes it for a body of known length
 
+// For what may follow so many bytes: a peer can send parts of few bytes by the thousand.
+int roomBehind(int bytes) { return 64 * std::min(bytes, kRoom / 64); }
+
 // For n bytes at least.
 void makeRoom(QORByteBuffer& buf, int n) {
     auto const have = static_cast<int>(buf.capacity() - buf.pcount());
-    if (have < n) buf.reserve(buf.pcount() + static_cast<unsigned int>(std::max(kRoom, n)));
+    int const room = std::max(roomBehind(static_cast<int>(buf.pcount())), n);
+    if (have < n) buf.reserve(buf.pcount() + static_cast<unsigned int>(room));
 }
 
 // The framing faults of the streams beneath; other errors are left to the caller.
@@ -166,6 +170,7 @@ BoundaryStream::BoundaryStream(ZULBufferedInputStream& in, std::string const& bo
 BoundaryStream::~BoundaryStream() = default;
 
 int BoundaryStream::read(QORByteBuffer& buf, int n) {
+    n = std::min(n, kRoom);  // a wish: no more is taken at once than is there, or than this
     if (n < kWorthReading || !mayGive(n)) return FramedStream::read(buf, n);
     int const found = m_buffered.buffered() > 0 ? takeAhead(buf, n) : readStraight(buf, n);
     return found == 0 ? FramedStream::read(buf, n) : give(took(found));
@@ -178,7 +183,7 @@ int BoundaryStream::takeAhead(QORByteBuffer& buf, int n) {
     char const* const bytes = m_buffered.peek(have);
     int const found = bodyBytes(bytes, have, n);
     if (found <= 0) return found;
-    if (found == have) makeRoom(buf, have + kRoom);
+    if (found == have) makeRoom(buf, have + roomBehind(have));
     buf.appendChars(bytes, static_cast<unsigned int>(found));
     m_buffered.skip(found);
     return found;
