@@ -192,13 +192,18 @@ int BoundaryStream::takeAhead(QORByteBuffer& buf, int n) {
 // From the stream beneath into the buffer; what is not the body's is given back.
 int BoundaryStream::readStraight(QORByteBuffer& buf, int n) {
     makeRoom(buf, n);
-    unsigned int const before = buf.pcount();
-    char* const bytes = buf.str() + before;
+    // The zero byte behind the content stands again also where the read raises.
+    struct Arrival {
+        ~Arrival() { buf.setLength(buf.pcount() + count); }
+        QORByteBuffer& buf;
+        unsigned int count;
+    } arrival{buf, 0};
+    char* const bytes = buf.str() + buf.pcount();
     int const got = std::max(0, m_buffered.read(bytes, n));
     int const found = got > 0 ? bodyBytes(bytes, got, got) : 0;
     int const kept = std::max(0, found);
     if (kept < got) m_buffered.unread(bytes + kept, got - kept);
-    buf.setLength(before + static_cast<unsigned int>(kept));
+    arrival.count = static_cast<unsigned int>(kept);
     return found;
 }
 
