@@ -84,8 +84,8 @@ void HTTPPolicyParser::startMessage() {
 
 // Lines
 
-// The next line, as it came but for its end; false when the input ends before that. Empty lines in
-// front of a start line are passed over, RFC 9112 section 2.2.
+// The next line, as it came but for its end; false when the input ends before that, or, where that
+// is not strict, before its first byte.
 bool HTTPPolicyParser::readLine(ZULBufferedInputStream& is, Code tooLong) {
     m_parser.m_line.reset();
     return appendLine(is, tooLong);
@@ -96,7 +96,7 @@ bool HTTPPolicyParser::appendLine(ZULBufferedInputStream& is, Code tooLong) {
     for (;;) {
         int have = 0;
         char const* const bytes = is.peek(have);
-        if (have == 0) return false;
+        if (have == 0) return line.pcount() > 0 && !m_policy.strictFraming;
         void const* const lf = std::memchr(bytes, '\n', static_cast<unsigned int>(have));
         int const piece = lf ? static_cast<int>(static_cast<char const*>(lf) - bytes) : have;
         // Nearly always a whole line with its CRLF: then no byte of that is copied.
@@ -137,6 +137,7 @@ bool HTTPPolicyParser::isEmptyLine() {
 
 // Start lines
 
+// Empty lines in front of one are passed over, RFC 9112 section 2.2.
 void HTTPPolicyParser::readStartLine(ZULBufferedInputStream& is, char const* method) {
     do {
         if (!readLine(is, Policy::HTTP_ERR_START_LINE_TOO_LONG))
