@@ -295,14 +295,16 @@ BoundaryStream::Verdict BoundaryStream::judgeLineEnd(char const* text, char cons
     return text[0] == '\r' && text[1] == '\n' ? Verdict::Yes : Verdict::No;
 }
 
-// More bytes behind those held back, which stay in front. All of the read-ahead is held back.
+// More bytes behind those held back, which stay in front. All of the read-ahead is held back, and
+// is not touched before the read has returned: one that raises may be asked for again.
 void BoundaryStream::readOn(char const* bytes, int n) {
-    std::string const held(bytes, static_cast<std::size_t>(n));
+    char more[kWorthReading];
+    int const got = std::max(0, m_buffered.getInputStream()->read(more, sizeof more));
+    m_inputEnded = got == 0;
+    std::string const all =
+        std::string(bytes, static_cast<std::size_t>(n)).append(more, static_cast<std::size_t>(got));
     m_buffered.skip(n);
-    int more = 0;
-    m_buffered.peek(more);
-    m_inputEnded = more == 0;
-    m_buffered.unread(held.data(), n);
+    m_buffered.unread(all.data(), n + got);
 }
 
 bool BoundaryStream::atDelimiter() { return next(1) < 0; }
