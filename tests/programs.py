@@ -14,9 +14,9 @@ class Server:
     """postwire-serve on a port that the system chose; stopped, and its exit code checked, at the
     end of the block."""
 
-    def __init__(self, folder, *options):
+    def __init__(self, folder, *options, sanitizer=''):
         # What AddressSanitizer keeps of freed memory would pass for growth.
-        sanitizer = os.environ.get('ASAN_OPTIONS', '') + ':quarantine_size_mb=1'
+        sanitizer = f"{os.environ.get('ASAN_OPTIONS', '')}:quarantine_size_mb=1:{sanitizer}"
         self.process = subprocess.Popen([pathlib.Path(folder) / 'postwire-serve', *options],
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                         env={**os.environ, 'ASAN_OPTIONS': sanitizer})
