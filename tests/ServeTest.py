@@ -385,6 +385,17 @@ class Ends(Serve):
                 client.send(request(b'x'))
                 self.assertEqual(client.answer()[2], b'x')
 
+    def test_connections_stay_that_arrive_while_workers_are_started(self):
+        for _ in range(4):
+            server = self.server('--workers', '16')
+            with contextlib.ExitStack() as stack:
+                clients = [stack.enter_context(server.connect()) for _ in range(16)]
+                for _ in range(2):
+                    for client in clients:
+                        client.send(request(b'x'))
+                    for client in clients:
+                        self.receives(client, b'x')
+
     def test_idle_connections_when_others_wait(self):
         server = self.server('--workers', '1')
         with server.connect() as first, server.connect() as second:

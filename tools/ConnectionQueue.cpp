@@ -18,16 +18,20 @@ bool ConnectionQueue::offer(int descriptor, std::chrono::milliseconds wait) {
 
 int ConnectionQueue::take() {
     std::unique_lock<std::mutex> lock(m_mutex);
-    ++m_takers;
-    update();
     m_offered.wait(lock, [this] { return m_closed || !m_descriptors.empty(); });
-    --m_takers;
     if (m_descriptors.empty()) return -1;
+    --m_idleTakers;
     int const descriptor = m_descriptors.front();
     m_descriptors.pop_front();
     update();
     m_room.notify_one();
     return descriptor;
+}
+
+void ConnectionQueue::done() {
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    ++m_idleTakers;
+    update();
 }
 
 void ConnectionQueue::close() {
@@ -37,5 +41,5 @@ void ConnectionQueue::close() {
 }
 
 void ConnectionQueue::update() {
-    m_crowded.store(m_descriptors.size() > m_takers, std::memory_order_relaxed);
+    m_crowded.store(m_descriptors.size() > m_idleTakers, std::memory_order_relaxed);
 }

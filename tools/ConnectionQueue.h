@@ -13,7 +13,10 @@
 // Ownership: owns the descriptors it holds; the ones taken are the taker's.
 class ConnectionQueue {
 public:
-    explicit ConnectionQueue(std::size_t capacity) : m_capacity(capacity) {}
+    // A taker that has not asked yet, as its thread is only just being started, counts as one that
+    // waits.
+    ConnectionQueue(std::size_t capacity, std::size_t takers)
+        : m_capacity(capacity), m_idleTakers(takers) {}
     ConnectionQueue(ConnectionQueue const&) = delete;
     ConnectionQueue& operator=(ConnectionQueue const&) = delete;
     ~ConnectionQueue();
@@ -24,10 +27,13 @@ public:
     // Waits for a connection; -1 after close, when none is left.
     int take();
 
+    // To be called by its taker when it's through with a connection.
+    void done();
+
     // No more will be offered.
     void close();
 
-    // Whether a connection waits that no one waits for. Asked for every answer, so without the
+    // Whether a connection waits that no one is free for. Asked for every answer, so without the
     // lock.
     bool crowded() const { return m_crowded.load(std::memory_order_relaxed); }
 
@@ -40,7 +46,7 @@ private:
     std::condition_variable m_room;
     std::condition_variable m_offered;  // or closed
     std::deque<int> m_descriptors;
-    std::size_t m_takers = 0;
+    std::size_t m_idleTakers;
     std::atomic<bool> m_crowded{false};
     bool m_closed = false;
 };

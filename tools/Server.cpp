@@ -27,7 +27,9 @@ constexpr std::size_t kQueueCapacity = 64;
 }  // namespace
 
 Server::Server(ServerOptions const& options)
-    : m_options(options), m_queue(kQueueCapacity), m_stopBy(Deadline::Clock::time_point::max()) {
+    : m_options(options),
+      m_queue(kQueueCapacity, static_cast<std::size_t>(options.workers)),
+      m_stopBy(Deadline::Clock::time_point::max()) {
     if (!options.saveDirectory.empty())
         m_partFiles = std::make_unique<PartFiles>(options.saveDirectory);
     if (!options.traceDirectory.empty())
@@ -73,7 +75,10 @@ int Server::acceptOne() try {
 }
 
 void Server::work() {
-    for (int descriptor; (descriptor = m_queue.take()) != -1;) serve(descriptor);
+    for (int descriptor; (descriptor = m_queue.take()) != -1;) {
+        serve(descriptor);
+        m_queue.done();
+    }
     std::lock_guard<std::mutex> const lock(m_mutex);
     --m_runningWorkers;
     m_workerEnded.notify_all();
