@@ -32,15 +32,17 @@ struct POSTWIRE_EXPORT HTTPReadPolicy {
     // continued by lines that begin with white space. LF alone still ends a line, section 2.2.
     bool strictFraming = false;
 
-    int maxLine = 0;      // of a head, the line's end left out, continued lines joined
+    // Of a head, and without partsEndAtBoundary of what stands between parts; the line's end left
+    // out, continued lines joined.
+    int maxLine = 0;
     int maxHead = 0;      // start line and header lines, 1xx heads included
     int maxHeaders = 0;   // of the message, and of each part
     int maxParts = 0;     // at all levels together
     int maxPartHead = 0;  // header lines of one part
     int maxBody = 0;      // all bodies of a message together, and what stands around its parts
 
-    // Chunk framing: size lines, extensions and trailers. At most maxChunkFraming bytes, and
-    // maxChunkFramingRatio bytes more for each byte of data.
+    // Chunk framing: size lines, extensions and trailers. Where either is set, at most
+    // maxChunkFraming bytes, and maxChunkFramingRatio bytes more for each byte of data so far.
     int maxChunkFraming = 0;
     int maxChunkFramingRatio = 0;
 };
