@@ -86,8 +86,9 @@ def chunks(n):
 
 def lines_skipped(n):
     tree = corpus.Multi("=_outer", [corpus.binary_part(1, 64)])
-    return (corpus.start(tree.headers) + b"a line that is no delimiter\r\n" * n + tree.entity(),
-            len(tree.headers), tree.leaves(), 1, tree.part_headers())
+    body = b"a line that is no delimiter\r\n" * n + tree.entity()
+    return (corpus.start([tree.headers[0], corpus.length(body)]) + body, len(tree.headers),
+            tree.leaves(), 1, tree.part_headers())
 
 
 def body_bytes(n):

@@ -227,14 +227,18 @@ void register_postwire() {
                 read_kept(w, *c, [&s](HTTPMessage& m) { count_message(s, m); });
                 return s;
             });
-        auto h = std::make_shared<Connection>(true);
-        add_reader("postwire_hardened", w, Depth::Tree,
-            [&w, h] { read_kept(w, *h, [](const HTTPMessage& m) { keep(m); }); },
-            [&w, h] {
-                Seen s;
-                read_kept(w, *h, [&s](HTTPMessage& m) { count_message(s, m); });
-                return s;
-            });
+        // What it refuses by its limits is not timed.
+        std::size_t const limit = static_cast<std::size_t>(HTTPReadPolicy::hardened().maxHeaders);
+        if (w.headers <= w.messages * limit) {
+            auto h = std::make_shared<Connection>(true);
+            add_reader("postwire_hardened", w, Depth::Tree,
+                [&w, h] { read_kept(w, *h, [](const HTTPMessage& m) { keep(m); }); },
+                [&w, h] {
+                    Seen s;
+                    read_kept(w, *h, [&s](HTTPMessage& m) { count_message(s, m); });
+                    return s;
+                });
+        }
         add_reader("postwire_asked", w, Depth::Tree,
             [&w, c] { read_kept(w, *c, ask); },
             [&w, c] {
