@@ -1,6 +1,7 @@
 #include "message/HTTPMessage.h"
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -46,9 +47,18 @@ char const* endOf(char const* text) { return text + std::strlen(text) + 1; }
 
 // Bytes of header lines that may be searched for a name where they stand.
 constexpr std::size_t kLookedThrough = 4096;
+// Headers that are written in their order without being stored in it.
+constexpr std::size_t kSortedInPlace = 16;
 
 void append(QORByteBuffer& buf, std::string_view text) {
     buf.appendChars(text.data(), static_cast<unsigned int>(text.size()));
+}
+
+void dumpLine(QORByteBuffer& buf, std::string_view name, HTTPHeader& header) {
+    append(buf, name);
+    append(buf, ": ");
+    header.dump(buf);
+    append(buf, "\r\n");
 }
 
 // Size line, data and the CRLF behind each of them.
@@ -149,9 +159,10 @@ void HTTPHeader::parse(char const* pvalue) {
         parseText(pvalue);
 }
 
-void HTTPHeader::parseLater(char const* text) {
+void HTTPHeader::parseLater(char const* pvalue) {
+    QOR_ASSERT(pvalue);
     reset();
-    m_source = text;
+    m_source = pvalue;
     m_unread = true;
 }
 
@@ -316,13 +327,31 @@ void HTTPHeaders::removeHeader(char const* name) {
 }
 
 void HTTPHeaders::dump(QORByteBuffer& buf) {
+    if (m_headers.empty() && dumpAdded(buf)) return;
     settle();
-    for (auto& [name, header] : m_headers) {
-        append(buf, name);
-        buf << ": ";
-        header.dump(buf);
-        buf << "\r\n";
+    for (auto& [name, header] : m_headers) dumpLine(buf, name, header);
+}
+
+// What was added, straight from its texts: staged headers are written once and never asked for.
+// False where they are many, or a name is repeated: that takes the collection to sort out.
+bool HTTPHeaders::dumpAdded(QORByteBuffer& buf) {
+    std::array<char const*, kSortedInPlace> names;
+    auto const begin = names.begin();
+    auto end = begin;
+    for (std::size_t at = m_settled; at != m_added.size(); ++end) {
+        if (end == names.end()) return false;
+        *end = &m_added[at];
+        at = static_cast<std::size_t>(endOf(endOf(*end)) - m_added.data());
     }
+    std::sort(begin, end, [](char const* a, char const* b) { return compareNames(a, b) < 0; });
+    auto const same = [](char const* a, char const* b) { return compareNames(a, b) == 0; };
+    if (std::adjacent_find(begin, end, same) != end) return false;
+    HTTPHeader header;
+    for (auto name = begin; name != end; ++name) {
+        header.parseLater(endOf(*name));
+        dumpLine(buf, *name, header);
+    }
+    return true;
 }
 
 std::size_t HTTPHeaders::dumpSize() {

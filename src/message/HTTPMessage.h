@@ -57,8 +57,8 @@ public:
     void reset();
 
     // As reset and parse, but the text is borrowed until the header next changes, and taken apart
-    // when it is first asked for: most headers of a message that is read are never looked at.
-    void parseLater(char const* text);
+    // when it is first asked for: most headers of a message are never looked at.
+    void parseLater(char const* pvalue);
 
     // The number of bytes that dump appends.
     std::size_t dumpSize();
@@ -137,6 +137,7 @@ private:
     void settle();
     void settle(char const* name);
     std::size_t storeAdded(std::size_t at);
+    bool dumpAdded(QORByteBuffer& buf);
 
     std::multimap<std::string, HTTPHeader, httphdr_CaseInsensitiveStringComparePredicate> m_headers;
     std::string m_added;    // by addHeader: names and texts with their zero bytes

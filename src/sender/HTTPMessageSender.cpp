@@ -114,15 +114,14 @@ void HttpMsgNode::startResponse(int code, char const* msg) {
 
 void HttpMsgNode::setHeader(char const* name, char const* value) {
     HTTPHeader header;
-    header.parse(value);
-    headers.takeHeader(name, header);
+    header.parseLater(value);
+    headers.addHeader(name, &header);
 }
 
 void HttpMsgNode::setHeader(char const* name, int value) {
     m_line.reset();
     m_line << value;
-    HTTPHeader header(m_line.str());  // digits: nothing to trim or take apart
-    headers.takeHeader(name, header);
+    setHeader(name, m_line.str());
 }
 
 void HttpMsgNode::writeHeaders() {
