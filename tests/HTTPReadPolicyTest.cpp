@@ -277,6 +277,17 @@ TEST(HTTPReadPolicy, StaysWhereMemoryForAnotherIsMissing) {
     });
 }
 
+TEST(HTTPReadPolicy, IsNotChangedWhileItReads) {
+    ReaderConnection c(withLength(std::string(kPost) + "Expect: 100-continue\r\n", "x"), 1);
+    c.reader.setReadPolicy(HTTPReadPolicy::hardened());
+    auto const change = [](void* reader) {
+        static_cast<HTTPMessageReader*>(reader)->setReadPolicy(HTTPReadPolicy());
+    };
+    c.reader.setContinueCallback(change, &c.reader);
+    EXPECT_EQ("QOR_ASSERT(!m_policy || !m_policy->isReading());", raisedText([&] { c.request(); }));
+    c.reader.setReadPolicy(HTTPReadPolicy());
+}
+
 TEST(HTTPReadPolicy, ReportsOutOfMemoryAndLeaksNothing) {
     std::string const nested =
         "--B\r\nContent-Type: multipart/x;\r\n "

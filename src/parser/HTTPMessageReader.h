@@ -31,8 +31,8 @@ public:
     void getResponse(HTTPMessage* msg, HTTPMessage::StatusCode* status,
                      std::string* status_message);
 
-    // How messages are read from the next one on, instead of the default. Not while one is read:
-    // what reads it by the policy before would be gone.
+    // How messages are read from the next one on, instead of the default. To be called between
+    // messages: within one that is read by a policy it fails an assertion and changes nothing.
     void setReadPolicy(HTTPReadPolicy const& policy);
 
     // As HTTPParser has them: of the message read last, and for those to come.

@@ -209,6 +209,7 @@ HTTPParser::~HTTPParser() { m_pHandler = nullptr; }
 void HTTPParser::setMsgHandler(HTTPMsgHandler* handler) { m_pHandler = handler; }
 
 void HTTPParser::setReadPolicy(HTTPReadPolicy const& policy) {
+    QOR_ASSERT(!m_policy || !m_policy->isReading());
     std::unique_ptr<HTTPPolicyParser> reading;
     if (HTTPPolicyParser::changesReading(policy))
         reading =

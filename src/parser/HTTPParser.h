@@ -42,8 +42,8 @@ public:
     // The receiver of all further events.
     void setMsgHandler(HTTPMsgHandler* handler);
 
-    // How messages are read from the next one on, instead of the default. Not while one is read:
-    // what reads it by the policy before would be gone.
+    // How messages are read from the next one on, instead of the default. To be called between
+    // messages: within one that is read by a policy it fails an assertion and changes nothing.
     void setReadPolicy(HTTPReadPolicy const& policy);
 
     // What to run, with what, before the first body byte of an HTTP/1.1 request that expects

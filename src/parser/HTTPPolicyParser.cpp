@@ -52,6 +52,7 @@ Number limit(int given) {
 
 HTTPPolicyParser::HTTPPolicyParser(HTTPParser& parser, HTTPReadPolicy const& policy)
     : m_parser(parser),
+      m_steps(0),
       m_policy(policy),
       m_maxLine(limit<unsigned int>(policy.maxLine)),
       m_headLeft(0),
@@ -146,12 +147,14 @@ void HTTPPolicyParser::readStartLine(ZULBufferedInputStream& is, char const* met
 }
 
 void HTTPPolicyParser::readRequestLine(ZULBufferedInputStream& is) {
+    Step const step(m_steps);
     readStartLine(is, parseError::kParseRequest);
     if (m_policy.strictFraming) m_rules.judgeRequestLine(m_parser.m_line);
     m_parser.validateRequestLine(m_parser.m_line);
 }
 
 void HTTPPolicyParser::readStatusLine(ZULBufferedInputStream& is) {
+    Step const step(m_steps);
     readStartLine(is, parseError::kParseResponse);
     if (!m_policy.strictFraming) return m_parser.validateResponseLine(m_parser.m_line);
     // Only the last head of a response is told of, RFC 9110 section 15.2.
@@ -190,6 +193,7 @@ void HTTPPolicyParser::readHeadLine(ZULBufferedInputStream& is) {
 }
 
 void HTTPPolicyParser::readHead(ZULBufferedInputStream& is) {
+    Step const step(m_steps);
     if (m_policy.strictFraming) return readStrictHead(is);
     for (int left = limit<int>(m_policy.maxHeaders);; --left) {
         readHeadLine(is);
@@ -283,6 +287,7 @@ std::string const* HTTPPolicyParser::enclosingBoundary() const {
 }
 
 void HTTPPolicyParser::readBody(ZULBufferedInputStream& is) try {
+    Step const step(m_steps);
     Framing const framing = this->framing();
     int const length = m_parser.m_contentlength[depth()];
     // Asked for while the level's own boundary still stands.
@@ -406,6 +411,7 @@ void HTTPPolicyParser::requireDelimiter(ZULBufferedInputStream& is, std::string 
 }
 
 void HTTPPolicyParser::readPart(ZULBufferedInputStream& is) {
+    Step const step(m_steps);
     if (depth() + 1 == HTTPParser::HTTP_MAX_DEPTH) raise(Policy::HTTP_ERR_NESTING, __LINE__);
     if (m_partsLeft-- == 0) raise(Policy::HTTP_ERR_TOO_MANY_PARTS, __LINE__);
     ++m_parser.m_idepth;

@@ -22,6 +22,9 @@ public:
     // False for a policy that leaves all as it is.
     static bool changesReading(HTTPReadPolicy const& policy);
 
+    // Whether one of the steps below is under way, so that this may not be replaced.
+    bool isReading() const { return m_steps > 0; }
+
     void startMessage();
     void readRequestLine(ZULBufferedInputStream& is);
     void readStatusLine(ZULBufferedInputStream& is);
@@ -42,6 +45,14 @@ public:
 private:
     using Code = HTTPPolicyException::PolicyErrorCode;
     enum class Framing { None, Length, Chunks, Boundary, Rest };
+
+    struct Step {
+        explicit Step(int& count) : steps(count) { ++steps; }
+        Step(Step const&) = delete;
+        Step& operator=(Step const&) = delete;
+        ~Step() { --steps; }
+        int& steps;
+    };
 
     bool readLine(ZULBufferedInputStream& is, Code tooLong);
     bool appendLine(ZULBufferedInputStream& is, Code tooLong);
@@ -73,6 +84,7 @@ private:
     int depth() const { return m_parser.m_idepth; }
 
     HTTPParser& m_parser;
+    int m_steps;  // under way, one within the other
     HTTPReadPolicy const m_policy;
     unsigned int const m_maxLine;
     HTTPHeadRules m_rules;
