@@ -58,7 +58,8 @@ HttpMsgNode::HttpMsgNode(ZULOutputStream& os, int chunksize)
       p_os_content(nullptr),
       chunked(chunksize > 0),
       m_line(256, 256),
-      m_block(1024, 1024) {
+      m_block(1024, 1024),
+      m_number(32, 32) {
     QORFileLocation const here(kSourceFile, __LINE__);
     if (chunksize > 0) {
         p_os_content = guardedNew<HttpChunkedOutputStream>(here, this, chunksize).release();
@@ -119,9 +120,9 @@ void HttpMsgNode::setHeader(char const* name, char const* value) {
 }
 
 void HttpMsgNode::setHeader(char const* name, int value) {
-    m_line.reset();
-    m_line << value;
-    setHeader(name, m_line.str());
+    m_number.reset();
+    m_number << value;
+    setHeader(name, m_number.str());
 }
 
 void HttpMsgNode::writeHeaders() {

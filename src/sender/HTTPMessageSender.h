@@ -84,9 +84,10 @@ protected:
     int chunked;                     // 1 when the chunk size is above 0
 
     // Kept, so that a node used again takes no memory for them. A delimiter line is still being
-    // written when it calls for the header block, so the two stand apart.
+    // written when it calls for the header block, so line and block stand apart.
     QORByteBuffer m_line;
     QORByteBuffer m_block;
+    QORByteBuffer m_number;
 };
 
 // A message, or a part, with one body.
