@@ -17,7 +17,7 @@ import tempfile
 import xml.etree.ElementTree
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT / 'tests'))
+sys.path.insert(0, str(ROOT / 'tests/programs'))
 import programs  # noqa: E402
 
 FOLDER = pathlib.Path(sys.argv[1])

@@ -13,9 +13,10 @@ import subprocess
 import sys
 import tempfile
 
-from programs import Server
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / 'programs'))
+from programs import Server  # noqa: E402
 
-SOURCES = pathlib.Path(__file__).resolve().parent.parent
+SOURCES = pathlib.Path(__file__).resolve().parents[2]
 PROGRAM = SOURCES / 'examples/read_request.cpp'
 SAYS = '/greet: Hello\n'
 TIMEOUT = 600
@@ -44,7 +45,7 @@ def check_headers(include, compiler):
 
 
 def check_project(folder, cmake, compiler, *settings):
-    run(cmake, '-G', 'Ninja', '-S', SOURCES / 'tests/consumer', '-B', folder,
+    run(cmake, '-G', 'Ninja', '-S', SOURCES / 'tests/install/consumer', '-B', folder,
         f'-DPROGRAM={PROGRAM}', f'-DCMAKE_CXX_COMPILER={compiler[0]}',
         f'-DCMAKE_CXX_FLAGS={shlex.join(compiler[1:])}', *settings)
     run(cmake, '--build', folder, '-j2')

@@ -196,7 +196,7 @@ def unescaped(text):
 def hostile_messages():
     """What each row of the table of hostile requests stands for, with a Host field."""
     start = b'POST / HTTP/1.1\r\nHost: h\r\n'
-    table = pathlib.Path(__file__).parent / 'data' / 'policy_hostile.txt'
+    table = pathlib.Path(__file__).parents[1] / 'data' / 'policy_hostile.txt'
     columns = []
     for line in table.read_text().splitlines():
         if line.startswith('columns: '):

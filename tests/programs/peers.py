@@ -13,7 +13,7 @@ import programs
 # Debian keeps servers where an ordinary user's PATH does not lead.
 PATH = os.environ['PATH'] + ':/usr/sbin:/usr/local/sbin'
 # What a user is told to run.
-CONFIGURATIONS = pathlib.Path(__file__).parent.parent / 'docs' / 'scale-out'
+CONFIGURATIONS = pathlib.Path(__file__).parents[2] / 'docs' / 'scale-out'
 FRONT, BACKS = '127.0.0.1:8100', ('127.0.0.1:8101', '127.0.0.1:8102')
 
 

@@ -16,9 +16,9 @@ for component in library development; do
 done
 find "$prefix/include" -name '*.h' -printf '#include "%p"\n' >"$prefix/all_headers.h"
 "$@" -std=c++17 "-I$prefix/include/postwire" -include "$prefix/all_headers.h" \
-    "$here/../examples/catch_ladder.cpp" -o "$prefix/catch_ladder" \
+    "$here/../../examples/catch_ladder.cpp" -o "$prefix/catch_ladder" \
     "-L$prefix/lib" "-Wl,-rpath,$prefix/lib" -lpostwire -lzulstream -lqorcore
 [[ $("$prefix/catch_ladder" /dev/null) == '0 end of input stream' ]]
 
-diff -u "$here/data/exports.txt" <("$here/../scripts/exported-symbols" "$prefix/lib/libpostwire.so") ||
+diff -u "$here/../data/exports.txt" <("$here/../../scripts/exported-symbols" "$prefix/lib/libpostwire.so") ||
     { echo 'CONTRIBUTING.md says how to renew the list after a change that was meant.'; exit 1; }
