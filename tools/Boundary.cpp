@@ -3,14 +3,14 @@
 #include <algorithm>
 #include <random>
 
+#include "foundation/AsciiText.h"
 #include "message/HTTPMessage.h"
 #include "tools/BlockReader.h"
 
 namespace {
 
 bool isPlain(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           std::string_view("'+_.-").find(c) != std::string_view::npos;
+    return isLetterOrDigit(c) || std::string_view("'+_.-").find(c) != std::string_view::npos;
 }
 
 }  // namespace

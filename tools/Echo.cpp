@@ -8,6 +8,7 @@
 
 #include "foundation/QORByteBuffer.h"
 
+#include "foundation/AsciiText.h"
 #include "tools/Boundary.h"
 #include "tools/HeaderFields.h"
 #include "tools/RequestReader.h"

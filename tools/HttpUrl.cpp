@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "tools/HeaderFields.h"
+#include "foundation/AsciiText.h"
 #include "tools/TextEscapes.h"
 
 namespace {
@@ -31,8 +31,7 @@ int parsePort(std::string_view digits) {
 
 HttpUrl parseHttpUrl(std::string const& text) {
     static constexpr std::string_view kScheme = "http://";
-    if (!equalIgnoringCase(text.substr(0, kScheme.size()), kScheme))
-        refuse("a URL begins with http://", text);
+    if (!beginsInAnyCase(text, kScheme)) refuse("a URL begins with http://", text);
     std::string_view rest(text);
     rest.remove_prefix(kScheme.size());
     rest = rest.substr(0, rest.find('#'));

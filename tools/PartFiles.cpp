@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "foundation/AsciiText.h"
 #include "message/HTTPMessage.h"
 #include "tools/MessageSummary.h"
 
@@ -19,8 +20,7 @@ namespace {
 }
 
 bool isSafe(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           std::string_view("._-@+=").find(c) != std::string_view::npos;
+    return isLetterOrDigit(c) || std::string_view("._-@+=").find(c) != std::string_view::npos;
 }
 
 // "name.ext", "name-2.ext", "name-3.ext" ...

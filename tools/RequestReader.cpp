@@ -5,6 +5,7 @@
 
 #include "foundation/ZULOutputStream.h"
 
+#include "foundation/AsciiText.h"
 #include "parser/HTTPReadPolicy.h"
 #include "tools/HeaderFields.h"
 
@@ -165,7 +166,7 @@ void RequestReader::startPart() {
 void RequestReader::beginBody() {
     static constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
     if (m_request->heads.size() > 1 || m_parser.getMinorVersion() == 0) return;
-    if (!equalIgnoringCase(m_own.expect, "100-continue")) return;
+    if (!equalsInAnyCase(m_own.expect, "100-continue")) return;
     m_out.write(kContinue, sizeof kContinue - 1);
     m_out.flush();
 }

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "foundation/AsciiText.h"
 #include "tools/HeaderFields.h"
 #include "tools/TextEscapes.h"
 

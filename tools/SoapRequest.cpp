@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "foundation/AsciiText.h"
 #include "tools/BlockReader.h"
 #include "tools/Boundary.h"
 #include "tools/PartFiles.h"
@@ -114,10 +115,10 @@ void writeOnePiece(SoapRequest& request, ZULOutputStream& out) {
 // Fields whose value follows from how the message is sent.
 void refuseOwnFields(SoapRequest const& request) {
     for (HeaderField const& field : request.fields) {
-        bool const type = equalIgnoringCase(field.name, "Content-Type");
-        if (equalIgnoringCase(field.name, "Content-Length") ||
-            equalIgnoringCase(field.name, "Transfer-Encoding") ||
-            equalIgnoringCase(field.name, "Connection") || (type && !request.attachments.empty()))
+        bool const type = equalsInAnyCase(field.name, "Content-Type");
+        if (equalsInAnyCase(field.name, "Content-Length") ||
+            equalsInAnyCase(field.name, "Transfer-Encoding") ||
+            equalsInAnyCase(field.name, "Connection") || (type && !request.attachments.empty()))
             throw std::invalid_argument(field.name + " follows from how the message is sent");
     }
 }

@@ -9,6 +9,8 @@
 
 #include "foundation/QORThrowable.h"
 
+#include "foundation/AsciiText.h"
+
 static char const kSourceFile[] = "QORByteBuffer";
 
 namespace {
@@ -31,9 +33,6 @@ char* allocate(unsigned int capacity) {
 
 // Pointers into different blocks may be compared as numbers only.
 std::uintptr_t addressOf(char const* byte) { return reinterpret_cast<std::uintptr_t>(byte); }
-
-// What isspace takes for white space in the POSIX locale.
-bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 }  // namespace
 
@@ -104,8 +103,8 @@ void QORByteBuffer::reset() {
 unsigned int QORByteBuffer::trim() {
     char* begin = m_bytes;
     char* end = m_bytes + m_length;
-    while (end != begin && isBlank(end[-1])) --end;
-    while (begin != end && isBlank(*begin)) ++begin;
+    while (end != begin && isAsciiSpace(end[-1])) --end;
+    while (begin != end && isAsciiSpace(*begin)) ++begin;
     m_length = static_cast<unsigned int>(end - begin);
     if (begin != m_bytes) std::memmove(m_bytes, begin, m_length);
     m_bytes[m_length] = '\0';

@@ -6,6 +6,8 @@
 #include "foundation/QORByteBuffer.h"
 #include "foundation/QORThrowable.h"
 
+#include "foundation/AsciiText.h"
+
 static char const kSourceFile[] = "ZULChunkedInputStream";
 
 namespace {
@@ -15,16 +17,6 @@ constexpr int kMaxDigits = 8;
 // here, so no more of them is read than of a header.
 constexpr int kMaxExtension = 4 * 1024;
 constexpr int kMaxTrailer = 64 * 1024;
-
-// The value of a hexadecimal digit, or 16.
-unsigned int digitValue(char c) {
-    if (c >= '0' && c <= '9') return static_cast<unsigned int>(c - '0');
-    if (c >= 'a' && c <= 'f') return static_cast<unsigned int>(c - 'a') + 10;
-    if (c >= 'A' && c <= 'F') return static_cast<unsigned int>(c - 'A') + 10;
-    return 16;
-}
-
-bool isControl(char c) { return (c >= '\0' && c < ' ' && c != '\t') || c == '\x7f'; }
 
 }  // namespace
 
@@ -139,8 +131,8 @@ int ZULChunkedInputStream::takePlainSizeLine(char const* bytes, int available) {
     if (m_state == State::DataCr ? !takeCrLf() : m_state != State::Size || m_count > 0) return 0;
     char const* const digits = next;
     unsigned int size = 0;
-    while (next < end && next - digits < kMaxDigits && digitValue(*next) < 16)
-        size = size * 16 + digitValue(*next++);
+    while (next < end && next - digits < kMaxDigits && hexDigitValue(*next) >= 0)
+        size = size * 16 + static_cast<unsigned int>(hexDigitValue(*next++));
     if (size == 0 || size > INT_MAX || !takeCrLf()) return 0;
     m_left = size;
     enter(State::Data);
@@ -176,10 +168,10 @@ void ZULChunkedInputStream::takeFramingByte(char byte) {
 // RFC 9112 section 7.1: 1*HEXDIG, nothing before it. Eight digits fit m_left; more, leading zeros
 // too, are refused, as some readers would count in fewer bits and see another size.
 void ZULChunkedInputStream::takeSizeByte(char byte) {
-    unsigned int const digit = digitValue(byte);
-    if (digit < 16) {
+    int const digit = hexDigitValue(byte);
+    if (digit >= 0) {
         if (++m_count > kMaxDigits) return fail(ZULStreamException::ZUL_ERR_CHUNK_SIZE);
-        m_left = m_left * 16 + digit;
+        m_left = m_left * 16 + static_cast<unsigned int>(digit);
         return;
     }
     if (m_count == 0) return fail(ZULStreamException::ZUL_ERR_CHUNK_SIZE);
@@ -196,7 +188,8 @@ void ZULChunkedInputStream::takeByteBehindSize(char byte) {
         return enter(State::SizeLf);
     }
     if (byte == '\n') return fail(ZULStreamException::ZUL_ERR_CHUNK_END);
-    if (m_strict && isControl(byte)) return fail(ZULStreamException::ZUL_ERR_CHUNK_EXTENSION);
+    if (m_strict && isControlCharacter(byte))
+        return fail(ZULStreamException::ZUL_ERR_CHUNK_EXTENSION);
     if (++m_count > kMaxExtension) return fail(ZULStreamException::ZUL_ERR_CHUNK_EXTENSION);
     if (m_state == State::Extension || byte == ' ' || byte == '\t') return;
     if (byte != ';') return fail(ZULStreamException::ZUL_ERR_CHUNK_SIZE);
@@ -230,7 +223,7 @@ bool ZULChunkedInputStream::fitsTrailerLine(char byte) {
     if (m_state == State::TrailerLineLf) return true;
     bool const first = m_state == State::Trailer;
     if (first) m_inName = true;
-    if (!m_inName) return byte == '\r' || byte == '\n' || !isControl(byte);
+    if (!m_inName) return byte == '\r' || byte == '\n' || !isControlCharacter(byte);
     if (byte == ':') {
         m_inName = false;
         return !first;

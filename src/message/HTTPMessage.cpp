@@ -19,27 +19,11 @@ static char const kSourceFile[] = "HTTPMessage";
 
 namespace {
 
-std::string_view stripped(std::string_view text) {
-    while (!text.empty() && isAsciiSpace(text.front())) text.remove_prefix(1);
-    while (!text.empty() && isAsciiSpace(text.back())) text.remove_suffix(1);
-    return text;
-}
-
 // The rule of HTTPMessage::trim.
 std::string_view trimmed(std::string_view text) {
-    text = stripped(text);
+    text = withoutSpaces(text);
     bool const quoted = text.size() > 1 && text.front() == '"' && text.back() == '"';
-    return quoted ? stripped(text.substr(1, text.size() - 2)) : text;
-}
-
-// strcasecmp of the POSIX locale.
-int compareNames(char const* a, char const* b) {
-    for (;; ++a, ++b) {
-        if (*a == *b && *a != 0) continue;
-        int const x = static_cast<unsigned char>(asciiLowerCase(*a));
-        int const y = static_cast<unsigned char>(asciiLowerCase(*b));
-        if (x != y || x == 0) return x - y;
-    }
+    return quoted ? withoutSpaces(text.substr(1, text.size() - 2)) : text;
 }
 
 // Behind the text's zero byte.
@@ -220,7 +204,7 @@ std::size_t HTTPHeader::dumpSize() {
 // HTTPHeaders
 
 bool httphdr_CaseInsensitiveStringComparePredicate::operator()(char const* a, char const* b) const {
-    return compareNames(a, b) < 0;
+    return compareInAnyCase(a, b) < 0;
 }
 
 HTTPHeaders::HTTPHeaders() : m_settled(0) {}
@@ -231,7 +215,8 @@ HTTPHeader* HTTPHeaders::getHeader(char const* field) {
     QOR_ASSERT(field);
     settle(field);
     auto const found = m_headers.lower_bound(field);
-    bool const equal = found != m_headers.end() && compareNames(field, found->first.c_str()) == 0;
+    bool const equal =
+        found != m_headers.end() && compareInAnyCase(field, found->first.c_str()) == 0;
     return equal ? &found->second : nullptr;
 }
 
@@ -295,7 +280,7 @@ void HTTPHeaders::settle(char const* name) {
     }
     for (std::size_t at = m_settled; at != m_added.size();) {
         char const* const entry = &m_added[at];
-        if (compareNames(entry, name) == 0)
+        if (compareInAnyCase(entry, name) == 0)
             m_added.erase(at, storeAdded(at) - at);
         else
             at = static_cast<std::size_t>(endOf(endOf(entry)) - m_added.data());
@@ -308,7 +293,8 @@ HTTPHeader* HTTPHeaders::store(char const* name, HTTPHeader& header) {
     header.takeApart();
     auto at = m_headers.upper_bound(name);
     auto const isRepeated = [&](std::string const& before) {
-        return compareNames(before.c_str(), name) == 0 && compareNames(name, "set-cookie") != 0;
+        return compareInAnyCase(before.c_str(), name) == 0 &&
+               compareInAnyCase(name, "set-cookie") != 0;
     };
     if (at != m_headers.begin() && isRepeated(std::prev(at)->first))
         --at;
@@ -343,8 +329,8 @@ bool HTTPHeaders::dumpAdded(QORByteBuffer& buf) {
         *end = &m_added[at];
         at = static_cast<std::size_t>(endOf(endOf(*end)) - m_added.data());
     }
-    std::sort(begin, end, [](char const* a, char const* b) { return compareNames(a, b) < 0; });
-    auto const same = [](char const* a, char const* b) { return compareNames(a, b) == 0; };
+    std::sort(begin, end, [](char const* a, char const* b) { return compareInAnyCase(a, b) < 0; });
+    auto const same = [](char const* a, char const* b) { return compareInAnyCase(a, b) == 0; };
     if (std::adjacent_find(begin, end, same) != end) return false;
     HTTPHeader header;
     for (auto name = begin; name != end; ++name) {

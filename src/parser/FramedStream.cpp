@@ -7,6 +7,7 @@
 #include "foundation/QORByteBuffer.h"
 #include "foundation/ZULStreamException.h"
 
+#include "foundation/AsciiText.h"
 #include "parser/HTTPParseError.h"
 
 static char const kSourceFile[] = "HTTPParser";
@@ -288,7 +289,7 @@ BoundaryStream::Verdict BoundaryStream::judge(char const* text, char const* end)
 // White space and CRLF. The end of the level ends the line as well.
 BoundaryStream::Verdict BoundaryStream::judgeLineEnd(char const* text, char const* end) const {
     char const* const padding = text;
-    while (text != end && (*text == ' ' || *text == '\t')) ++text;
+    while (text != end && isBlank(*text)) ++text;
     if (text - padding > kMaxPadding) return Verdict::No;
     if (end - text < 2 && (text == end || *text == '\r'))
         return m_inputEnded ? Verdict::Yes : Verdict::Open;

@@ -1,7 +1,6 @@
 #include "parser/HTTPHeadRules.h"
 
 #include <algorithm>
-#include <array>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -23,18 +22,6 @@ using Policy = HTTPPolicyException;
 
 constexpr std::size_t kMaxBoundary = 70;  // RFC 2046 section 5.1.1
 
-// The lower-case form of each character of a token, RFC 9110 section 5.6.2; 0 for all others.
-constexpr std::array<char, 256> kTokenLowerCase = [] {
-    std::array<char, 256> table{};
-    for (unsigned c = '0'; c <= '9'; ++c) table[c] = static_cast<char>(c);
-    for (unsigned c = 'a'; c <= 'z'; ++c) table[c] = table[c - 'a' + 'A'] = static_cast<char>(c);
-    for (char const c : std::string_view("!#$%&'*+-.^_`|~"))
-        table[static_cast<unsigned char>(c)] = c;
-    return table;
-}();
-
-char tokenLowerCase(char c) { return kTokenLowerCase[static_cast<unsigned char>(c)]; }
-
 // False, and nothing done, for a character that is no token's.
 bool lowerCaseIfToken(char& c) {
     char const lower = tokenLowerCase(c);
@@ -50,15 +37,6 @@ char* lowerCaseToken(char* text) {
         if (!lowerCaseIfToken(text[2])) return text + 2;
         if (!lowerCaseIfToken(text[3])) return text + 3;
     }
-}
-
-bool isBlank(char c) { return c == ' ' || c == '\t'; }
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-
-std::string_view withoutBlanks(std::string_view text) {
-    while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
-    while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
-    return text;
 }
 
 // The line's end has been cut off, so that a CR that is left stands for itself: some readers end a
@@ -219,7 +197,7 @@ std::string const& HTTPHeadRules::boundaryOf(std::string_view text) {
     for (;;) {
         cutter.takeWhile(isSeparator);
         if (cutter.atEnd()) return m_boundary;
-        std::string_view const name = cutter.takeWhile(tokenLowerCase);
+        std::string_view const name = cutter.takeWhile(isTokenCharacter);
         std::string value;
         if (name.empty() || !cutter.take('=') || !cutter.takeValue(value))
             raise(Policy::HTTP_ERR_BAD_BOUNDARY, __LINE__);

@@ -59,39 +59,6 @@ private:
     char const* m_method;
 };
 
-// Whether the text begins with `start`, which is in lower case, in any letter case.
-bool beginsWith(std::string_view text, std::string_view start) {
-    return equalsInAnyCase(text.substr(0, start.size()), start);
-}
-
-std::uint64_t eightBytes(char const* text) {
-    std::uint64_t word;
-    std::memcpy(&word, text, 8);
-    return word;
-}
-
-// The sums set a byte's highest bit from 'A' on and from behind 'Z' on, without a carry into the
-// next byte.
-void storeLowerCase(std::uint64_t word, char* text) {
-    constexpr std::uint64_t kEach = 0x0101010101010101U;
-    std::uint64_t const low = word & kEach * 0x7F;
-    std::uint64_t const fromA = low + kEach * (0x80 - 'A');
-    std::uint64_t const behindZ = low + kEach * (0x7F - 'Z');
-    word |= (fromA & ~behindZ & ~word & kEach * 0x80) >> 2;
-    std::memcpy(text, &word, 8);
-}
-
-void lowerCase(char* text, char* end) {
-    if (end - text < 8) {
-        for (; text != end; ++text) *text = asciiLowerCase(*text);
-        return;
-    }
-    // Read before its first bytes are written: a load across a fresh store waits for it.
-    std::uint64_t const last = eightBytes(end - 8);
-    for (; end - text > 8; text += 8) storeLowerCase(eightBytes(text), text);
-    storeLowerCase(last, end - 8);
-}
-
 // Whether HTTPMessage::trim could take something off the text: hardly ever for a header's name.
 bool mayNeedTrimming(char const* text, char const* end) {
     auto const isTrimmed = [](char c) { return isAsciiSpace(c) || c == '"'; };
@@ -112,8 +79,7 @@ Number readNumber(char const* text) {
     char const* const digits = text;
     long long const limit = negative ? -static_cast<long long>(INT_MIN) : INT_MAX;
     long long value = 0;
-    for (; *text >= '0' && *text <= '9'; ++text)
-        value = std::min(value * 10 + (*text - '0'), limit);
+    for (; isDigit(*text); ++text) value = std::min(value * 10 + (*text - '0'), limit);
     return {static_cast<int>(negative ? -value : value), text != digits};
 }
 
@@ -148,20 +114,6 @@ private:
     std::unique_ptr<ZULChunkedInputStream, DetachAndDelete> m_decoder;
     std::unique_ptr<ZULBufferedInputStream, DetachAndDelete> m_buffered;
 };
-
-// Calls f with each item of a list with commas.
-template <class F>
-void forEachItem(std::string_view list, F f) {
-    for (;;) {
-        std::size_t const comma = std::min(list.find(','), list.size());
-        std::string_view item = list.substr(0, comma);
-        while (!item.empty() && isAsciiSpace(item.front())) item.remove_prefix(1);
-        while (!item.empty() && isAsciiSpace(item.back())) item.remove_suffix(1);
-        f(item);
-        if (comma == list.size()) return;
-        list.remove_prefix(comma + 1);
-    }
-}
 
 }  // namespace
 
@@ -339,7 +291,7 @@ void HTTPParser::processHeader(QORByteBuffer& osline) {
     if (!colon) return;
     *colon = '\0';
     bool const needsTrimming = mayNeedTrimming(name, colon);  // its letters do not matter
-    lowerCase(name, colon);
+    toLowerCase(name, colon);
     if (needsTrimming) {
         std::string trimmed(name, colon);
         HTTPMessage::trim(trimmed);
@@ -391,7 +343,7 @@ void HTTPParser::recordContentType(char const* text) {
     if (m_policy) m_policy->judgeContentType();
     char const* const type = startOfValue(text);
     if (!*type) raise(HTTPException::HTTP_ERR_BAD_CONTENT_TYPE, kProcessHeader, __LINE__);
-    if (!beginsWith(type, "multipart/")) return;
+    if (!beginsInAnyCase(type, "multipart/")) return;
     char const* const boundary =
         m_policy ? m_policy->boundaryOf(m_header, text) : m_header.getAttribute("boundary");
     if (!boundary || !*boundary)

@@ -27,8 +27,6 @@ using parseError::raise;
 constexpr int kReadAhead = 4096;
 constexpr long long kMaxLeft = 65536;  // of a body, behind what was read of it
 
-bool isBlank(char c) { return c == ' ' || c == '\t'; }
-
 bool blankIsNext(ZULBufferedInputStream& is) {
     int have = 0;
     char const* const next = is.peek(have);
