@@ -41,17 +41,25 @@ std::vector<std::string> fields(std::string const& row) {
 
 }  // namespace
 
-TestCase::TestCase(std::string const& file, int line)
-    : m_where(file + ':' + std::to_string(line)) {}
-
 std::string const& TestCase::operator[](std::string const& key) const {
     static std::string const kNone;
+    m_read.insert(key);
     auto const found = m_values.find(key);
     return found == m_values.end() ? kNone : found->second;
 }
 
 long TestCase::number(std::string const& key) const {
-    return has(key) ? std::stol((*this)[key]) : 0;
+    std::string const& text = (*this)[key];
+    std::size_t taken = 0;
+    long const value = text.empty() ? 0 : std::stol(text, &taken);
+    if (taken != text.size()) throw std::invalid_argument(where() + ": no number: " + text);
+    return value;
+}
+
+std::string TestCase::unread() const {
+    for (auto const& [key, value] : m_values)
+        if (m_read.count(key) == 0) return key;
+    return "";
 }
 
 std::string unescaped(std::string const& text) {

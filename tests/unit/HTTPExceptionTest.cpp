@@ -6,19 +6,17 @@
 #include "foundation/HTTPException.h"
 #include "foundation/StringTokenizer.h"
 #include "support/AllocationFaults.h"
-#include "support/CaseFile.h"
 #include "support/Raised.h"
+#include "support/RowTest.h"
 
 namespace {
 
 QORFileLocation const kHere("Here", 7);
 
-TEST(HTTPException, HasATextForEachCode) {
-    for (TestCase const& c : loadCases("http_errors.txt")) {
-        auto const code = static_cast<HTTPException::plexaErrorCode>(c.number("code"));
-        char const* const text = HTTPException::getMessageString(code);
-        EXPECT_EQ(c["text"], text ? text : "null");
-    }
+TEST_ROWS(HTTPException, HasATextForEachCode, "http_errors.txt") {
+    auto const code = static_cast<HTTPException::plexaErrorCode>(c.number("code"));
+    char const* const text = HTTPException::getMessageString(code);
+    EXPECT_EQ(c["text"], text ? text : "null");
 }
 
 TEST(HTTPException, IsAssignedWithItsMessages) {

@@ -7,9 +7,9 @@
 #include "foundation/QORThrowable.h"
 
 #include "support/AllocationFaults.h"
-#include "support/CaseFile.h"
 #include "support/Raised.h"
 #include "support/ReaderConnection.h"
+#include "support/RowTest.h"
 
 namespace {
 
@@ -79,17 +79,15 @@ TEST(HTTPMessageReader, RefusesNullResultsBeforeItReads) {
     EXPECT_EQ(c.text, "");
 }
 
-TEST(HTTPMessageReader, IsUsableAfterHostileMessagesAndStaysInProportionToThem) {
-    for (char const* const file : {"messages.txt", "hostile.txt"})
-        for (TestCase const& c : loadCases(file)) {
-            SCOPED_TRACE(c.where());
-            std::string const bytes = c.has("message") ? "POST / HTTP/1.1\r\n" + c["message"]
-                                                       : c["request"] + c["response"];
-            ReaderConnection connection(bytes);
-            long const peak = peakHeapOf([&] { raisedCode([&] { connection.request(); }); });
-            EXPECT_LT(peak, std::max(1L << 20, 64 * static_cast<long>(bytes.size())));
-            expectNextRequest(connection);
-        }
+TEST_ROWS(HTTPMessageReader, IsUsableAfterHostileMessagesAndStaysInProportionToThem, "messages.txt",
+          "hostile.txt") {
+    c.skip("events");
+    std::string const bytes =
+        c.has("message") ? "POST / HTTP/1.1\r\n" + c["message"] : c["request"] + c["response"];
+    ReaderConnection connection(bytes);
+    long const peak = peakHeapOf([&] { raisedCode([&] { connection.request(); }); });
+    EXPECT_LT(peak, std::max(1L << 20, 64 * static_cast<long>(bytes.size())));
+    expectNextRequest(connection);
 }
 
 TEST(HTTPMessageReader, IsUsableAfterAFailingRead) {

@@ -4,8 +4,8 @@
 
 #include "message/HTTPMessage.h"
 #include "support/AllocationFaults.h"
-#include "support/CaseFile.h"
 #include "support/Raised.h"
+#include "support/RowTest.h"
 
 namespace {
 
@@ -91,14 +91,11 @@ struct Model {
     }
 };
 
-TEST(HTTPMessage, DoesAsItsCallsSay) {
-    for (TestCase const& c : loadCases("model_calls.txt")) {
-        SCOPED_TRACE(c.where());
-        Model model;
-        model.make(c["calls"]);
-        EXPECT_EQ(c["said"], model.said);
-        forEachFailingAllocation([&] { Model().make(c["calls"]); });
-    }
+TEST_ROWS(HTTPMessage, DoesAsItsCallsSay, "model_calls.txt") {
+    Model model;
+    model.make(c["calls"]);
+    EXPECT_EQ(c["said"], model.said);
+    forEachFailingAllocation([&] { Model().make(c["calls"]); });
 }
 
 // What it writes is framing of its parts alone, but more than a buffer can hold.

@@ -5,29 +5,12 @@
 #include "foundation/ZULBufferedInputStream.h"
 
 #include "parser/HTTPParser.h"
-#include "support/CaseFile.h"
 #include "support/EventLog.h"
 #include "support/FragmentingStream.h"
 #include "support/Raised.h"
+#include "support/RowTest.h"
 
 namespace {
-
-// One parser for all cases: each parse starts clean, whatever became of the one before.
-void expectEvents(char const* fileName) {
-    HTTPParser parser;
-    for (TestCase const& c : loadCases(fileName)) {
-        SCOPED_TRACE(c.where());
-        bool const isResponse = c.has("response");
-        auto const parse = isResponse ? &HTTPParser::parseResponse : &HTTPParser::parseRequest;
-        std::string input = c[isResponse ? "response" : "request"], events = c["events"];
-        if (c.has("message")) {
-            input = "POST / HTTP/1.1\r\n" + c["message"];
-            events = "[reset][uri /]" + events;
-        }
-        forEachReadSize(
-            [&](int step) { EXPECT_EQ(parseEvents(parser, parse, input, step), events); });
-    }
-}
 
 struct Parsing {
     explicit Parsing(std::string const& bytes, HTTPMsgHandler* handler) : wire(bytes) {
@@ -47,21 +30,25 @@ public:
 
 }  // namespace
 
-TEST(HTTPParserMessages, BecomeTheirEventsAtEveryReadSize) { expectEvents("messages.txt"); }
-
-TEST(HTTPParserMessages, OfHostilePeersEndInTheirErrorsAtEveryReadSize) {
-    expectEvents("hostile.txt");
+// One parser for all read sizes: each parse starts clean, whatever became of the one before.
+TEST_ROWS(HTTPParserMessages, BecomeTheirEventsAtEveryReadSize, "messages.txt", "hostile.txt") {
+    HTTPParser parser;
+    bool const isResponse = c.has("response");
+    auto const parse = isResponse ? &HTTPParser::parseResponse : &HTTPParser::parseRequest;
+    std::string input = c[isResponse ? "response" : "request"], events = c["events"];
+    if (c.has("message")) {
+        input = "POST / HTTP/1.1\r\n" + c["message"];
+        events = "[reset][uri /]" + events;
+    }
+    forEachReadSize([&](int step) { EXPECT_EQ(parseEvents(parser, parse, input, step), events); });
 }
 
-TEST(HTTPParserHandler, ErrorGetsAnEntryForEachLevelWhoseBodyItPassed) {
-    for (TestCase const& c : loadCases("handler_errors.txt")) {
-        SCOPED_TRACE(c.where());
-        EventLog log;
-        log.failAt(c["event"]);
-        Parsing p("POST / HTTP/1.1\r\n" + c["message"], &log);
-        std::string const trace = raisedBackTrace([&] { p.parser.parseRequest(&p.stream); });
-        EXPECT_EQ(std::count(trace.begin(), trace.end(), '\n'), c.number("entries")) << trace;
-    }
+TEST_ROWS(HTTPParserHandler, ErrorGetsAnEntryForEachLevelWhoseBodyItPassed, "handler_errors.txt") {
+    EventLog log;
+    log.failAt(c["event"]);
+    Parsing p("POST / HTTP/1.1\r\n" + c["message"], &log);
+    std::string const trace = raisedBackTrace([&] { p.parser.parseRequest(&p.stream); });
+    EXPECT_EQ(std::count(trace.begin(), trace.end(), '\n'), c.number("entries")) << trace;
 }
 
 TEST(HTTPParserHandler, MayLeaveBytesOfAChunkedBodyUnread) {

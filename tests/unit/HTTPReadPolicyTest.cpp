@@ -8,10 +8,10 @@
 #include "foundation/ZULMemoryOutputStream.h"
 
 #include "support/AllocationFaults.h"
-#include "support/CaseFile.h"
 #include "support/EventLog.h"
 #include "support/Raised.h"
 #include "support/ReaderConnection.h"
+#include "support/RowTest.h"
 
 namespace {
 
@@ -71,26 +71,23 @@ Outcome readBy(HTTPReadPolicy const& policy, std::string const& bytes, int step 
 
 }  // namespace
 
-TEST(HTTPReadPolicy, EndsHostileMessagesInTheirCodesAndReadsTheOthers) {
-    for (TestCase const& c : loadCases("policy_hostile.txt")) {
-        SCOPED_TRACE(c.where());
-        HTTPReadPolicy const policy = policyOf(c["policy"]);
-        bool const isResponse = c.has("response");
-        for (std::string const& bytes : inputs(c)) {
-            if (c.has("code")) {
-                forEachReadSize([&](int step) {
-                    EXPECT_EQ(readBy(policy, bytes, step, isResponse).code, c.number("code"));
-                });
-                continue;
-            }
-            HTTPParser parser;
-            parser.setReadPolicy(policy);
-            auto const parse = isResponse ? &HTTPParser::parseResponse : &HTTPParser::parseRequest;
-            std::string const start = isResponse ? "" : "[reset][uri /]";
+TEST_ROWS(HTTPReadPolicy, EndsHostileMessagesInTheirCodesAndReadsTheOthers, "policy_hostile.txt") {
+    HTTPReadPolicy const policy = policyOf(c["policy"]);
+    bool const isResponse = c.has("response");
+    for (std::string const& bytes : inputs(c)) {
+        if (c.has("code")) {
             forEachReadSize([&](int step) {
-                EXPECT_EQ(parseEvents(parser, parse, bytes, step), start + c["events"]);
+                EXPECT_EQ(readBy(policy, bytes, step, isResponse).code, c.number("code"));
             });
+            continue;
         }
+        HTTPParser parser;
+        parser.setReadPolicy(policy);
+        auto const parse = isResponse ? &HTTPParser::parseResponse : &HTTPParser::parseRequest;
+        std::string const start = isResponse ? "" : "[reset][uri /]";
+        forEachReadSize([&](int step) {
+            EXPECT_EQ(parseEvents(parser, parse, bytes, step), start + c["events"]);
+        });
     }
 }
 
@@ -144,21 +141,19 @@ void expectTree(std::string const& tree, std::string const& bytes, int step,
 
 }  // namespace
 
-TEST(HTTPReadPolicy, ReadsTheShapesOfStacksAtEverySplitAndNoneOfThemCut) {
-    for (TestCase const& c : loadCases("policy_shapes.txt")) {
-        SCOPED_TRACE(c.where());
-        std::string const head = kPost + ("Content-Type: " + c["type"]) + "\r\n";
-        std::string const body = multipartBody(c, false), whole = withLength(head, body);
-        std::string const tree =
-            withoutFraming(readBy({}, withLength(head, multipartBody(c, true))).tree);
-        for (std::size_t const size : {1U, 7U, 5000U})
-            forEachReadSize([&](int step) { expectTree(tree, inChunks(head, body, size), step); });
-        for (std::size_t at = 1; at < whole.size(); ++at) {
-            SCOPED_TRACE(at);
-            expectTree(tree, whole, static_cast<int>(at));
-            for (int const step : {1, kAllAtOnce})
-                EXPECT_NE(readBy(HTTPReadPolicy::hardened(), whole.substr(0, at), step).code, 0);
-        }
+TEST_ROWS(HTTPReadPolicy, ReadsTheShapesOfStacksAtEverySplitAndNoneOfThemCut, "policy_shapes.txt") {
+    SCOPED_TRACE(c["stack"]);
+    std::string const head = kPost + ("Content-Type: " + c["type"]) + "\r\n";
+    std::string const body = multipartBody(c, false), whole = withLength(head, body);
+    std::string const tree =
+        withoutFraming(readBy({}, withLength(head, multipartBody(c, true))).tree);
+    for (std::size_t const size : {1U, 7U, 5000U})
+        forEachReadSize([&](int step) { expectTree(tree, inChunks(head, body, size), step); });
+    for (std::size_t at = 1; at < whole.size(); ++at) {
+        SCOPED_TRACE(at);
+        expectTree(tree, whole, static_cast<int>(at));
+        for (int const step : {1, kAllAtOnce})
+            EXPECT_NE(readBy(HTTPReadPolicy::hardened(), whole.substr(0, at), step).code, 0);
     }
 }
 
@@ -188,37 +183,36 @@ TEST(HTTPReadPolicy, FindsDelimitersWhereverTheReadAheadEnds) {
     }
 }
 
-TEST(HTTPReadPolicy, TellsOfTheConnectionWithAndWithoutIt) {
-    for (TestCase const& c : loadCases("policy_connection.txt"))
-        for (bool const hardened : {false, true}) {
-            SCOPED_TRACE(c.where());
-            struct Peer {
-                FragmentingStream wire;
-                std::string body;
-                int asked = 0;
-            } peer{FragmentingStream(c["head"] + c["sent"]), c["body"]};
-            ZULBufferedInputStream buffered(peer.wire, 4096);
-            HTTPMessageReader reader(buffered);
-            if (hardened) reader.setReadPolicy(HTTPReadPolicy::hardened());
-            reader.setContinueCallback(
-                [](void* context) {
-                    Peer& waiting = *static_cast<Peer*>(context);
-                    waiting.wire.append(waiting.body);
-                    ++waiting.asked;
-                },
-                &peer);
-            HTTPMessage message;
-            HTTPMessage::StatusCode status;
-            std::string text;
-            raised([&] {
-                c["head"][0] == 'P' ? reader.getRequest(&message, &text)
-                                    : reader.getResponse(&message, &status, &text);
-            });
-            EXPECT_EQ(reader.getMinorVersion(), c.number("minor"));
-            EXPECT_EQ(reader.keepAlive(), c.number("keep") != 0);
-            EXPECT_EQ(peer.asked, c.number("asked"));
-            EXPECT_EQ(message.contentSize(), c.number("size"));
-        }
+TEST_ROWS(HTTPReadPolicy, TellsOfTheConnectionWithAndWithoutIt, "policy_connection.txt") {
+    for (bool const hardened : {false, true}) {
+        SCOPED_TRACE(hardened);
+        struct Peer {
+            FragmentingStream wire;
+            std::string body;
+            int asked = 0;
+        } peer{FragmentingStream(c["head"] + c["sent"]), c["body"]};
+        ZULBufferedInputStream buffered(peer.wire, 4096);
+        HTTPMessageReader reader(buffered);
+        if (hardened) reader.setReadPolicy(HTTPReadPolicy::hardened());
+        reader.setContinueCallback(
+            [](void* context) {
+                Peer& waiting = *static_cast<Peer*>(context);
+                waiting.wire.append(waiting.body);
+                ++waiting.asked;
+            },
+            &peer);
+        HTTPMessage message;
+        HTTPMessage::StatusCode status;
+        std::string text;
+        raised([&] {
+            c["head"][0] == 'P' ? reader.getRequest(&message, &text)
+                                : reader.getResponse(&message, &status, &text);
+        });
+        EXPECT_EQ(reader.getMinorVersion(), c.number("minor"));
+        EXPECT_EQ(reader.keepAlive(), c.number("keep") != 0);
+        EXPECT_EQ(peer.asked, c.number("asked"));
+        EXPECT_EQ(message.contentSize(), c.number("size"));
+    }
 }
 
 namespace {
@@ -301,19 +295,16 @@ TEST(HTTPReadPolicy, ReportsOutOfMemoryAndLeaksNothing) {
     });
 }
 
-TEST(HTTPPolicyException, KeepsItsTypeAndTellsItsStatus) {
-    for (TestCase const& c : loadCases("policy_errors.txt")) {
-        SCOPED_TRACE(c.where());
-        long const code = c.number("code");
-        auto const known = static_cast<HTTPPolicyException::PolicyErrorCode>(code);
-        EXPECT_EQ(HTTPPolicyException::getHttpStatus(HTTPException(code)), c.number("status"));
-        EXPECT_EQ(HTTPPolicyException::getMessageString(known) != nullptr, c.has("text"));
-        if (!c.has("text")) continue;
-        HTTPPolicyException error(known);
-        auto const thrown =
-            raised([&] { error.hurl(QORFileLocation("test", 1), nullptr, "QOR_THROW"); });
-        EXPECT_STREQ(thrown->getThrowableName(), "HTTPPolicyException");
-        EXPECT_EQ(textOf(*thrown), c["text"]);
-        EXPECT_EQ(backTraceText(*thrown), "QOR_THROW test\n");
-    }
+TEST_ROWS(HTTPPolicyException, KeepsItsTypeAndTellsItsStatus, "policy_errors.txt") {
+    long const code = c.number("code");
+    auto const known = static_cast<HTTPPolicyException::PolicyErrorCode>(code);
+    EXPECT_EQ(HTTPPolicyException::getHttpStatus(HTTPException(code)), c.number("status"));
+    EXPECT_EQ(HTTPPolicyException::getMessageString(known) != nullptr, c.has("text"));
+    if (!c.has("text")) return;
+    HTTPPolicyException error(known);
+    auto const thrown =
+        raised([&] { error.hurl(QORFileLocation("test", 1), nullptr, "QOR_THROW"); });
+    EXPECT_STREQ(thrown->getThrowableName(), "HTTPPolicyException");
+    EXPECT_EQ(textOf(*thrown), c["text"]);
+    EXPECT_EQ(backTraceText(*thrown), "QOR_THROW test\n");
 }

@@ -2,26 +2,23 @@
 
 #include "foundation/StringTokenizer.h"
 #include "support/AllocationFaults.h"
-#include "support/CaseFile.h"
 #include "support/Raised.h"
+#include "support/RowTest.h"
 
 namespace {
 
-TEST(StringTokenizer, SplitsAtDelimiters) {
-    for (TestCase const& c : loadCases("tokens.txt")) {
-        SCOPED_TRACE(c.where());
-        int const length = c.has("length") ? static_cast<int>(c.number("length")) : 40;
-        int const empty = static_cast<int>(c.number("empty"));
-        QORStringTokenizer part(c["text"].c_str(), length, c["delims"].c_str(), empty);
-        QORStringTokenizer whole(c["text"].c_str(), c["delims"].c_str(), empty);
-        for (QORStringTokenizer* const t : {&part, &whole}) {
-            if (t == &whole && c.has("length")) continue;
-            std::string tokens;
-            while (t->hasMoreTokens() && (!c.has("rest") || tokens != c["tokens"]))
-                tokens += std::string("[") + t->nextToken() + ']';
-            EXPECT_EQ(c["tokens"], tokens);
-            EXPECT_EQ(c["rest"], t->hasMoreTokens() ? t->theRest() : "");
-        }
+TEST_ROWS(StringTokenizer, SplitsAtDelimiters, "tokens.txt") {
+    int const length = c.has("length") ? static_cast<int>(c.number("length")) : 40;
+    int const empty = static_cast<int>(c.number("empty"));
+    QORStringTokenizer part(c["text"].c_str(), length, c["delims"].c_str(), empty);
+    QORStringTokenizer whole(c["text"].c_str(), c["delims"].c_str(), empty);
+    for (QORStringTokenizer* const t : {&part, &whole}) {
+        if (t == &whole && c.has("length")) continue;
+        std::string tokens;
+        while (t->hasMoreTokens() && (!c.has("rest") || tokens != c["tokens"]))
+            tokens += std::string("[") + t->nextToken() + ']';
+        EXPECT_EQ(c["tokens"], tokens);
+        EXPECT_EQ(c["rest"], t->hasMoreTokens() ? t->theRest() : "");
     }
 }
 

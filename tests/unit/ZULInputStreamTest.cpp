@@ -6,9 +6,9 @@
 #include "foundation/ZULInputStream.h"
 #include "foundation/ZULMemoryInputStream.h"
 
-#include "support/CaseFile.h"
 #include "support/FragmentingStream.h"
 #include "support/Raised.h"
+#include "support/RowTest.h"
 
 namespace {
 
@@ -74,20 +74,18 @@ TEST(ZULInputStream, ReadsFullyOrTellsThatTheInputEnded) {
         });
 }
 
-TEST(ZULBufferedInputStream, ReadsLinesAtEverySplit) {
-    for (TestCase const& c : loadCases("lines.txt"))
-        forEachBuffering(c["bytes"], [&](ZULBufferedInputStream& in) {
-            SCOPED_TRACE(c.where());
-            in.setMaxLine(static_cast<int>(c.number("limit")));
-            ZULBufferedInputStream copy(in);
-            std::string lines;
-            QORByteBuffer line(0, 1);
-            long const code = raisedCode([&] {
-                for (; copy.readLine(line) >= 0; line.reset()) lines += '[' + textOf(line) + ']';
-            });
-            EXPECT_EQ(c["lines"], code == 0 ? lines : lines + std::to_string(code));
-            EXPECT_GE(104U, line.pcount()) << "taken in spite of the limit";
+TEST_ROWS(ZULBufferedInputStream, ReadsLinesAtEverySplit, "lines.txt") {
+    forEachBuffering(c["bytes"], [&](ZULBufferedInputStream& in) {
+        in.setMaxLine(static_cast<int>(c.number("limit")));
+        ZULBufferedInputStream copy(in);
+        std::string lines;
+        QORByteBuffer line(0, 1);
+        long const code = raisedCode([&] {
+            for (; copy.readLine(line) >= 0; line.reset()) lines += '[' + textOf(line) + ']';
         });
+        EXPECT_EQ(c["lines"], code == 0 ? lines : lines + std::to_string(code));
+        EXPECT_GE(104U, line.pcount()) << "taken in spite of the limit";
+    });
 }
 
 TEST(ZULBufferedInputStream, GivesBackEveryByteThatWasUnread) {

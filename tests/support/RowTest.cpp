@@ -1,0 +1,44 @@
+#include "support/RowTest.h"
+
+#include <functional>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class RowTest : public ::testing::Test {
+public:
+    explicit RowTest(std::function<void()> body) : m_body(std::move(body)) {}
+    void TestBody() override { m_body(); }
+
+private:
+    std::function<void()> m_body;
+};
+
+void run(TestCase const& row, void (*body)(TestCase const&)) {
+    // Names the row as a place in a file, which editors open.
+    std::string const path = POSTWIRE_TEST_DATA "/" + row.file();
+    ::testing::ScopedTrace const trace(path.c_str(), row.line(), "this row");
+    body(row);
+    if (::testing::Test::HasFailure()) return;
+    EXPECT_EQ("", row.unread()) << "is a column that nobody looks at: misspelt?";
+}
+
+}  // namespace
+
+bool addRowTests(char const* suite, char const* behaviour, std::initializer_list<char const*> files,
+                 void (*body)(TestCase const&), char const* source, int line) {
+    auto const add = [&](std::string const& place, std::function<void()> const& test) {
+        ::testing::RegisterTest(suite, (behaviour + ('/' + place)).c_str(), nullptr, nullptr,
+                                source, line,
+                                [=]() -> ::testing::Test* { return new RowTest(test); });
+    };
+    for (std::string const file : files) try {
+            for (TestCase const& row : loadCases(file))
+                add(file + '/' + std::to_string(row.line()), [=] { run(row, body); });
+        } catch (std::exception const& e) {
+            add(file, [error = std::string(e.what())] { FAIL() << error; });
+        }
+    return true;
+}
