@@ -1,0 +1,108 @@
+#include "tools/trace/PcapFile.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
+#include <pcap/pcap.h>
+
+namespace {
+
+constexpr std::size_t kSegment = 1460;    // Ethernet's 1500 without the two headers
+constexpr std::size_t kHeader = 20;       // of IPv4 and of TCP, without options
+constexpr std::int64_t kInterval = 1000;  // microseconds between packets
+constexpr std::uint8_t kFin = 0x01, kSyn = 0x02, kPush = 0x08, kAck = 0x10;
+
+using Packet = std::array<std::uint8_t, 2 * kHeader + kSegment>;
+
+void put16(Packet& to, std::size_t at, std::uint32_t value) {
+    to[at] = static_cast<std::uint8_t>(value >> 8);
+    to[at + 1] = static_cast<std::uint8_t>(value);
+}
+
+void put32(Packet& to, std::size_t at, std::uint32_t value) {
+    put16(to, at, value >> 16);
+    put16(to, at + 2, value);
+}
+
+// The internet checksum, RFC 1071, of the bytes from `from` to `to` upon a sum begun elsewhere.
+std::uint32_t checksum(Packet const& bytes, std::size_t from, std::size_t to, std::uint32_t sum) {
+    for (std::size_t i = from; i < to; i += 2)
+        sum += static_cast<std::uint32_t>(bytes[i] << 8) + (i + 1 < to ? bytes[i + 1] : 0u);
+    while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
+    return ~sum & 0xFFFF;
+}
+
+}  // namespace
+
+void PcapFile::Closer::operator()(struct pcap* handle) const { pcap_close(handle); }
+void PcapFile::Closer::operator()(struct pcap_dumper* dumper) const { pcap_dump_close(dumper); }
+
+PcapFile::PcapFile(std::string const& path, PcapEndpoint client, PcapEndpoint server)
+    : m_path(path), m_client{client, 1000}, m_server{server, 5000} {
+    m_handle.reset(pcap_open_dead(DLT_RAW, 65535));
+    if (!m_handle) throw PcapError("out of memory");
+    m_dumper.reset(pcap_dump_open(m_handle.get(), path.c_str()));
+    if (!m_dumper) throw PcapError(pcap_geterr(m_handle.get()));
+    packet(true, kSyn, {});
+    packet(false, kSyn | kAck, {});
+    packet(true, kAck, {});
+}
+
+PcapFile::~PcapFile() = default;
+
+void PcapFile::write(bool fromClient, std::string_view bytes) {
+    if (bytes.empty()) return;  // the end of a stream
+    while (!bytes.empty()) {
+        std::string_view const segment = bytes.substr(0, kSegment);
+        bytes.remove_prefix(segment.size());
+        packet(fromClient, static_cast<std::uint8_t>(bytes.empty() ? kPush | kAck : kAck), segment);
+    }
+    packet(!fromClient, kAck, {});
+}
+
+void PcapFile::finish() {
+    packet(true, kFin | kAck, {});
+    packet(false, kFin | kAck, {});
+    packet(true, kAck, {});
+    // Flushing tells of its own failure alone, the file of those before as well.
+    bool const flushed = pcap_dump_flush(m_dumper.get()) == 0;
+    if (!flushed || std::ferror(pcap_dump_file(m_dumper.get())))
+        throw PcapError(m_path + ": could not be written");
+}
+
+void PcapFile::packet(bool fromClient, std::uint8_t flags, std::string_view bytes) {
+    Side& from = fromClient ? m_client : m_server;
+    Side const& to = fromClient ? m_server : m_client;
+    Packet p{};
+    std::size_t const size = 2 * kHeader + bytes.size();
+    std::copy(bytes.begin(), bytes.end(), p.begin() + 2 * kHeader);
+
+    p[0] = 0x45;  // version 4, five words of header
+    put16(p, 2, static_cast<std::uint32_t>(size));
+    p[6] = 0x40;  // not to be fragmented
+    p[8] = 64;    // hops
+    p[9] = 6;     // TCP
+    put32(p, 12, from.endpoint.address);
+    put32(p, 16, to.endpoint.address);
+    put16(p, 10, checksum(p, 0, kHeader, 0));
+
+    put16(p, kHeader, from.endpoint.port);
+    put16(p, kHeader + 2, to.endpoint.port);
+    put32(p, kHeader + 4, from.next);
+    put32(p, kHeader + 8, flags & kAck ? to.next : 0);
+    p[kHeader + 12] = 0x50;  // five words of header
+    p[kHeader + 13] = flags;
+    put16(p, kHeader + 14, 65535);  // window
+    // Of the pseudo header, RFC 9293 section 3.1, the addresses stand right before the segment.
+    std::uint32_t const pseudo = 6 + static_cast<std::uint32_t>(kHeader + bytes.size());
+    put16(p, kHeader + 16, checksum(p, 12, size, pseudo));
+
+    from.next += static_cast<std::uint32_t>(bytes.size()) + (flags & (kSyn | kFin) ? 1 : 0);
+    pcap_pkthdr header{};
+    header.ts.tv_sec = static_cast<decltype(header.ts.tv_sec)>(m_microseconds / 1000000);
+    header.ts.tv_usec = static_cast<decltype(header.ts.tv_usec)>(m_microseconds % 1000000);
+    header.caplen = header.len = static_cast<bpf_u_int32>(size);
+    pcap_dump(reinterpret_cast<u_char*>(m_dumper.get()), &header, p.data());
+    m_microseconds += kInterval;
+}
