@@ -3,14 +3,16 @@
 
 # What configuring and building takes, but for what one preset needs beyond it.
 packages_to_build() {
-    echo cmake ninja-build g++ googletest python3 pkg-config dpkg-dev libcli11-dev libssl-dev libpcap-dev
+    echo cmake ninja-build g++ googletest python3 pkg-config libcli11-dev libssl-dev libpcap-dev
 }
 
 # The packages that building and testing a preset takes.
 packages_of_preset() {
     packages_to_build
+    echo dpkg-dev file # for the Debian packages
     # Whom the tests let the programs talk to, and who judges what they say.
-    echo curl tshark nginx haproxy apache2-bin python3-requests python3-requests-toolbelt python3-zeep
+    echo curl tshark nginx haproxy apache2-bin \
+        python3-requests python3-requests-toolbelt python3-zeep
     case $1 in
         i386) echo g++-multilib ;;
         clang) echo clang-14 ;;

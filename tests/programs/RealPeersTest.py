@@ -128,7 +128,7 @@ class Exchanges:
             session.trust_env = False
             for i in range(100):
                 body = LARGE if i in (50, 51) else b'%d' % i
-                data = iter([body[:5], body[5:]]) if i % 2 else body
+                data = filter(None, [body[:5], body[5:]]) if i % 2 else body
                 answer = session.post(f'{self.url}/{i}', data=data, timeout=programs.TIMEOUT)
                 self.receives(body, answer.content)
 
