@@ -3,42 +3,63 @@
 # and pkg-config read. The programs are installed where they are made.
 include(CMakePackageConfigHelpers)
 
-set(package ${CMAKE_INSTALL_LIBDIR}/cmake/postwire)
 set_target_properties(qorcore zulstream postwire PROPERTIES INSTALL_RPATH $ORIGIN)
-install(TARGETS qorcore zulstream postwire EXPORT postwire
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
-install(TARGETS TOV_Crypto_Interface
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library)
-file(GLOB headers CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/src src/*/*.h)
-foreach(header IN LISTS headers)
-  file(STRINGS src/${header} shown REGEX POSTWIRE_EXPORT LIMIT_COUNT 1)
-  if(shown)
-    get_filename_component(folder ${header} DIRECTORY)
-    install(FILES src/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/postwire/${folder}
-      COMPONENT development)
-  endif()
-endforeach()
-install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
-  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/postwire COMPONENT development)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs
-  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/postwire COMPONENT development
-  PATTERN man EXCLUDE)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples
-  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/postwire COMPONENT development
-  FILES_MATCHING PATTERN "*.cpp")
-
-install(EXPORT postwire NAMESPACE postwire:: FILE postwire-config.cmake
-  DESTINATION ${package} COMPONENT development)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/postwire-config-version.cmake
   COMPATIBILITY SameMinorVersion)
-install(FILES ${PROJECT_BINARY_DIR}/postwire-config-version.cmake
-  DESTINATION ${package} COMPONENT development)
+file(GLOB headers CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/src src/*/*.h)
 
-# The prefix is wherever the file is found, so that an installed tree can be moved.
-file(RELATIVE_PATH to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
-string(REGEX REPLACE "/$" "" to_prefix ${to_prefix})
-file(RELATIVE_PATH libraries ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
-file(RELATIVE_PATH headers ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
-configure_file(${PROJECT_SOURCE_DIR}/cmake/postwire.pc.in ${PROJECT_BINARY_DIR}/postwire.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/postwire.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+# postwire_install(LIBDIR LIBRARY DEVELOPMENT [EXCLUDE_FROM_ALL]): as these two components, with the
+# libraries in LIBDIR.
+function(postwire_install libdir library development)
+  set(package ${libdir}/cmake/postwire)
+  install(TARGETS qorcore zulstream postwire EXPORT ${development}
+    LIBRARY DESTINATION ${libdir} COMPONENT ${library} NAMELINK_COMPONENT ${development} ${ARGN})
+  install(TARGETS TOV_Crypto_Interface
+    LIBRARY DESTINATION ${libdir} COMPONENT ${library} ${ARGN})
+  foreach(header IN LISTS headers)
+    file(STRINGS src/${header} shown REGEX POSTWIRE_EXPORT LIMIT_COUNT 1)
+    if(shown)
+      get_filename_component(folder ${header} DIRECTORY)
+      install(FILES src/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/postwire/${folder}
+        COMPONENT ${development} ${ARGN})
+    endif()
+  endforeach()
+  set(doc ${CMAKE_INSTALL_DATAROOTDIR}/doc/postwire)
+  install(FILES README.md CHANGELOG.md DESTINATION ${doc} COMPONENT ${development} ${ARGN})
+  install(DIRECTORY docs DESTINATION ${doc} COMPONENT ${development} ${ARGN}
+    PATTERN man EXCLUDE)
+  install(DIRECTORY examples DESTINATION ${doc} COMPONENT ${development} ${ARGN}
+    FILES_MATCHING PATTERN "*.cpp")
+
+  install(EXPORT ${development} NAMESPACE postwire:: FILE postwire-config.cmake
+    DESTINATION ${package} COMPONENT ${development} ${ARGN})
+  install(FILES ${PROJECT_BINARY_DIR}/postwire-config-version.cmake
+    DESTINATION ${package} COMPONENT ${development} ${ARGN})
+
+  # The prefix is wherever the file is found, so that an installed tree can be moved.
+  cmake_path(ABSOLUTE_PATH libdir BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} OUTPUT_VARIABLE folder)
+  file(RELATIVE_PATH to_prefix ${folder}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+  string(REGEX REPLACE "/$" "" to_prefix ${to_prefix})
+  file(RELATIVE_PATH libraries ${CMAKE_INSTALL_PREFIX} ${folder})
+  file(RELATIVE_PATH headers ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+  set(pc ${PROJECT_BINARY_DIR}/pkgconfig/${development}/postwire.pc)
+  configure_file(cmake/postwire.pc.in ${pc} @ONLY)
+  install(FILES ${pc} DESTINATION ${libdir}/pkgconfig COMPONENT ${development} ${ARGN})
+endfunction()
+
+postwire_install(${CMAKE_INSTALL_LIBDIR} library development)
+
+# postwire_compress(FILE RESULT): the file as Debian wants manual pages and changelogs, the same bytes
+# each time; as it is where there is no gzip.
+find_program(GZIP gzip)
+function(postwire_compress file result)
+  if(GZIP)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
+    get_filename_component(name ${file} NAME)
+    set(compressed ${CMAKE_CURRENT_BINARY_DIR}/${name}.gz)
+    execute_process(COMMAND ${GZIP} -9n INPUT_FILE ${file} OUTPUT_FILE ${compressed}
+      COMMAND_ERROR_IS_FATAL ANY)
+    set(file ${compressed})
+  endif()
+  set(${result} ${file} PARENT_SCOPE)
+endfunction()

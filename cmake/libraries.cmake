@@ -37,6 +37,8 @@ file(GLOB sources CONFIGURE_DEPENDS platform/resolver/*.cpp)
 add_library(TOV_Crypto_Interface MODULE ${sources})
 target_include_directories(TOV_Crypto_Interface PRIVATE ${PROJECT_SOURCE_DIR}/src)
 target_link_libraries(TOV_Crypto_Interface PRIVATE postwire_warnings)
+# It stands among shared libraries, where Debian expects each to have a name.
+target_link_options(TOV_Crypto_Interface PRIVATE LINKER:-soname,libTOV_Crypto_Interface.so)
 set_target_properties(TOV_Crypto_Interface PROPERTIES
   CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
 # Loaded by the core library when a host or a port is resolved, so built wherever that is.

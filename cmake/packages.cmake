@@ -1,12 +1,12 @@
 # Debian packages, by cpack -G DEB in the build folder: the libraries, what developing with them
 # takes, and the programs with their man pages.
 set(CPACK_GENERATOR DEB)
-set(CPACK_COMPONENTS_ALL library development)
+set(CPACK_COMPONENTS_ALL package_library package_development)
 if(TARGET postwire-serve)
   list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
 if(NOT CPACK_PACKAGE_CONTACT)
-  set(CPACK_PACKAGE_CONTACT "postwire <postwire@localhost>")
+  set(CPACK_PACKAGE_CONTACT "postwire <postwire@example.com>")
 endif()
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
@@ -14,18 +14,35 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+
+# Where Debian keeps libraries, so that those of two architectures stand side by side.
+set(libdir ${CMAKE_INSTALL_LIBDIR})
 if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND CMAKE_SYSTEM_PROCESSOR MATCHES "86")
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386)
+  set(libdir lib/i386-linux-gnu)
+elseif(CMAKE_LIBRARY_ARCHITECTURE)
+  set(libdir lib/${CMAKE_LIBRARY_ARCHITECTURE})
 endif()
+postwire_install(${libdir} package_library package_development EXCLUDE_FROM_ALL)
 
 # What the system's libraries are called is asked of dpkg-shlibdeps, where it is installed.
 find_program(SHLIBDEPS dpkg-shlibdeps)
 if(SHLIBDEPS)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+  if(CPACK_DEBIAN_PACKAGE_ARCHITECTURE STREQUAL i386)
+    file(WRITE ${PROJECT_BINARY_DIR}/packages/settings.cmake
+      "set(SHLIBDEPS_EXECUTABLE ${PROJECT_SOURCE_DIR}/cmake/shlibdeps-i386)\n")
+    set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_BINARY_DIR}/packages/settings.cmake)
+  endif()
 else()
   message(STATUS "Packages name no system libraries they need (Debian package dpkg-dev)")
 endif()
+
+# The same in the packages of every architecture, else they would not stand side by side.
+set(folder ${PROJECT_BINARY_DIR}/packages)
+configure_file(cmake/changelog ${folder}/changelog @ONLY)
+postwire_compress(${folder}/changelog changelog)
 
 # postwire_package(COMPONENT NAME SECTION SUMMARY [COMPONENT...]): and the components it needs.
 function(postwire_package component name section summary)
@@ -34,11 +51,16 @@ function(postwire_package component name section summary)
   set(CPACK_DEBIAN_${key}_PACKAGE_SECTION ${section} PARENT_SCOPE)
   set(CPACK_COMPONENT_${key}_DESCRIPTION "${PROJECT_DESCRIPTION}: ${summary}" PARENT_SCOPE)
   set(CPACK_COMPONENT_${key}_DEPENDS ${ARGN} PARENT_SCOPE)
+  install(FILES cmake/copyright ${changelog} COMPONENT ${component} EXCLUDE_FROM_ALL
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${name})
 endfunction()
 
-postwire_package(library libpostwire${POSTWIRE_SOVERSION} libs "shared libraries")
-postwire_package(development libpostwire-dev libdevel "development files" library)
-postwire_package(tools postwire-tools web "command-line programs" library)
+# A second line is a field of its own: CPack has no word for Multi-Arch before 3.31.
+set(same "\nMulti-Arch: same")
+postwire_package(package_library libpostwire${POSTWIRE_SOVERSION} "libs${same}" "shared libraries")
+postwire_package(package_development libpostwire-dev "libdevel${same}" "development files"
+  package_library)
+postwire_package(tools postwire-tools web "command-line programs" package_library)
 
 # Who links the libraries needs their package. CPack's own way to say so complains about the
 # resolver module, which nobody links.
@@ -46,6 +68,7 @@ foreach(library IN ITEMS postwire qorcore zulstream)
   string(APPEND shlibs "lib${library} ${POSTWIRE_SOVERSION} "
     "libpostwire${POSTWIRE_SOVERSION} (>= ${PROJECT_VERSION})\n")
 endforeach()
-file(WRITE ${PROJECT_BINARY_DIR}/packages/shlibs "${shlibs}")
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/packages/shlibs)
+file(WRITE ${folder}/shlibs "${shlibs}")
+file(WRITE ${folder}/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_PACKAGE_LIBRARY_PACKAGE_CONTROL_EXTRA ${folder}/shlibs ${folder}/triggers)
 include(CPack)

@@ -74,6 +74,8 @@ def package_of(path):
 
 
 def check_packages(folder, build, cpack, installed):
+    """They hold what is installed, the libraries in the folder of their architecture, and what
+    Debian asks of every package."""
     run(cpack, '-G', 'DEB', '-B', folder, '--config', build / 'CPackConfig.cmake')
     packages = sorted(folder.glob('*.deb'))
     assert [path.name.split('_')[0] for path in packages] == [
@@ -81,8 +83,10 @@ def check_packages(folder, build, cpack, installed):
     for path in packages:
         name = path.name.split('_')[0]
         run('dpkg-deb', '-x', path, folder / name)
-        held = files_under(folder / name / 'usr')
+        held = {re.sub('^lib/[^/]+-linux-gnu/', 'lib/', file)
+                for file in files_under(folder / name / 'usr')}
         expected = {file for file in installed if package_of(file) == name}
+        expected |= {f'share/doc/{name}/{file}' for file in ('copyright', 'changelog.gz')}
         assert held == expected, (name, held ^ expected)
         needs = run('dpkg-deb', '-f', path, 'Depends')
         assert ('libpostwire0 (= ' in needs) == (name != 'libpostwire0'), (name, needs)
