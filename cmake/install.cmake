@@ -18,7 +18,8 @@ function(postwire_install libdir library development)
     LIBRARY DESTINATION ${libdir} COMPONENT ${library} ${ARGN})
   foreach(header IN LISTS headers)
     file(STRINGS src/${header} shown REGEX POSTWIRE_EXPORT LIMIT_COUNT 1)
-    if(shown)
+    # And what a public class holds by value.
+    if(shown OR header STREQUAL message/HeaderLines.h)
       get_filename_component(folder ${header} DIRECTORY)
       install(FILES src/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/postwire/${folder}
         COMPONENT ${development} ${ARGN})

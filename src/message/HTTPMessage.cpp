@@ -17,6 +17,8 @@
 
 static char const kSourceFile[] = "HTTPMessage";
 
+using postwire::internal::HeaderLine;
+
 namespace {
 
 // The rule of HTTPMessage::trim.
@@ -26,13 +28,15 @@ std::string_view trimmed(std::string_view text) {
     return quoted ? withoutSpaces(text.substr(1, text.size() - 2)) : text;
 }
 
-// Behind the text's zero byte.
-char const* endOf(char const* text) { return text + std::strlen(text) + 1; }
+// A search for a name walks over the lines that are kept. They are those of a usual head; of more,
+// up to all of a hostile one, all are sorted in, so that the cost of look-ups stays in proportion.
+constexpr std::size_t kMaxSearched = 4096;
+// Lines that are written in their order without being stored in it: more than a node usually has,
+// few enough to be sorted on the stack.
+constexpr std::size_t kMaxSortedInPlace = 16;
 
-// Bytes of header lines that may be searched for a name where they stand.
-constexpr std::size_t kLookedThrough = 4096;
-// Headers that are written in their order without being stored in it.
-constexpr std::size_t kSortedInPlace = 16;
+// Its lines can't be joined into one, RFC 9110 section 5.3.
+bool isRepeatable(char const* name) { return compareInAnyCase(name, "set-cookie") == 0; }
 
 void append(QORByteBuffer& buf, std::string_view text) {
     buf.appendChars(text.data(), static_cast<unsigned int>(text.size()));
@@ -56,36 +60,36 @@ std::uint64_t chunkDumpSize(std::uint64_t bytes) {
 
 // HTTPHeader
 
-HTTPHeader::HTTPHeader() : m_quoted(0), m_unread(false), m_source(nullptr) {}
+HTTPHeader::HTTPHeader() : m_quoted(0), m_borrowed(nullptr) {}
 
 HTTPHeader::HTTPHeader(char const* value) : HTTPHeader() { setValue(value); }
 
-// A copy may outlive the text that was lent to the other header.
+HTTPHeader::HTTPHeader(HeaderLine const& line) : HTTPHeader() { parseText(line.text()); }
+
+// A copy may outlive the line that the other header borrows.
 HTTPHeader::HTTPHeader(HTTPHeader const& other)
     : m_value(other.m_value),
       m_attributes(other.m_attributes),
       m_quoted(other.m_quoted),
-      m_unread(false),
-      m_source(nullptr) {
-    if (other.m_unread) parse(other.m_source);
+      m_borrowed(nullptr) {
+    if (other.m_borrowed) parseText(other.m_borrowed->text());
 }
 
 HTTPHeader::~HTTPHeader() = default;
 
 HTTPHeader& HTTPHeader::operator=(HTTPHeader const& other) {
+    if (this == &other) return *this;
     HTTPHeader copy(other);
-    take(copy);
+    moveFrom(copy);
     return *this;
 }
 
-// Takes over what another one holds that has been taken apart, and leaves it empty.
-void HTTPHeader::take(HTTPHeader& other) {
-    if (this == &other) return;
+// The other one, which has been taken apart, is left empty.
+void HTTPHeader::moveFrom(HTTPHeader& other) {
     m_value.swap(other.m_value);
     m_attributes.swap(other.m_attributes);
     m_quoted = other.m_quoted;
-    m_unread = false;
-    m_source = nullptr;
+    m_borrowed = nullptr;
     other.reset();
 }
 
@@ -93,28 +97,25 @@ void HTTPHeader::reset() {
     m_value.clear();
     m_attributes.clear();
     m_quoted = 0;
-    m_unread = false;
-    m_source = nullptr;
+    m_borrowed = nullptr;
 }
 
 void HTTPHeader::setValue(char const* value) {
     QOR_ASSERT(value);
-    takeApart();
-    m_source = nullptr;
+    parseBorrowed();
     m_value = value;
     m_quoted = 0;
 }
 
 char const* HTTPHeader::getValue() {
-    takeApart();
+    parseBorrowed();
     return m_value.c_str();
 }
 
 void HTTPHeader::setAttribute(char const* field, char const* value) {
     QOR_ASSERT(field);
     QOR_ASSERT(value);
-    takeApart();
-    m_source = nullptr;
+    parseBorrowed();
     storeAttribute(field, value);
 }
 
@@ -128,32 +129,29 @@ void HTTPHeader::storeAttribute(std::string_view name, std::string_view value) {
 
 char const* HTTPHeader::getAttribute(char const* field) {
     QOR_ASSERT(field);
-    takeApart();
+    parseBorrowed();
     auto const found = m_attributes.find(std::string_view(field));
     return found == m_attributes.end() ? nullptr : found->second.c_str();
 }
 
 void HTTPHeader::parse(char const* pvalue) {
     QOR_ASSERT(pvalue);
-    takeApart();
-    m_source = nullptr;
+    parseBorrowed();
     if (holds(pvalue))
         parseText(std::string(pvalue));
     else
         parseText(pvalue);
 }
 
-void HTTPHeader::parseLater(char const* pvalue) {
-    QOR_ASSERT(pvalue);
+void HTTPHeader::borrow(HeaderLine const& line) {
     reset();
-    m_source = pvalue;
-    m_unread = true;
+    m_borrowed = &line;
 }
 
-void HTTPHeader::takeApart() {
-    if (!m_unread) return;
-    parseText(m_source);
-    m_unread = false;
+void HTTPHeader::parseBorrowed() {
+    if (!m_borrowed) return;
+    parseText(m_borrowed->text());
+    m_borrowed = nullptr;
 }
 
 // Whether the text is one of our own, which storing parts of it would change under way.
@@ -182,7 +180,7 @@ void HTTPHeader::parseText(std::string_view text) {
 }
 
 void HTTPHeader::dump(QORByteBuffer& buf) {
-    takeApart();
+    parseBorrowed();
     if (m_quoted) buf << '"';
     append(buf, m_value);
     for (auto const& [name, value] : m_attributes) {
@@ -195,7 +193,7 @@ void HTTPHeader::dump(QORByteBuffer& buf) {
 }
 
 std::size_t HTTPHeader::dumpSize() {
-    takeApart();
+    parseBorrowed();
     std::size_t size = m_value.size() + (m_quoted ? 2 : 0);
     for (auto const& [name, value] : m_attributes) size += name.size() + value.size() + 3;
     return size;
@@ -207,141 +205,147 @@ bool httphdr_CaseInsensitiveStringComparePredicate::operator()(char const* a, ch
     return compareInAnyCase(a, b) < 0;
 }
 
-HTTPHeaders::HTTPHeaders() : m_settled(0) {}
+HTTPHeaders::HTTPHeaders() = default;
 
 HTTPHeaders::~HTTPHeaders() = default;
 
 HTTPHeader* HTTPHeaders::getHeader(char const* field) {
     QOR_ASSERT(field);
-    settle(field);
-    auto const found = m_headers.lower_bound(field);
-    bool const equal =
-        found != m_headers.end() && compareInAnyCase(field, found->first.c_str()) == 0;
-    return equal ? &found->second : nullptr;
+    auto const found = findEntry(field);
+    return found == m_headers.end() ? nullptr : &found->second;
 }
 
 HTTPHeader* HTTPHeaders::setHeader(char const* name, HTTPHeader* phdr) {
     QOR_ASSERT(name);
     QOR_ASSERT(phdr);
-    settle(name);
+    if (!isRepeatable(name) && getHeader(name) == phdr) return phdr;
     HTTPHeader copy(*phdr);
-    return store(name, copy);
+    return takeHeader(name, copy);
 }
 
 HTTPHeader* HTTPHeaders::takeHeader(char const* name, HTTPHeader& header) {
     QOR_ASSERT(name);
-    settle(name);
-    return store(name, header);
+    header.parseBorrowed();
+    HTTPHeader& stored = entryToSet(name)->second;
+    if (&stored != &header) stored.moveFrom(header);
+    return &stored;
 }
 
-void HTTPHeaders::addHeader(char const* name, HTTPHeader* phdr) {
+void HTTPHeaders::addLine(char const* name, HTTPHeader* phdr) {
     QOR_ASSERT(name);
     QOR_ASSERT(phdr);
-    if (!phdr->m_source) {
+    HeaderLine const* const line = phdr->m_borrowed;
+    if (!line || hasEntry(name))
         setHeader(name, phdr);
-        return;
-    }
-    char const* const text = phdr->m_source;
-    std::size_t const nameSize = std::strlen(name) + 1;
-    std::size_t const textSize = std::strlen(text) + 1;
-    std::size_t const size = m_added.size() + nameSize + textSize;
-    // Room first, so that no half of an entry is left behind; at once for a usual message.
-    if (size > m_added.capacity()) m_added.reserve(std::max<std::size_t>(size, 512));
-    if (text == name + nameSize)  // in one line, cut in two where it stands
-        m_added.append(name, nameSize + textSize);
+    else if (name == line->bytes)
+        m_lines.add(*line);
     else
-        m_added.append(name, nameSize).append(text, textSize);
+        m_lines.add(name, line->text());
 }
 
-// The entry at that offset, sorted in; the offset behind it.
-std::size_t HTTPHeaders::storeAdded(std::size_t at) {
-    char const* const name = &m_added[at];
-    char const* const text = endOf(name);
+void HTTPHeaders::addLine(char const* name, char const* pvalue) {
+    QOR_ASSERT(pvalue);
+    QOR_ASSERT(name);
+    if (!hasEntry(name)) return m_lines.add(name, pvalue);
     HTTPHeader header;
-    header.parse(text);
-    store(name, header);
-    return static_cast<std::size_t>(endOf(text) - m_added.data());
+    header.parse(pvalue);
+    takeHeader(name, header);
 }
 
-// Entry by entry: when memory runs out, what is not sorted in yet is left for the next time.
-void HTTPHeaders::settle() {
-    while (m_settled != m_added.size()) m_settled = storeAdded(m_settled);
-    if (m_settled == 0) return;
-    std::string().swap(m_added);
-    m_settled = 0;
+bool HTTPHeaders::hasEntry(char const* name) const {
+    return !m_headers.empty() && m_headers.find(name) != m_headers.end();
 }
 
-// The entries of that name alone: few names of a message are ever asked for. Long blocks are not
-// looked through again and again.
-void HTTPHeaders::settle(char const* name) {
-    if (m_added.size() > kLookedThrough) {
-        settle();
-        return;
+// The first entry of that name. Of lines that are kept of it, the first names the entry and the
+// last gives its value, but where each is an entry of its own.
+HTTPHeaders::Entries::iterator HTTPHeaders::findEntry(char const* name) {
+    storeManyLines();
+    auto const at = m_headers.lower_bound(name);
+    if (at != m_headers.end() && compareInAnyCase(at->first.c_str(), name) == 0) return at;
+    auto const first = m_lines.find(name);
+    if (first == m_lines.end()) return m_headers.end();
+    auto last = first;
+    for (auto line = first; line != m_lines.end() && !isRepeatable(name);
+         line = m_lines.find(name, ++line))
+        last = line;
+    auto const entry =
+        m_headers.emplace_hint(at, std::piecewise_construct, std::forward_as_tuple((*first).name()),
+                               std::forward_as_tuple(*last));
+    for (auto line = first;; line = m_lines.find(name, line)) {
+        m_lines.remove(line);
+        if (line == last) return entry;
     }
-    for (std::size_t at = m_settled; at != m_added.size();) {
-        char const* const entry = &m_added[at];
-        if (compareInAnyCase(entry, name) == 0)
-            m_added.erase(at, storeAdded(at) - at);
-        else
-            at = static_cast<std::size_t>(endOf(endOf(entry)) - m_added.data());
-    }
 }
 
-// Takes over what the header holds. Behind its equals, where a set-cookie is added; any other takes
-// the place of the one before.
-HTTPHeader* HTTPHeaders::store(char const* name, HTTPHeader& header) {
-    header.takeApart();
-    auto at = m_headers.upper_bound(name);
-    auto const isRepeated = [&](std::string const& before) {
-        return compareInAnyCase(before.c_str(), name) == 0 &&
-               compareInAnyCase(name, "set-cookie") != 0;
-    };
-    if (at != m_headers.begin() && isRepeated(std::prev(at)->first))
-        --at;
-    else
-        at = m_headers.emplace_hint(at, std::piecewise_construct, std::forward_as_tuple(name),
-                                    std::tuple<>());
-    at->second.take(header);
-    return &at->second;
+// The entry whose value is to be replaced, or a new one behind its equals.
+HTTPHeaders::Entries::iterator HTTPHeaders::entryToSet(char const* name) {
+    if (isRepeatable(name))
+        storeLines();
+    else if (auto const entry = findEntry(name); entry != m_headers.end())
+        return entry;
+    return m_headers.emplace_hint(m_headers.upper_bound(name), std::piecewise_construct,
+                                  std::forward_as_tuple(name), std::tuple<>());
+}
+
+// Where there are too many of them to be searched.
+void HTTPHeaders::storeManyLines() {
+    if (m_lines.size() > kMaxSearched) storeLines();
+}
+
+// All or nothing: when memory runs out, the lines are still kept.
+void HTTPHeaders::storeLines() {
+    if (m_lines.size() == 0) return;
+    HTTPHeaders stored;
+    for (HeaderLine const line : m_lines) {
+        HTTPHeader header(line);
+        stored.takeHeader(line.bytes, header);
+    }
+    m_headers.merge(stored.m_headers);
+    m_lines.release();
 }
 
 void HTTPHeaders::removeHeader(char const* name) {
     QOR_ASSERT(name);
-    settle(name);
+    storeManyLines();
+    for (auto line = m_lines.find(name); line != m_lines.end(); line = m_lines.find(name, line))
+        m_lines.remove(line);
     auto const [first, last] = m_headers.equal_range(name);
     m_headers.erase(first, last);
 }
 
 void HTTPHeaders::dump(QORByteBuffer& buf) {
-    if (m_headers.empty() && dumpAdded(buf)) return;
-    settle();
+    if (m_headers.empty() && dumpLines(buf)) return;
+    storeLines();
     for (auto& [name, header] : m_headers) dumpLine(buf, name, header);
 }
 
-// What was added, straight from its texts: staged headers are written once and never asked for.
-// False where they are many, or a name is repeated: that takes the collection to sort out.
-bool HTTPHeaders::dumpAdded(QORByteBuffer& buf) {
-    std::array<char const*, kSortedInPlace> names;
-    auto const begin = names.begin();
+// The lines that are kept, straight from their texts: staged headers are written once and never
+// asked for. False where they are many, or a name is repeated: that takes the collection to sort
+// out.
+bool HTTPHeaders::dumpLines(QORByteBuffer& buf) {
+    std::array<HeaderLine, kMaxSortedInPlace> lines;
+    auto const begin = lines.begin();
     auto end = begin;
-    for (std::size_t at = m_settled; at != m_added.size(); ++end) {
-        if (end == names.end()) return false;
-        *end = &m_added[at];
-        at = static_cast<std::size_t>(endOf(endOf(*end)) - m_added.data());
+    for (HeaderLine const line : m_lines) {
+        if (end == lines.end()) return false;
+        *end++ = line;
     }
-    std::sort(begin, end, [](char const* a, char const* b) { return compareInAnyCase(a, b) < 0; });
-    auto const same = [](char const* a, char const* b) { return compareInAnyCase(a, b) == 0; };
+    auto const order = [](HeaderLine const& a, HeaderLine const& b) {
+        return compareInAnyCase(a.bytes, b.bytes);
+    };
+    std::sort(begin, end, [&](auto const& a, auto const& b) { return order(a, b) < 0; });
+    auto const same = [&](auto const& a, auto const& b) { return order(a, b) == 0; };
     if (std::adjacent_find(begin, end, same) != end) return false;
     HTTPHeader header;
-    for (auto name = begin; name != end; ++name) {
-        header.parseLater(endOf(*name));
-        dumpLine(buf, *name, header);
+    for (auto line = begin; line != end; ++line) {
+        header.borrow(*line);
+        dumpLine(buf, line->name(), header);
     }
     return true;
 }
 
 std::size_t HTTPHeaders::dumpSize() {
-    settle();
+    storeLines();
     std::size_t size = 0;
     for (auto& [name, header] : m_headers) size += name.size() + header.dumpSize() + 4;
     return size;
@@ -349,8 +353,7 @@ std::size_t HTTPHeaders::dumpSize() {
 
 void HTTPHeaders::reset() {
     m_headers.clear();
-    m_added.clear();
-    m_settled = 0;
+    m_lines.clear();
 }
 
 // VecpHTTPMessages
@@ -420,7 +423,7 @@ void HTTPMessage::reset() {
 }
 
 void HTTPMessage::dump(QORByteBuffer& buf, int chunksize) {
-    QOR_ASSERT(chunksize >= 0);
+    if (!m_pParts) QOR_ASSERT(chunksize >= 0);
     setFraming(chunksize);
     // Room for the whole tree at once: no byte of a body is moved after it has been copied, and
     // when memory runs out nothing has been written.

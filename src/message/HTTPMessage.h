@@ -11,6 +11,8 @@
 #include "foundation/Export.h"
 #include "foundation/QORByteBuffer.h"
 
+#include "message/HeaderLines.h"
+
 // The value of one header field: a main value, attributes ("; name=value") and whether it is
 // written between double quotes. The field's name is the key in HTTPHeaders.
 //
@@ -28,7 +30,7 @@ public:
     HTTPHeader(char const* value);
     HTTPHeader(HTTPHeader const&);
 
-    // All or nothing: when it raises, the header is as it was.
+    // All or nothing: when it raises, the header is as it was. Of itself it does nothing.
     HTTPHeader& operator=(HTTPHeader const&);
     virtual ~HTTPHeader();
 
@@ -56,18 +58,22 @@ public:
     // parsed into again and again.
     void reset();
 
-    // As reset and parse, but the text is borrowed until the header next changes, and taken apart
-    // when it is first asked for: most headers of a message are never looked at.
-    void parseLater(char const* pvalue);
-
     // The number of bytes that dump appends.
     std::size_t dumpSize();
 
+    // As parse of the line's text into a new header. For HTTPHeaders, which keeps lines.
+    explicit HTTPHeader(postwire::internal::HeaderLine const& line);
+
 private:
     friend class HTTPHeaders;
+    friend class HTTPParser;
 
-    void takeApart();
-    void take(HTTPHeader& other);
+    // As reset and parse of the line's text, which is taken apart when the header is first asked
+    // or changed: most headers of a message never are. Line and bytes must live until then.
+    void borrow(postwire::internal::HeaderLine const& line);
+
+    void parseBorrowed();
+    void moveFrom(HTTPHeader& other);
     void parseText(std::string_view text);
     void storeAttribute(std::string_view name, std::string_view value);
     bool holds(char const* text) const;
@@ -75,8 +81,7 @@ private:
     std::string m_value;
     std::map<std::string, std::string, std::less<>> m_attributes;
     int m_quoted;
-    bool m_unread;         // the text of parseLater has not been taken apart
-    char const* m_source;  // that text, as long as it tells all that the header says, or null
+    postwire::internal::HeaderLine const* m_borrowed;  // null once its text is taken apart
 };
 
 // Orders field names as strcasecmp does in the POSIX locale: letters without their case, bytes
@@ -96,8 +101,9 @@ struct httphdr_CaseInsensitiveStringComparePredicate {
 // The header fields of one message, sorted by name without regard to case.
 //
 // Ownership: copies names and values. A pointer to a stored value is good until that entry is
-//   removed; what is changed through it is changed here.
-// Raises: QORAssertError for a null argument; std::bad_alloc. The collection is then as it was.
+//   removed; what is changed through it is changed here, and a later value of its name shows in it.
+// Raises: QORAssertError for a null argument; std::bad_alloc, from a look-up, too, that is the
+//   first to ask for a text. The collection is then as it was.
 // Rule: one entry a name, but for "set-cookie", which can't be joined into one line (RFC 9110
 //   section 5.3) and is added each time. An entry keeps the letter case in which it was first
 //   named. Names and values go out as given: whoever takes them from outside keeps CR and LF away.
@@ -111,7 +117,8 @@ public:
     // The first entry of that name, or null.
     HTTPHeader* getHeader(char const* field);
 
-    // Stores a copy of the header; the stored one.
+    // Stores a copy of the header; the stored one. Given that one, it does nothing, unless the name
+    // is "set-cookie".
     HTTPHeader* setHeader(char const* name, HTTPHeader* phdr);
 
     // All entries of that name.
@@ -121,27 +128,37 @@ public:
     void dump(QORByteBuffer& buf);
     void reset();
 
-    // As setHeader, but moves what the header holds instead of copying it, and leaves it empty.
+    // As setHeader, but moves what the header holds instead of copying it, and leaves it empty,
+    // unless it is the stored one.
     HTTPHeader* takeHeader(char const* name, HTTPHeader& header);
-
-    // As setHeader, for callers that don't need the stored header. The text that parseLater gave
-    // to the header is only copied, and sorted in when its name, or all of them, are next asked for
-    // or changed.
-    void addHeader(char const* name, HTTPHeader* phdr);
 
     // The number of bytes that dump appends.
     std::size_t dumpSize();
 
 private:
-    HTTPHeader* store(char const* name, HTTPHeader& header);
-    void settle();
-    void settle(char const* name);
-    std::size_t storeAdded(std::size_t at);
-    bool dumpAdded(QORByteBuffer& buf);
+    using Entries =
+        std::multimap<std::string, HTTPHeader, httphdr_CaseInsensitiveStringComparePredicate>;
 
-    std::multimap<std::string, HTTPHeader, httphdr_CaseInsensitiveStringComparePredicate> m_headers;
-    std::string m_added;    // by addHeader: names and texts with their zero bytes
-    std::size_t m_settled;  // bytes of m_added that are sorted in
+    // They stage what may never be asked for.
+    friend class HTTPMOMMsgHandler;
+    friend class HttpMsgNode;
+
+    // As setHeader of what the parser reports, or of a header parsed from the text. Where there is
+    // no entry of that name, the line is only copied.
+    void addLine(char const* name, HTTPHeader* phdr);
+    void addLine(char const* name, char const* pvalue);
+
+    Entries::iterator findEntry(char const* name);
+    Entries::iterator entryToSet(char const* name);
+    bool hasEntry(char const* name) const;
+    void storeLines();
+    void storeManyLines();
+    bool dumpLines(QORByteBuffer& buf);
+
+    Entries m_headers;
+    // Of names that have no entry, so that one can be pointed to; set-cookie lines, which are added
+    // behind their entries, of any.
+    postwire::internal::HeaderLines m_lines;
 };
 
 class HTTPMessage;
@@ -201,7 +218,8 @@ public:
     // chunksize is 0, or "Transfer-Encoding: chunked", in chunks of at most chunksize bytes (RFC
     // 9112 section 7.1), where it is positive. Parts stand between lines of this message's
     // boundary, RFC 2046 section 5.1.1, each with a Content-Length or parts of its own; a body
-    // beside parts is not written. A chunked dump leaves `buf` in hexadecimal mode.
+    // beside parts is not written. A chunked dump leaves `buf` in hexadecimal mode. A chunksize
+    // below 0 fails an assertion, but for a message with parts, which ignores it.
     void dump(QORByteBuffer& buf, int chunksize);
 
     // Removes white space (blank, \t, \n, \v, \f, \r) at both ends, then one pair of double quotes

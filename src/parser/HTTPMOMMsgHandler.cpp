@@ -41,8 +41,7 @@ void HTTPMOMMsgHandler::setStatusMessage(char const* text) { m_statusMessage = t
 
 void HTTPMOMMsgHandler::header(char const* name, HTTPHeader* value) {
     QOR_ASSERT(m_pCurrentMessage);
-    // Most header lines are never asked for: a copy of the text does until one is.
-    m_pCurrentMessage->m_headers.addHeader(name, value);
+    m_pCurrentMessage->m_headers.addLine(name, value);
 }
 
 void HTTPMOMMsgHandler::content(ZULInputStream& is, int length) {

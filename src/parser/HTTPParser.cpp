@@ -295,7 +295,9 @@ void HTTPParser::processHeader(QORByteBuffer& osline) {
     if (needsTrimming) {
         std::string trimmed(name, colon);
         HTTPMessage::trim(trimmed);
-        reportHeader(trimmed, colon + 1);
+        char* const moved = colon - trimmed.size();  // so that one zero byte parts it from the text
+        trimmed.copy(moved, trimmed.size());
+        reportHeader({moved, trimmed.size()}, colon + 1);
     } else {
         reportHeader({name, static_cast<std::size_t>(colon - name)}, colon + 1);
     }
@@ -303,7 +305,8 @@ void HTTPParser::processHeader(QORByteBuffer& osline) {
 
 // The name, in lower case, and the text behind the colon, each followed by a zero byte.
 void HTTPParser::reportHeader(std::string_view name, char const* text) {
-    m_header.parseLater(text);
+    postwire::internal::HeaderLine const line{name.data(), name.size(), std::strlen(text)};
+    m_header.borrow(line);
     if (name == "content-type")
         recordContentType(text);
     else if (name == "content-length")
@@ -312,6 +315,7 @@ void HTTPParser::reportHeader(std::string_view name, char const* text) {
         recordTransferEncoding(text);
     else if (m_idepth == 0)
         recordConnection(name, text);
+    m_header.borrow(line);  // again, where its text has been taken apart
     m_pHandler->header(name.data(), &m_header);
 }
 

@@ -113,11 +113,7 @@ void HttpMsgNode::startResponse(int code, char const* msg) {
     setResponseHeaders();
 }
 
-void HttpMsgNode::setHeader(char const* name, char const* value) {
-    HTTPHeader header;
-    header.parseLater(value);
-    headers.addHeader(name, &header);
-}
+void HttpMsgNode::setHeader(char const* name, char const* value) { headers.addLine(name, value); }
 
 void HttpMsgNode::setHeader(char const* name, int value) {
     m_number.reset();

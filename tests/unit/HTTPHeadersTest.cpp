@@ -3,6 +3,7 @@
 
 #include "message/HTTPMessage.h"
 #include "support/AllocationFaults.h"
+#include "support/StagedHeaders.h"
 
 namespace {
 
@@ -17,12 +18,15 @@ TEST(HTTPHeaders, CompareNamesAsStrcasecmpDoes) {
 
 TEST(HTTPHeaders, GiveTheFirstOfEqualEntries) {
     HTTPHeaders headers;
-    HTTPHeader header("a");
+    HTTPHeader header("a text of more than 15 letters");
     HTTPHeader* const first = headers.setHeader("Set-Cookie", &header);
     for (int i = 0; i < 9; ++i) EXPECT_NE(first, headers.setHeader("set-cookie", &header));
     EXPECT_EQ(first, headers.getHeader("SET-COOKIE"));
     HTTPHeader* const host = headers.setHeader("Host", &header);
+    char const* const text = host->getValue();
     EXPECT_EQ(0, allocationsOf([&] { EXPECT_EQ(host, headers.setHeader("HOST", host)); }));
+    EXPECT_EQ(0, allocationsOf([&] { *host = *headers.takeHeader("host", *host); }));
+    EXPECT_EQ(text, host->getValue());
     EXPECT_EQ(0, allocationsOf([&] { headers.getHeader("a-name-of-more-than-15-letters"); }));
 }
 
@@ -31,11 +35,11 @@ TEST(HTTPHeaders, StayAsTheyWereWhenMemoryRunsOut) {
         forEachFailingAllocation([name] {
             HTTPHeader header("a value of more than 15 letters, and more than the one before");
             header.setAttribute("attribute", "another value of more than 15");
-            HTTPHeader old;
-            old.parseLater("a value of some length");
-            HTTPHeaders headers;
-            headers.addHeader("Host", &old);
-            headers.addHeader("set-cookie", &old);
+            StagedHeaders staged;
+            HTTPHeaders& headers = staged.headers;
+            staged.setHeader("Host", "a value");
+            staged.setHeader("set-cookie", "a value of some length");
+            staged.setHeader("host", "a value of some length");
             try {
                 headers.setHeader(name, &header);
             } catch (std::bad_alloc const&) {

@@ -1,27 +1,40 @@
-#include <list>
-
 #include <gtest/gtest.h>
 
-#include "message/HTTPMessage.h"
+#include "parser/HTTPParser.h"
 #include "support/AllocationFaults.h"
 #include "support/Raised.h"
 #include "support/RowTest.h"
+#include "support/StagedHeaders.h"
 
 namespace {
 
 // Makes the calls of data/model_calls.txt.
-struct Model {
+struct Model : HTTPMOMMsgHandler {
+    Model() { setMessage(&root); }
+
     HTTPMessage root;
     std::vector<HTTPMessage*> open{&root};
-    std::list<std::string> lent;
-    HTTPHeader header;
-    HTTPHeaders headers;
+    HTTPHeader value;
+    StagedHeaders node;
+    HTTPHeaders& headers = node.headers;
+    HTTPHeader* kept = nullptr;
+    std::string storedAs;
     std::string said;
 
     void beginPart() {
         auto part = std::make_unique<HTTPMessage>();
         open.back()->addChild(part.get());
         open.push_back(part.release());
+    }
+    void header(char const* name, HTTPHeader* line) override {
+        HTTPMOMMsgHandler::header(storedAs.empty() ? name : storedAs.c_str(), line);
+    }
+    void readLine(char const* bytes) {
+        HTTPParser parser;
+        parser.setMsgHandler(this);
+        QORByteBuffer line(16, 16);
+        line << bytes;
+        parser.processHeader(line);
     }
     void say(char const* text) { said.append("[").append(text ? text : "null").append("]"); }
     template <class Item, class... Args>
@@ -40,7 +53,7 @@ struct Model {
     }
     void call(std::string_view op, char const* a, char const* b) {
         HTTPMessage& m = *open.back();
-        std::string const text = a ? a : "";
+        std::string text = a ? a : "";
         int const n = std::atoi(text.c_str());
         if (op == "set") m.setHeader(a, b);
         if (op == "get") write(m.getHeader(a));
@@ -56,20 +69,24 @@ struct Model {
         if (op == "describe") describe(m);
         if (op == "dump") write(&m, n);
         if (op == "status") say(m.getStatusText(static_cast<HTTPMessage::StatusCode>(n)));
-        if (op == "parse") header.parse(a);
-        if (op == "later") header.parseLater(lent.emplace_back(text).c_str());
-        if (op == "reparse") header.parse(*a ? header.getAttribute(a) : header.getValue());
-        if (op == "value") header = HTTPHeader(a);
-        if (op == "revalue") header.setValue(a);
-        if (op == "attribute") header.setAttribute(a, b);
-        if (op == "ask") say(header.getAttribute(a));
-        if (op == "write") write(&header);
-        if (op == "add") headers.addHeader(a, &header);
-        if (op == "addnone") headers.addHeader(a, nullptr);
+        if (op == "parse") value.parse(a);
+        if (op == "line") readLine(text.append(":").append(b).c_str());
+        if (op == "as") storedAs = text;
+        if (op == "stage") node.setHeader(a, b);
+        if (op == "keep") kept = *b ? headers.getHeader(a) : root.getHeader(a);
+        if (op == "show") write(kept);
+        if (op == "change") kept->setValue(a);
+        if (op == "reparse") value.parse(*a ? value.getAttribute(a) : value.getValue());
+        if (op == "value") value = HTTPHeader(a);
+        if (op == "revalue") value.setValue(a);
+        if (op == "attribute") value.setAttribute(a, b);
+        if (op == "ask") say(value.getAttribute(a));
+        if (op == "write") write(&value);
+        if (op == "addnone") HTTPMOMMsgHandler::header(a, nullptr);
         if (op == "clear") headers.reset();
-        if (op == "store") headers.setHeader(a, &header);
+        if (op == "store") headers.setHeader(a, &value);
         if (op == "storenone") headers.setHeader(a, nullptr);
-        if (op == "take") headers.takeHeader(a, header);
+        if (op == "take") headers.takeHeader(a, value);
         if (op == "remove") headers.removeHeader(a);
         if (op == "find") write(headers.getHeader(a));
         if (op == "lines") write(&headers);
