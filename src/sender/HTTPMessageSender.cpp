@@ -1,9 +1,9 @@
 #include "sender/HTTPMessageSender.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include "foundation/GuardedAllocation.h"
@@ -16,23 +16,29 @@ char host_name[256] = "";
 
 namespace {
 
-// The name is read aside, and published with its first byte last: whoever sees that byte sees all
-// of it, and only the first threads take the lock. A try that raises leaves the place empty, and
-// the next caller tries again.
-void readMachineName() {
-    static std::mutex mutex;
-    std::lock_guard<std::mutex> const lock(mutex);
-    if (host_name[0] != '\0') return;
-    SoapSocketInit const sockets;
-    char name[sizeof host_name] = "";
-    SoapSocket::GetInternetMachineName(name, sizeof name - 1);
-    std::memcpy(host_name + 1, name + 1, sizeof name - 1);
-    __atomic_store_n(host_name, name[0], __ATOMIC_RELEASE);
+using HostName = char[sizeof host_name];
+
+bool isPublished() { return __atomic_load_n(host_name, __ATOMIC_ACQUIRE) != '\0'; }
+
+// The first byte comes last: whoever sees it sees all of the name. No one waits: a thread that
+// finds another one at it has a reading of its own.
+void publish(HostName const& name) {
+    static std::atomic_flag busy = ATOMIC_FLAG_INIT;
+    if (busy.test_and_set(std::memory_order_acquire)) return;
+    if (!isPublished()) {
+        std::memcpy(host_name + 1, name + 1, sizeof name - 1);
+        __atomic_store_n(host_name, name[0], __ATOMIC_RELEASE);
+    }
+    busy.clear(std::memory_order_release);
 }
 
-char const* machineName() {
-    if (__atomic_load_n(host_name, __ATOMIC_ACQUIRE) == '\0') readMachineName();
-    return host_name;
+// A try that raises leaves the place empty, and the next caller tries again.
+char const* readMachineName(HostName& own) {
+    SoapSocketInit const sockets;
+    std::memset(own, 0, sizeof own);
+    SoapSocket::GetInternetMachineName(own, sizeof own - 1);
+    publish(own);
+    return own;
 }
 
 template <std::size_t N>
@@ -84,7 +90,8 @@ void HttpMsgNode::reset() {
 }
 
 void HttpMsgNode::setRequestHeaders() {
-    setHeader("Host", machineName());
+    HostName own;
+    setHeader("Host", isPublished() ? host_name : readMachineName(own));
     if (chunked) setHeader("Transfer-Encoding", "chunked");
 }
 
