@@ -10,15 +10,19 @@ namespace {
 // Callers may leave out any text, and std::string takes no null.
 char const* orEmpty(char const* text) { return text ? text : ""; }
 
-// A copy on the heap. Running out of memory while a throwable is copied is told in this library's
-// own terms, as everywhere.
+// Running out of memory while a throwable is copied or added to is told in this library's own
+// terms, as everywhere.
+[[noreturn]] void raiseOutOfMemory(int line) {
+    QOROutOfMemoryError(0, nullptr).hurl(QORFileLocation(kSourceFile, line), nullptr, "QOR_THROW");
+}
+
+// A copy on the heap.
 template <class T>
 T* copyOf(T const& original, int line) {
     try {
         return new T(original);
     } catch (std::bad_alloc const&) {
-        QOROutOfMemoryError(0, nullptr)
-            .hurl(QORFileLocation(kSourceFile, line), nullptr, "QOR_THROW");
+        raiseOutOfMemory(line);
     }
 }
 
@@ -120,7 +124,20 @@ QORException::QORException(QORSeverity severity, char const* text)
     : QORException(severity, 0, text) {}
 
 QORException::QORException(QORException const&) = default;
-QORException& QORException::operator=(QORException const&) = default;
+
+// All or nothing: what can fail comes first.
+QORException& QORException::operator=(QORException const& other) {
+    std::string text(other.m_text);
+    QORMessageList messages(other.m_messages);
+    QORThrowable::operator=(other);
+    m_severity = other.m_severity;
+    m_code = other.m_code;
+    m_hasText = other.m_hasText;
+    m_text.swap(text);
+    m_messages.m_messages.swap(messages.m_messages);
+    return *this;
+}
+
 QORException::~QORException() = default;
 
 QORException* QORException::clone() const { return copyOf(*this, __LINE__); }
@@ -151,10 +168,14 @@ void QORException::toString(char const* prefix, char const* separator, I18NStrin
 }
 
 QORException& QORException::operator<<(QORMessageBase const& message) {
-    // Owned before the list grows, which can fail.
-    std::shared_ptr<QORMessageBase const> copy(message.clone());
-    m_messages.m_messages.push_back(std::move(copy));
-    return *this;
+    try {
+        // Owned before the list grows, which can fail.
+        std::shared_ptr<QORMessageBase const> copy(message.clone());
+        m_messages.m_messages.push_back(std::move(copy));
+        return *this;
+    } catch (std::bad_alloc const&) {
+        raiseOutOfMemory(__LINE__);
+    }
 }
 
 // The errors without members of their own differ in name and type alone.

@@ -72,16 +72,16 @@ void ZULBufferedInputStream::unread(char const* bytes, int n) {
     requireAtLeast(0, n, __LINE__);
     unsigned int const count = static_cast<unsigned int>(n);
     // Mostly they are what was just taken, and their place in front is still there.
-    if (n > m_position) {
-        unsigned int const have = static_cast<unsigned int>(buffered());
-        m_readAhead.reserve(count + have);
-        std::memmove(m_readAhead.str() + n, m_readAhead.str() + m_position, have);
-        m_readAhead.setLength(count + have);
-        m_position = n;
+    if (n <= m_position) {
+        m_position -= n;
+        if (n > 0) std::memmove(m_readAhead.str() + m_position, bytes, count);
+        return;
     }
-    m_position -= n;
-    // They may be the very bytes that peek showed.
-    if (n > 0) std::memmove(m_readAhead.str() + m_position, bytes, count);
+    // They may be the very bytes that peek showed: the buffer knows its own where it grows.
+    int const have = buffered();
+    m_readAhead.appendChars(bytes, count);
+    char* const begin = m_readAhead.str() + m_position;
+    std::rotate(begin, begin + have, begin + have + n);
 }
 
 // Looks for the LF in all that is buffered at once, and copies each byte once. A CR that came with

@@ -57,7 +57,9 @@ int ZULInputStream::read(QORByteBuffer& buf, int n) {
     int const most = std::max(kFirstPiece, static_cast<int>(buf.pcount()));
     int const piece = std::min(n, room >= kWorthReading ? room : most);
     Arrival arrival(buf, piece);
-    return arrival.count = read(arrival.begin(), piece);
+    int const got = read(arrival.begin(), piece);
+    QOR_ASSERT(got <= piece);
+    return arrival.count = got;
 }
 
 int ZULInputStream::readFully(QORByteBuffer& buf, int n) {

@@ -56,7 +56,7 @@ HTTPException& HTTPException::operator<<(QORMessageBase const& message) {
 }
 
 char const* HTTPException::getMessageString(plexaErrorCode code) {
-    int const index = code - HTTP_ERR_FIRST;
-    bool const known = index >= 0 && index < static_cast<int>(std::size(http_messages));
-    return known ? http_messages[index] : nullptr;
+    if (code < HTTP_ERR_FIRST) return nullptr;  // before the difference, which could overflow
+    auto const index = static_cast<std::size_t>(code - HTTP_ERR_FIRST);
+    return index < std::size(http_messages) ? http_messages[index] : nullptr;
 }

@@ -174,6 +174,7 @@ public:
     explicit QORException(char const* text);
     QORException(QORSeverity severity, char const* text);
     QORException(QORException const&);
+    // All or nothing, also where memory runs out.
     QORException& operator=(QORException const&);
     ~QORException() override;
 
@@ -189,7 +190,7 @@ public:
     void toString(char const* prefix, char const* separator, I18NString& text,
                   int entries) override;
 
-    // Adds a copy of the message.
+    // Adds a copy of the message. Raises QOROutOfMemoryError, and then adds nothing.
     QORException& operator<<(QORMessageBase const& message);
 
     // 0 where none was given.

@@ -26,7 +26,7 @@ QORStringTokenizer::QORStringTokenizer(char const* text, int length, char const*
       m_pTokenEnd(nullptr),
       m_savedChar(0),
       m_bEmptyTokens(emptyTokens) {
-    QOR_ASSERT(length >= 0);
+    if (text) QOR_ASSERT(length >= 0);
     start(text, static_cast<std::size_t>(length), delims);
 }
 

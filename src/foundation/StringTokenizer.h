@@ -16,7 +16,7 @@ struct POSTWIRE_EXPORT NoSuchElementExceptionST {
 // Ownership: works on a copy of the text. Tokens point into it, each terminated in place, so that
 //   taking one costs no memory; they are good until the tokenizer is destroyed.
 // Raises: NoSuchElementExceptionST when no token is left; QOROutOfMemoryError when there is no
-//   memory for the copy; QORAssertError for a null delimiter set and a negative length.
+//   memory for the copy; QORAssertError for a null delimiter set and a text's negative length.
 // Rule: with emptyTokens 0 delimiters that stand together count as one, and no token is empty.
 //   Otherwise each delimiter ends one token, empty where nothing stands before it; a delimiter at
 //   the very end is not followed by an empty token.

@@ -81,6 +81,25 @@ TEST(QORException, GivesItsTextElseItsFirstMessage) {
     EXPECT_STREQ("", (QORException("") << kMessage).getMessage()) << "a text that is empty";
 }
 
+TEST(QORException, IsChangedInFullOrNotAtAll) {
+    QORException const other = QORException("a text too long to stand in the string") << kMessage;
+    forEachFailingAllocation([&] {
+        QORException e(5), added(6);
+        try {
+            e = other;
+        } catch (std::bad_alloc const&) {
+            EXPECT_TRUE(e.getCode() == 5 && !e.getMessage() && e.getMessages().size() == 0);
+            throw;
+        }
+        EXPECT_TRUE(e.getCode() == 0 && e.getMessages().size() == 1);
+        try {
+            added << kMessage;
+        } catch (QOROutOfMemoryError const&) {
+            EXPECT_EQ(0U, added.getMessages().size());
+        }
+    });
+}
+
 TEST(QORAssert, TellsTheExpressionAndTheLine) {
     int const line = __LINE__ + 1;
     auto const t = raised([&] { QOR_ASSERT(line < 0 && "x,y"); });

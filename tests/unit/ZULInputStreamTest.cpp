@@ -58,6 +58,16 @@ TEST(ZULInputStream, RefusesNegativeCountsAndAsksNothingForZero) {
     EXPECT_EQ("x", byte + textOf(buf));
 }
 
+TEST(ZULInputStream, RaisesWhereAReadGivesMoreThanWasAsked) {
+    struct : ZULInputStream {
+        using ZULInputStream::read;
+        int read(char*, int n) override { return n + 1; }
+    } stream;
+    QORByteBuffer buf(4, 4);
+    EXPECT_EQ("QOR_ASSERT(got <= piece);", failedAssertion([&] { stream.read(buf, 9); }));
+    EXPECT_EQ("", textOf(buf));
+}
+
 TEST(ZULInputStream, ReadsFullyOrTellsThatTheInputEnded) {
     std::string const bytes("\0one\r\n\xff two", 11);
     for (int cut = 0; cut <= 11; ++cut)
@@ -101,9 +111,12 @@ TEST(ZULBufferedInputStream, GivesBackEveryByteThatWasUnread) {
             EXPECT_EQ("QOR_ASSERT(n >= 0 && n <= buffered());", failedAssertion(tooFar));
             in.skip(5);
             EXPECT_EQ('t', in.read());
+            in.unread(in.peek(n) + 4, 9);
+            in.unread(in.peek(n) + 9, 20);
             ZULBufferedInputStream copy(in);
             while (copy.read(all, 3) > 0) continue;
-            EXPECT_EQ("han the read-ahead holds: 0123456789", textOf(all));
+            EXPECT_EQ("han the read-ahead hthe read-han the read-ahead holds: 0123456789",
+                      textOf(all));
         });
 }
 
