@@ -24,7 +24,7 @@ constexpr unsigned int kPage = 4096;
 ZULChunkedOutputStream::ZULChunkedOutputStream(ZULOutputStream& out, int size)
     : m_out(out),
       m_size(std::min(size, INT_MAX - kSizeLine - static_cast<int>(kPage) - 2)),
-      m_open(false),
+      m_state(State::Open),
       m_begin(kSizeLine),
       m_chunk(kFirstRoom, kFirstRoom) {
     if (size < 1)
@@ -39,12 +39,13 @@ void ZULChunkedOutputStream::write(char const* data, int length) {
     if (length < 0)
         ZULStreamException::raise(ZULStreamException::ZUL_ERR_NEGATIVE_COUNT,
                                   QORFileLocation(kSourceFile, __LINE__));
+    requireWhole();
     // All the room that this write needs is taken before its first byte, so that running out of
     // memory can't leave a gap in the body.
     int const most = length < m_size - held() ? held() + length : m_size;
     bool const isLarge = held() == 0 && std::min(most, length) >= static_cast<int>(kPage);
     m_chunk.reserve((isLarge ? kSizeLine + kPage : m_begin) + static_cast<unsigned int>(most) + 2);
-    m_open = true;
+    m_state = State::Open;
     if (isLarge) beginApart(data);
     while (length > 0) {
         int const piece = std::min(length, m_size - held());
@@ -56,20 +57,28 @@ void ZULChunkedOutputStream::write(char const* data, int length) {
 }
 
 void ZULChunkedOutputStream::flush() {
+    requireWhole();
     if (held() > 0) writeHeld();
 }
 
 void ZULChunkedOutputStream::close() {
-    if (!m_open) return;
     ZULChunkedOutputStream::flush();
-    // Closed even if this fails: a second last chunk would only confuse the reader.
-    m_open = false;
-    m_out.write(kLastChunk, sizeof kLastChunk - 1);
+    if (m_state == State::Closed) return;
+    send(kLastChunk, sizeof kLastChunk - 1);
+    m_state = State::Closed;
 }
 
 void ZULChunkedOutputStream::reset() {
     beginAt(kSizeLine);
-    m_open = false;
+    m_state = State::Open;
+}
+
+void ZULChunkedOutputStream::giveUp() { m_state = State::Broken; }
+
+void ZULChunkedOutputStream::requireWhole() const {
+    if (m_state == State::Broken)
+        ZULStreamException::raise(ZULStreamException::ZUL_ERR_BROKEN,
+                                  QORFileLocation(kSourceFile, __LINE__));
 }
 
 void ZULChunkedOutputStream::beginAt(unsigned int place) {
@@ -97,13 +106,12 @@ void ZULChunkedOutputStream::writeHeld() {
     m_chunk.appendChars(kCrLf, 2);
     char* const chunk = m_chunk.str() + m_begin - lineLength;
     std::memcpy(chunk, line, static_cast<unsigned int>(lineLength));
+    send(chunk, length);
+    m_chunk.setLength(m_begin);
+}
 
-    struct Emptying {
-        ~Emptying() { chunk.setLength(begin); }
-        QORByteBuffer& chunk;
-        unsigned int begin;
-    } const emptying{m_chunk, m_begin};
-    m_open = false;  // stays so where the write raises
-    m_out.write(chunk, length);
-    m_open = true;
+void ZULChunkedOutputStream::send(char const* bytes, int length) {
+    m_state = State::Broken;  // stays so where the write raises
+    m_out.write(bytes, length);
+    m_state = State::Open;
 }

@@ -54,6 +54,8 @@ char const* ZULStreamException::getMessageString(Fault fault) {
             return "more than 65536 bytes of trailer";
         case ZUL_ERR_LINE_TOO_LONG:
             return "line above the limit";
+        case ZUL_ERR_BROKEN:
+            return "bytes written before were lost";
     }
     return nullptr;
 }

@@ -8,9 +8,10 @@
 // message, so that start line, header block and body leave together.
 //
 // Ownership: the stream beneath is borrowed.
-// Raises: ZULStreamException for a size below 1.
-// Rule: if the stream beneath raises, what was held is dropped: sending it again later would
-//   repeat bytes that may already be on the wire.
+// Raises: ZULStreamException for a size below 1, and ZUL_ERR_BROKEN as told below.
+// Rule: once the stream beneath has raised, what was held is dropped, since sending it again would
+//   repeat bytes that may already be on the wire; write, flush and close send nothing and raise
+//   until reset(), so that nothing follows the gap.
 class POSTWIRE_EXPORT ZULBufferedOutputStream : public ZULOutputStream {
 public:
     // Holds at most `size` bytes.
@@ -27,10 +28,16 @@ public:
     // Flushes; the stream beneath stays open.
     void close() override;
 
+    // Drops what is held and starts anew, as after construction.
+    void reset();
+
 private:
+    void requireWhole() const;
     void sendHeld();
+    void send(char const* bytes, int length);
 
     ZULOutputStream& m_out;
     int m_size;
     QORByteBuffer m_held;
+    bool m_broken;
 };

@@ -3,7 +3,8 @@
 #include "foundation/Export.h"
 #include "foundation/QORThrowable.h"
 
-// What a stream raises when its input is cut short or malformed, or a count makes no sense.
+// What a stream raises when its input is cut short or malformed, when a count makes no sense, or
+// when what it should write has lost bytes already.
 class POSTWIRE_EXPORT ZULStreamException : public QORException {
 public:
     // One code a fault; each has a fixed text.
@@ -18,6 +19,7 @@ public:
         ZUL_ERR_LINE_TOO_LONG = 2007,     // a line above the limit set for the stream
         ZUL_ERR_TRAILER = 2008,           // a trailer line that is no field line
         ZUL_ERR_FRAMING = 2009,           // more chunk framing than the limit set for the stream
+        ZUL_ERR_BROKEN = 2010,            // bytes written before were lost on their way
     };
 
     explicit ZULStreamException(Fault fault);

@@ -25,9 +25,11 @@ class HttpOutputStream;
 // Ownership: the stream is borrowed and must outlive the node. Texts and body bytes are not kept
 //   beyond the call, except that a body with a length is copied.
 // Raises: QORAssertError for a missing text; SoapSocketException when the machine's name, the
-//   default "Host", can't be read; what the stream raises passes through. After a failed write
-//   nothing is rolled back or tried again: the next start, or reset(), begins anew, and no byte of
-//   the message given up reaches the next.
+//   default "Host", can't be read; what the stream raises passes through. Nothing is rolled back
+//   or tried again: once a write of a body in chunks has raised, of a part's too, nothing more of
+//   it is sent and every call raises ZULStreamException, so that a reader finds it cut short; the
+//   next start, or reset(), begins anew, and no byte of the message given up reaches the next. With
+//   chunk size 0 a second finish() after one that raised sends header block and body again: don't.
 // Rule: the stream is neither flushed nor closed; whoever owns it does both. One node, its parts
 //   included, is used by one thread at a time. URIs, reason texts and header values go out as
 //   given: whoever takes them from outside keeps CR and LF away.
@@ -48,14 +50,16 @@ public:
     // Drops the staged headers, the defaults too, and what the body stream holds.
     virtual void reset();
 
-    // Stages "Host", this machine's name, and "Transfer-Encoding: chunked" for a chunked node.
+    // Stages "Host", this machine's name for want of the server's, which a caller who knows it sets
+    // in its place, and "Transfer-Encoding: chunked" for a chunked node.
     virtual void setRequestHeaders();
 
     // Stages "Transfer-Encoding: chunked" for a chunked node, else nothing.
     virtual void setResponseHeaders();
 
     // Resets the node, writes "POST uri HTTP/1.1" (1.0 where http10 is not 0) and stages the
-    // default headers of a request. Headers set before are lost.
+    // default headers of a request. Headers set before are lost. A chunked node sends chunks under
+    // HTTP/1.0 too, which knows none: give such a peer chunk size 0.
     void startRequest(char const* uri, int http10);
 
     // The same for a response: "HTTP/1.1 code msg". An empty reason text is valid.

@@ -5,6 +5,23 @@
 
 static char const kSourceFile[] = "HTTPMessageSender";
 
+namespace {
+
+// Runs a write of which nothing is tried again: where it raises, the body is given up.
+template <class Write>
+void writeOnce(HttpOutputStream& body, Write const& write) {
+    struct Loss {
+        ~Loss() {
+            if (of) of->giveUp();
+        }
+        HttpOutputStream* of;
+    } loss{&body};
+    write();
+    loss.of = nullptr;
+}
+
+}  // namespace
+
 HttpOutputStream::~HttpOutputStream() = default;
 
 // HttpNonChunkedOutputStream
@@ -43,6 +60,8 @@ void HttpNonChunkedOutputStream::writeNodeHeaders() {
     headers_written = 1;
 }
 
+void HttpNonChunkedOutputStream::giveUp() {}
+
 // HttpChunkedOutputStream
 
 HttpChunkedOutputStream::HttpChunkedOutputStream(HttpMsgNode* msg_node, int chunksize)
@@ -62,7 +81,7 @@ void HttpChunkedOutputStream::write(char const* data, int length) {
     QOR_ASSERT(p_msg_node);
     if (!headers_written) {
         headers_written = 1;
-        p_msg_node->writeHeaders();
+        writeOnce(*this, [this] { p_msg_node->writeHeaders(); });
     }
     m_os_chunked->write(data, length);
 }
@@ -87,6 +106,12 @@ void HttpChunkedOutputStream::startEmptyBody() {
     if (!headers_written) write("", 0);
 }
 
+void HttpChunkedOutputStream::giveUp() {
+    m_os_chunked->giveUp();
+    if (auto* const around = dynamic_cast<HttpOutputStream*>(p_msg_node->p_os_upstream))
+        around->giveUp();
+}
+
 ZULChunkedOutputStream* HttpChunkedOutputStream::getChunkedStream() {
     QOR_ASSERT(m_os_chunked);
     return m_os_chunked;
@@ -95,7 +120,13 @@ ZULChunkedOutputStream* HttpChunkedOutputStream::getChunkedStream() {
 // HttpDirectOutputStream
 
 HttpDirectOutputStream::HttpDirectOutputStream(HttpMsgNode* msg_node, ZULOutputStream* os)
-    : p_os_upstream(os), p_msg_node(msg_node), headers_written(0), m_chunk_line(256, 256) {}
+    : p_os_upstream(os),
+      p_msg_node(msg_node),
+      headers_written(0),
+      m_chunk_line(256, 256),
+      m_parent(nullptr) {
+    if (msg_node) m_parent = dynamic_cast<HttpChunkedOutputStream*>(msg_node->p_os_upstream);
+}
 
 HttpDirectOutputStream::~HttpDirectOutputStream() = default;
 
@@ -104,18 +135,23 @@ void HttpDirectOutputStream::write(char const* data, int length) {
     QOR_ASSERT(p_os_upstream);
     if (!headers_written) {
         headers_written = 1;
-        p_msg_node->writeHeaders();
-        // The delimiter line and this header block wait in the parent's encoder; they must be on
-        // the wire before the first chunk that goes past it.
-        p_msg_node->p_os_upstream->flush();
+        writeOnce(*this, [this] {
+            p_msg_node->writeHeaders();
+            // The delimiter line and this header block wait in the parent's encoder; they must be
+            // on the wire before the first chunk that goes past it.
+            p_msg_node->p_os_upstream->flush();
+        });
     }
     QOR_ASSERT(length > 0);
+    if (m_parent) m_parent->getChunkedStream()->requireWhole();
     m_chunk_line.reset();
     m_chunk_line.setHexRadix(1);
     m_chunk_line << length << "\r\n";
-    p_os_upstream->write(m_chunk_line.str(), static_cast<int>(m_chunk_line.pcount()));
-    p_os_upstream->write(data, length);
-    p_os_upstream->write("\r\n", 2);
+    writeOnce(*this, [&] {
+        p_os_upstream->write(m_chunk_line.str(), static_cast<int>(m_chunk_line.pcount()));
+        p_os_upstream->write(data, length);
+        p_os_upstream->write("\r\n", 2);
+    });
 }
 
 void HttpDirectOutputStream::flush() {}
@@ -125,3 +161,7 @@ void HttpDirectOutputStream::close() {}
 void HttpDirectOutputStream::reset() { headers_written = 0; }
 
 void HttpDirectOutputStream::startEmptyBody() {}
+
+void HttpDirectOutputStream::giveUp() {
+    if (m_parent) m_parent->giveUp();
+}

@@ -24,6 +24,10 @@ public:
     // Writes the node's header block for a body that ends without a byte; nothing where the block
     // has gone out or bytes are waiting that will take it along.
     virtual void startEmptyBody() = 0;
+
+    // Breaks the chunked body that lost bytes of this one, and those around it: none of them ends
+    // well before its node is reset. A body with a length knows no such mark.
+    virtual void giveUp() = 0;
 };
 
 // Holds the whole body until flush, because Content-Length goes before it.
@@ -40,6 +44,7 @@ public:
     void close() override;
     void reset() override;
     void startEmptyBody() override;
+    void giveUp() override;
 
 protected:
     // Content-Length for what is held, then the header block.
@@ -63,6 +68,7 @@ public:
     void close() override;
     void reset() override;
     void startEmptyBody() override;
+    void giveUp() override;
 
     ZULChunkedOutputStream* getChunkedStream();
 
@@ -76,7 +82,7 @@ protected:
 // from the caller's memory to the stream beneath it. The last chunk is the parent's to write.
 class HttpDirectOutputStream : public HttpOutputStream {
 public:
-    // `os` is the stream beneath the encoder of the node's upstream.
+    // `os` is the stream beneath the encoder of the node's upstream, the parent's body.
     HttpDirectOutputStream(HttpMsgNode* msg_node, ZULOutputStream* os);
     ~HttpDirectOutputStream() override;
 
@@ -87,10 +93,12 @@ public:
 
     // Nothing: a direct part without bytes leaves no trace behind its delimiter line.
     void startEmptyBody() override;
+    void giveUp() override;
 
 protected:
     ZULOutputStream* p_os_upstream;
     HttpMsgNode* p_msg_node;
     int headers_written;
     QORByteBuffer m_chunk_line;
+    HttpChunkedOutputStream* m_parent;
 };

@@ -10,6 +10,7 @@ import collections
 import email
 import email.policy
 import http.client
+import io
 import itertools
 import os
 import pathlib
@@ -20,6 +21,7 @@ import sys
 import tempfile
 import threading
 import unittest
+import unittest.mock
 import zlib
 
 PROGRAMS = pathlib.Path(sys.argv[1])
@@ -357,6 +359,26 @@ class Python(unittest.TestCase):
                       if not p.is_multipart()]
             self.assertEqual([('x', xml), ('i', image), ('e', b''), ('y', xml)], leaves)
             self.assertEqual([], [d for p in message.walk() for d in p.defects])
+
+
+    def test_no_message_that_lost_a_write_is_taken_for_a_whole_one(self):
+        cut = 0
+        for chunk, part, nested in itertools.product(SIZES[1:], (0, 3, -1), (0, 3, -1)):
+            message = list(calls(multi(chunk, 'b1', [
+                leaf(part, [b'hello', b'more']), multi(nested, 'b2', [leaf(0, [b'inner'])])]), RESPONSE))
+            whole, *failed = write(message, *([f'fail: {n}', *message] for n in range(1, 40)))
+            for wire in {w.bytes for w in (whole, *failed)}:
+                answer = http.client.HTTPResponse(unittest.mock.Mock(makefile=lambda _: io.BytesIO(wire)))
+                try:
+                    answer.begin()
+                    message = email.message_from_bytes(bytes(answer.headers) + answer.read())
+                    # To http.client a status line alone is an empty answer.
+                    taken = message.is_multipart() and not message.defects
+                except http.client.HTTPException:
+                    taken = False
+                self.assertEqual(wire == whole.bytes, taken, wire)
+                cut += not taken
+        self.assertLess(300, cut)
 
 
 class Wireshark(unittest.TestCase):

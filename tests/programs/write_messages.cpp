@@ -1,14 +1,16 @@
 // Makes the calls on its standard input, see support/WriterCalls.h, an empty line between messages.
 // For each message it writes a line with two lengths, then the tree that the reader finds in it, or
-// what it raised, then the message's bytes.
+// what it raised, then the message's bytes. "fail: 3" lets the third write raise, and all calls are
+// made in spite of it.
 
 #include <iostream>
+#include <stdexcept>
 
 #include "foundation/QORThrowable.h"
 #include "foundation/ZULMemoryInputStream.h"
-#include "foundation/ZULMemoryOutputStream.h"
 
 #include "parser/HTTPMessageReader.h"
+#include "support/RecordingOutputStream.h"
 #include "support/TreeText.h"
 #include "support/WriterCalls.h"
 
@@ -28,10 +30,15 @@ static std::string readBack(std::string const& bytes) {
 
 int main() {
     for (std::string line; std::cin;) {
-        ZULMemoryOutputStream os(1000, 1000);
+        RecordingOutputStream os;
+        os.once = true;
         WriterCalls calls(os);
-        while (std::getline(std::cin, line) && !line.empty()) calls.make(line);
-        std::string const bytes(os.bytes(), static_cast<std::size_t>(os.length()));
+        while (std::getline(std::cin, line) && !line.empty()) {
+            if (line.compare(0, 6, "fail: ") == 0) os.failAt = std::stoi(line.substr(6));
+            auto const error = raised([&] { calls.make(line); });
+            if (error && os.failAt == 0) throw std::runtime_error(error->toString());
+        }
+        std::string const bytes = os.joined();
         std::string const tree = readBack(bytes);
         std::cout << tree.size() << ' ' << bytes.size() << '\n' << tree << bytes;
     }

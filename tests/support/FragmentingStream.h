@@ -9,15 +9,13 @@
 
 #include <gtest/gtest.h>
 
-#include "foundation/QORThrowable.h"
 #include "foundation/ZULInputStream.h"
+
+#include "support/Raised.h"
 
 constexpr int kAllAtOnce = INT_MAX;
 constexpr int kRandomSizes = 0;  // 1 to 16 bytes a read
 constexpr int kReadSizes[] = {1, 2, 3, 5, 8, 16, kAllAtOnce};
-
-// What a stream raises where a test lets it fail: a QORException of this code.
-constexpr long kStreamFailure = 4711;
 
 // Hands out its bytes in pieces of at most `step`, whatever is asked for.
 class FragmentingStream : public ZULInputStream {
@@ -29,7 +27,7 @@ public:
     int read(char* bytes, int n) override {
         if (++m_reads == m_failAt) {
             if (n > 0) bytes[0] = '!';
-            QORException(kStreamFailure).hurl(QORFileLocation("test", 0), nullptr, "QOR_THROW");
+            failStream();
         }
         if (n == 0) return 0;
         m_largest = std::max(m_largest, n);

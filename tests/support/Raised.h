@@ -5,6 +5,12 @@
 
 #include "foundation/QORThrowable.h"
 
+// What a stream raises where a test lets it fail: a QORException of this code.
+constexpr long kStreamFailure = 4711;
+[[noreturn]] inline void failStream() {
+    QORException(kStreamFailure).hurl(QORFileLocation("test", 0), nullptr, "QOR_THROW");
+}
+
 // What a call raised from the core library, or null; other exceptions pass.
 template <class Call>
 std::unique_ptr<QORThrowable> raised(Call const& call) {

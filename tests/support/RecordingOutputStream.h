@@ -3,25 +3,40 @@
 #include <string>
 #include <vector>
 
-#include "foundation/QORThrowable.h"
 #include "foundation/ZULOutputStream.h"
 
-#include "support/FragmentingStream.h"
+#include "support/Raised.h"
 
-// Keeps each write apart. The write numbered failAt (from 1; 0: none) raises kStreamFailure, and
-// so do the later ones.
+// Keeps each write apart. The call numbered failAt (from 1; 0: none) raises kStreamFailure, and so
+// do the later ones, unless it is to be `once`.
 class RecordingOutputStream : public ZULOutputStream {
 public:
     void write(char const* data, int length) override {
-        if (failAt > 0 && static_cast<int>(writes.size()) + 1 >= failAt)
-            QORException(kStreamFailure).hurl(QORFileLocation("test", 0), nullptr, "QOR_THROW");
+        count();
         writes.emplace_back(data, static_cast<std::size_t>(length));
     }
-    void flush() override { ++flushes; }
+    void flush() override {
+        count();
+        ++flushes;
+    }
     void close() override { ++closes; }
+
+    std::string joined() const {
+        std::string all;
+        for (std::string const& bytes : writes) all += bytes;
+        return all;
+    }
 
     std::vector<std::string> writes;
     int failAt = 0;
+    bool once = false;
     int flushes = 0;
     int closes = 0;
+
+private:
+    void count() {
+        ++m_calls;
+        if (failAt > 0 && (m_calls == failAt || (m_calls > failAt && !once))) failStream();
+    }
+    int m_calls = 0;
 };

@@ -31,14 +31,14 @@ void WriterCalls::make(std::string const& line) {
     if (op == "header") node->setHeader(first.c_str(), text);
     if (op == "headers") node->writeHeaders();
     if (op == "reset") node->reset();
-    if (op == "write") one->write(args.data(), static_cast<int>(args.size()));
-    if (op == "add") m_parts.push_back(multi->addOnePiece(number));
-    if (op == "addmulti") m_parts.push_back(multi->addMultiPart(number, text));
+    if (op == "write" && one) one->write(args.data(), static_cast<int>(args.size()));
+    if (op == "add" && multi) m_parts.push_back(multi->addOnePiece(number));
+    if (op == "addmulti" && multi) m_parts.push_back(multi->addMultiPart(number, text));
     if (op == "addouter") parent->addOnePiece(number);
     if (op == "addmultiouter") parent->addMultiPart(number, text);
     if (op == "endnull") parent->endPart(static_cast<OnePieceHttpMsg*>(nullptr));
-    if (op == "end") {
-        one ? parent->endPart(one) : parent->endPart(multi);
+    if (op == "end" && !m_parts.empty()) {
         m_parts.pop_back();
+        one ? parent->endPart(one) : parent->endPart(multi);
     }
 }

@@ -6,12 +6,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "foundation/ZULBufferedOutputStream.h"
+
 #include "sender/HTTPMessageSender.h"
 #include "sender/HttpOutputStream.h"
 #include "socket/SoapSocket.h"
 #include "support/AllocationFaults.h"
 #include "support/CaseFile.h"
 #include "support/Raised.h"
+#include "support/ReaderConnection.h"
 #include "support/RecordingOutputStream.h"
 #include "support/SystemCallFaults.h"
 #include "support/WriterCalls.h"
@@ -43,6 +46,38 @@ bool makeCalls(Lines const& lines, WriterCalls& calls) {
         if (isCall(lines[i]) && raisedCode([&] { calls.make(lines[i]); }) == kStreamFailure)
             return false;
     return true;
+}
+
+std::string sized(char const* op, int chunk, char const* boundary = "") {
+    return std::string(op) + ": " + std::to_string(chunk) + boundary;
+}
+
+// Messages in chunks of all shapes: one piece, and a part and a multipart part with a part in it.
+std::vector<Lines> chunkedShapes() {
+    std::vector<Lines> shapes;
+    for (int const root : {4, 64, 4096}) {
+        shapes.push_back({sized("one", root), "request: 0 /svc", "write: AAAA", "write: BBBB",
+                          "write: CCCC", "finish:"});
+        for (int const first : {0, 3, -1})
+            for (int const second : {0, 3, -1})
+                for (int const inner : {0, 3, second == 3 ? -1 : 5})
+                    shapes.push_back(
+                        {sized("multi", root, " b1"), "request: 0 /svc", sized("add", first),
+                         first < 0 ? "header: Content-Length 9" : "", "write: hello", "write: more",
+                         "end:", sized("addmulti", second, " b2"), sized("add", inner),
+                         inner < 0 ? "header: Content-Length 5" : "", "write: inner",
+                         "end:", "end:", "finish:"});
+    }
+    return shapes;
+}
+
+// What is on the wire when all calls are made, whatever they raise, over a stream that joins so
+// many bytes (0: over none).
+void makeAllCalls(Lines const& lines, ZULOutputStream& os, int joined) {
+    ZULBufferedOutputStream buffered(os, std::max(joined, 1));
+    WriterCalls calls(joined > 0 ? buffered : os);
+    for (std::string const& line : lines) raised([&] { calls.make(line); });
+    raised([&] { buffered.flush(); });
 }
 
 // Counts bytes: those from the caller's own memory, and the others.
@@ -102,6 +137,30 @@ TEST_F(HTTPMessageSender, BeginsAnewAfterAFailureOfEachWrite) {
         }
         EXPECT_EQ(1u, outcomes.size()) << lines[0];
     }
+}
+
+TEST_F(HTTPMessageSender, NeverEndsABodyThatLostBytesWell) {
+    int cut = 0;
+    for (Lines const& lines : chunkedShapes())
+        for (int const joined : {0, 1, 50, 4096})
+            for (bool const once : {true, false})
+                for (int nth = 0, last = 1; nth <= last; ++nth) {
+                    RecordingOutputStream os;
+                    os.failAt = nth;
+                    os.once = once;
+                    makeAllCalls(lines, os, joined);
+                    if (nth == 0) last = static_cast<int>(os.writes.size());
+                    for (bool const hardened : {false, true}) {
+                        ReaderConnection c(os.joined());
+                        if (hardened) c.reader.setReadPolicy(HTTPReadPolicy::hardened());
+                        auto const refused = raised([&] { c.request(); });
+                        EXPECT_EQ(nth == 0, !refused)
+                            << ::testing::PrintToString(lines) << joined << once << nth << hardened
+                            << (refused ? refused->toString() : "") << os.joined();
+                    }
+                    cut += nth > 0;
+                }
+    EXPECT_LT(5000, cut);
 }
 
 TEST_F(HTTPMessageSender, ReportsEachFailingAllocation) {
