@@ -6,7 +6,8 @@
 //   postwire_fresh  streams and reader are new for each run of the workload too: what a
 //                   connection with a single run costs
 //   postwire_asked  as postwire, but each message and part is asked for its Content-Type and an
-//                   attribute of it, so that nothing of the headers can be left for later
+//                   attribute of it, so that nothing of the headers can be left for later;
+//                   postwire_hardened_asked does both
 // Writing: OnePieceHttpMsg and MultipartHttpMsg into a string; `postwire` builds the node anew for
 // each message, `postwire_kept` keeps it.
 #include "cases.hpp"
@@ -236,6 +237,13 @@ void register_postwire() {
                 [&w, h] {
                     Seen s;
                     read_kept(w, *h, [&s](HTTPMessage& m) { count_message(s, m); });
+                    return s;
+                });
+            add_reader("postwire_hardened_asked", w, Depth::Tree,
+                [&w, h] { read_kept(w, *h, ask); },
+                [&w, h] {
+                    Seen s;
+                    read_kept(w, *h, [&s](HTTPMessage& m) { ask(m); count_message(s, m); });
                     return s;
                 });
         }
