@@ -143,11 +143,6 @@ void HTTPHeader::parse(char const* pvalue) {
         parseText(pvalue);
 }
 
-void HTTPHeader::borrow(HeaderLine const& line) {
-    reset();
-    m_borrowed = &line;
-}
-
 void HTTPHeader::parseBorrowed() {
     if (!m_borrowed) return;
     parseText(m_borrowed->text());
@@ -231,7 +226,16 @@ HTTPHeader* HTTPHeaders::takeHeader(char const* name, HTTPHeader& header) {
     return &stored;
 }
 
+// A line as the parser reports it, before anyone has asked for one, is nearly all that comes here.
 void HTTPHeaders::addLine(char const* name, HTTPHeader* phdr) {
+    HeaderLine const* const line = phdr ? phdr->m_borrowed : nullptr;
+    if (line && line->bytes == name && m_headers.empty())
+        m_lines.add(*line);
+    else
+        addOtherLine(name, phdr);
+}
+
+void HTTPHeaders::addOtherLine(char const* name, HTTPHeader* phdr) {
     QOR_ASSERT(name);
     QOR_ASSERT(phdr);
     HeaderLine const* const line = phdr->m_borrowed;

@@ -70,7 +70,11 @@ private:
 
     // As reset and parse of the line's text, which is taken apart when the header is first asked
     // or changed: most headers of a message never are. Line and bytes must live until then.
-    void borrow(postwire::internal::HeaderLine const& line);
+    void borrow(postwire::internal::HeaderLine const& line) {
+        if (!m_value.empty() || !m_attributes.empty()) reset();
+        m_quoted = 0;
+        m_borrowed = &line;
+    }
 
     void parseBorrowed();
     void moveFrom(HTTPHeader& other);
@@ -148,6 +152,7 @@ private:
     void addLine(char const* name, HTTPHeader* phdr);
     void addLine(char const* name, char const* pvalue);
 
+    void addOtherLine(char const* name, HTTPHeader* phdr);
     Entries::iterator findEntry(char const* name);
     Entries::iterator entryToSet(char const* name);
     bool hasEntry(char const* name) const;

@@ -73,8 +73,11 @@ public:
     std::size_t size() const { return m_used; }
 
     void add(HeaderLine const& line) {
-        std::memcpy(roomFor(line.nameSize, line.textSize), line.bytes,
-                    line.nameSize + 1 + line.textSize);
+        Head const head{line.nameSize + 1 + line.textSize, line.nameSize};
+        if (sizeof head + head.size <= m_bytes.size() - m_used)
+            std::memcpy(append(head), line.bytes, head.size);
+        else
+            growAndAdd(line);
     }
     void add(std::string_view name, std::string_view text);
 
@@ -93,15 +96,15 @@ private:
         std::memcpy(&head, at, sizeof head);
         return head;
     }
-    char* roomFor(std::size_t nameSize, std::size_t textSize) {
-        Head const head{nameSize + 1 + textSize, nameSize};
-        if (m_bytes.size() - m_used < sizeof head + head.size) grow(sizeof head + head.size);
+    // Where the line's bytes go; there must be room for both.
+    char* append(Head const& head) {
         char* const at = m_bytes.data() + m_used;
         std::memcpy(at, &head, sizeof head);
         m_used += sizeof head + head.size;
         return at + sizeof head;
     }
-    void grow(std::size_t more);
+    void makeRoom(std::size_t lineSize);
+    void growAndAdd(HeaderLine const& line);
 
     std::vector<char> m_bytes;  // as large as its memory: bytes behind m_used are room
     std::size_t m_used = 0;
