@@ -34,8 +34,11 @@ int main() {
         os.once = true;
         WriterCalls calls(os);
         while (std::getline(std::cin, line) && !line.empty()) {
-            if (line.compare(0, 6, "fail: ") == 0) os.failAt = std::stoi(line.substr(6));
-            auto const error = raised([&] { calls.make(line); });
+            bool const isFail = line.compare(0, 6, "fail: ") == 0;
+            if (isFail) os.failAt = std::stoi(line.substr(6));
+            auto const error = raised([&] {
+                if (!isFail) calls.make(Call(line));
+            });
             if (error && os.failAt == 0) throw std::runtime_error(error->toString());
         }
         std::string const bytes = os.joined();

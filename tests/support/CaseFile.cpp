@@ -91,33 +91,32 @@ std::vector<TestCase> loadCases(std::string const& fileName) {
     std::ifstream file(std::string(POSTWIRE_TEST_DATA "/") + fileName);
     std::vector<TestCase> cases;
     std::vector<std::string> columns;
-    bool open = false;  // the case at hand may get more keys
+    enum { kNothing, kTable, kKeys, kTranscript } inside = kNothing;
     int number = 0;
     for (std::string line; std::getline(file, line);) try {
             ++number;
             std::string const text = stripped(line);
-            if (text.empty()) {
-                columns.clear();
-                open = false;
-            }
+            if (text.empty()) inside = kNothing;
             if (text.empty() || text[0] == '#') continue;
-            if (!columns.empty()) {
+            std::string const key = text.substr(0, text.find(':'));
+            if (inside == kNothing && key == "columns") {
+                columns = fields(text.substr(8));
+                inside = kTable;
+                continue;
+            }
+            if (inside <= kTable) cases.emplace_back(fileName, number);
+            if (inside == kTable) {
                 std::vector<std::string> const values = fields(text);
-                cases.emplace_back(fileName, number);
                 for (std::size_t i = 0; i < values.size(); ++i)
                     cases.back().add(columns.at(i), unescaped(values[i]));
-                continue;
+            } else if (inside == kTranscript) {
+                cases.back().add("calls", text + '\n');
+            } else if (text[0] == '=') {
+                inside = kTranscript;
+            } else {
+                inside = kKeys;
+                cases.back().add(key, unescaped(stripped(text.substr(key.size() + 1))));
             }
-            std::size_t const colon = text.find(':');
-            if (colon == std::string::npos) throw std::invalid_argument("no key");
-            std::string const key = text.substr(0, colon), value = stripped(text.substr(colon + 1));
-            if (key == "columns" && !open) {
-                columns = fields(value);
-                continue;
-            }
-            if (!open) cases.emplace_back(fileName, number);
-            open = true;
-            cases.back().add(key, unescaped(value));
         } catch (std::logic_error const& e) {
             throw std::runtime_error(fileName + ':' + std::to_string(number) + ": " + e.what());
         }

@@ -37,7 +37,9 @@ private:
 // Reads a file of cases below tests/data. A line "key: value" adds a value to the case at hand,
 // and an empty line ends the case; a key given again goes on with its value, so that long inputs
 // can be broken into lines. After a line "columns: a | b | c" each line up to the next empty one
-// is a case of its own, with values between " | ". Lines that begin with # are comments.
+// is a case of its own, with values between " | ". A line "= title" begins a transcript: the lines
+// up to the next empty one as they stand, which are the value of "calls", see Transcript.h. Lines
+// that begin with # are comments.
 // Values know the escapes \r \n \t \s (a blank) \0 \\ \| \{ \} \xHH, and {text*1000} for a text
 // repeated 1000 times. White space around a value is not part of it.
 std::vector<TestCase> loadCases(std::string const& fileName);

@@ -28,6 +28,7 @@ public:
     }
 
     std::vector<std::string> writes;
+    void failIn(int calls) { failAt = m_calls + calls; }
     int failAt = 0;
     bool once = false;
     int flushes = 0;

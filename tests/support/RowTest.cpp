@@ -1,9 +1,12 @@
 #include "support/RowTest.h"
 
-#include <functional>
 #include <memory>
+#include <sstream>
+#include <utility>
 
 #include <gtest/gtest.h>
+
+#include "support/Raised.h"
 
 namespace {
 
@@ -41,4 +44,20 @@ bool addRowTests(char const* suite, char const* behaviour, std::initializer_list
             add(file, [error = std::string(e.what())] { FAIL() << error; });
         }
     return true;
+}
+
+void expectTranscript(std::string const& transcript, std::vector<std::string>& gave,
+                      std::function<void(Call const&)> const& make) {
+    std::istringstream lines(transcript);
+    std::string expected, actual;
+    for (std::string line; std::getline(lines, line);) {
+        expected += (isCall(line) ? line : unescaped(line)) + '\n';
+        if (!isCall(line)) continue;
+        actual += line + '\n';
+        std::string const error = raisedText([&] { make(Call(line)); });
+        for (std::string const& answer : std::exchange(gave, {}))
+            actual += (answer.empty() ? ">" : "> " + answer) + '\n';
+        if (!error.empty()) actual += "! " + error + '\n';
+    }
+    EXPECT_EQ(expected, actual);
 }

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <functional>
 #include <initializer_list>
 
 #include "support/CaseFile.h"
+#include "support/Transcript.h"
 
 // TEST_ROWS(Suite, Behaviour, "file.txt") { ... } is a test of its own for each case `c` of the
 // files, named by its place: --gtest_filter='*/file.txt/57' runs the one of line 57 alone. It
@@ -15,3 +17,8 @@
 
 bool addRowTests(char const* suite, char const* behaviour, std::initializer_list<char const*> files,
                  void (*body)(TestCase const&), char const* source, int line);
+
+// Makes the calls of a transcript; what each gave and raised must be what stands below it. `make`
+// adds answers to `gave`.
+void expectTranscript(std::string const& transcript, std::vector<std::string>& gave,
+                      std::function<void(Call const&)> const& make);

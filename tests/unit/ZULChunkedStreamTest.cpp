@@ -1,5 +1,3 @@
-#include <sstream>
-
 #include <gtest/gtest.h>
 
 #include "foundation/QORByteBuffer.h"
@@ -11,7 +9,6 @@
 #include "support/AllocationFaults.h"
 #include "support/FragmentingStream.h"
 #include "support/Raised.h"
-#include "support/RecordingOutputStream.h"
 #include "support/RowTest.h"
 
 namespace {
@@ -38,31 +35,6 @@ struct Decoded {
 };
 
 std::string textOf(QORByteBuffer const& b) { return {b.str(), b.pcount()}; }
-
-std::unique_ptr<ZULOutputStream> outputStream(TestCase const& c, ZULOutputStream& beneath) {
-    int const size = static_cast<int>(c.number("size"));
-    if (c["stream"] == "chunked") return std::make_unique<ZULChunkedOutputStream>(beneath, size);
-    return std::make_unique<ZULBufferedOutputStream>(beneath, size);
-}
-
-void makeCalls(ZULOutputStream& out, std::string const& calls) {
-    std::istringstream words(calls);
-    for (std::string call; words >> call;)
-        if (call == "FLUSH")
-            out.flush();
-        else if (call == "CLOSE")
-            out.close();
-        else if (auto* encoder = dynamic_cast<ZULChunkedOutputStream*>(&out); call == "RESET")
-            encoder ? encoder->reset() : dynamic_cast<ZULBufferedOutputStream&>(out).reset();
-        else
-            out.write(call.data(), call == "NOTHING" ? 0 : static_cast<int>(call.size()));
-}
-
-std::string bracketed(RecordingOutputStream const& out, std::size_t from = 0) {
-    std::string all;
-    for (; from < out.writes.size(); ++from) all += '[' + out.writes[from] + ']';
-    return all;
-}
 
 }  // namespace
 
@@ -125,17 +97,6 @@ TEST(ZULChunkedInputStream, GoesOnAfterAFailedReadOrAllocation) {
         });
 }
 
-TEST_ROWS(ZULOutputStream, WritesInTheExpectedPieces, "output_calls.txt") {
-    RecordingOutputStream beneath;
-    auto const out = outputStream(c, beneath);
-    makeCalls(*out, c["calls"]);
-    EXPECT_EQ(2001, raisedCode([&] { out->write("x", -1); }));
-    EXPECT_EQ(c["writes"], bracketed(beneath));
-    bool const flushed = c["calls"].find_first_of("FC") != std::string::npos;
-    EXPECT_EQ(c["stream"] == "buffered" && flushed, beneath.flushes > 0);
-    EXPECT_EQ(0, beneath.closes);
-}
-
 TEST(ZULOutputStream, RefusesSizesThatMakeNoSense) {
     ZULMemoryOutputStream memory(1000, 1000);
     memory.write("a\0b", 3);
@@ -148,29 +109,6 @@ TEST(ZULOutputStream, RefusesSizesThatMakeNoSense) {
     EXPECT_EQ(std::string("a\0b", 4), std::string(memory.bytes(), 4));
     memory.reset();
     EXPECT_EQ(0, memory.length());
-}
-
-// A body whose writer failed is never ended, and nothing of it reaches the next one.
-TEST_ROWS(ZULOutputStream, SendsNothingBehindALostWriteUntilItsReset, "output_calls.txt") {
-    bool const writes = !c["writes"].empty();
-    for (int nth = 1;; ++nth) {
-        SCOPED_TRACE("call " + std::to_string(nth));
-        RecordingOutputStream beneath;
-        beneath.failAt = nth;
-        beneath.once = true;
-        auto const out = outputStream(c, beneath);
-        if (raisedCode([&] { makeCalls(*out, c["calls"]); }) == 0) {
-            EXPECT_TRUE(nth > 1 || !writes);
-            break;
-        }
-        std::size_t const sent = beneath.writes.size();
-        for (char const* call : {"x", "NOTHING", "FLUSH", "CLOSE"})
-            EXPECT_EQ(ZULStreamException::ZUL_ERR_BROKEN,
-                      raisedCode([&] { makeCalls(*out, call); }));
-        makeCalls(*out, "RESET x CLOSE");
-        EXPECT_EQ(c["stream"] == "buffered" ? "[x]" : "[1\r\nx\r\n][0\r\n\r\n]",
-                  bracketed(beneath, sent));
-    }
 }
 
 TEST(ZULChunkedOutputStream, LeavesNoGapWhereMemoryRunsOut) {
