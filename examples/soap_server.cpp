@@ -1,6 +1,10 @@
 #include <csignal>
 #include <cstdio>
+#include <exception>
+#include <memory>
+#include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "parser/HTTPMessageReader.h"
 #include "sender/HTTPMessageSender.h"
@@ -14,8 +18,10 @@ static void addPart(MultipartHttpMsg& answer, char const* type, std::string cons
     answer.endPart(part);
 }
 
-static void serve(int descriptor) try {
-    SoapSocket connection(descriptor);
+static void endWait(void*) { throw std::runtime_error("a client sent nothing for 10 seconds"); }
+
+static void serve(SoapSocket& connection) {
+    connection.setTimeLimitCallback(endWait, nullptr, 10000);
     ZULBufferedInputStream in(*connection.getInputStream(), 4096);
     HTTPMessageReader reader(in);
     reader.setReadPolicy(HTTPReadPolicy::hardened());
@@ -29,10 +35,17 @@ static void serve(int descriptor) try {
             "<Envelope xmlns=\"http://schemas.xmlsoap.org/soap/envelope/\"><Body/></Envelope>");
     addPart(answer, "text/plain", std::to_string(request.num_parts()) + " parts for " + uri + "\n");
     answer.finish();
+}
+
+template <class Step>
+static void reportFailuresOf(Step step) try {
+    step();
 } catch (QORThrowable& e) {
     std::fprintf(stderr, "%s\n", e.toString());
 } catch (SoapSocketException& e) {
     std::fprintf(stderr, "%s\n", e.getDetails());
+} catch (std::exception& e) {
+    std::fprintf(stderr, "%s\n", e.what());
 }
 
 int main() {
@@ -40,5 +53,11 @@ int main() {
     SoapServerSocket server;
     server.Open(0);
     std::fprintf(stderr, "http://127.0.0.1:%d/\n", server.m_boundPort);
-    for (;;) serve(server.AwaitCommunicationAttempt());
+    auto const acceptOne = [&server] {
+        auto const connection = std::make_shared<SoapSocket>(server.AwaitCommunicationAttempt());
+        std::thread([connection] {
+            reportFailuresOf([&connection] { serve(*connection); });
+        }).detach();
+    };
+    for (;;) reportFailuresOf(acceptOne);
 }

@@ -39,6 +39,7 @@ class Examples(unittest.TestCase):
     def test_soap_server_answers_with_an_attachment(self):
         _, errors = self.start('soap_server', pipe='stderr')
         port = int(errors.readline().split(b':')[2].rstrip(b'/\n'))
+        self.enterContext(programs.Client(port))  # says nothing, and holds up nobody
         for wire in request(PARTS, TYPE), request(BARE, TYPE), \
                 request(chunked(PARTS, 9), TYPE, 'Transfer-Encoding: chunked', length=False):
             with programs.Client(port) as client:
