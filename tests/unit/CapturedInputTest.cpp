@@ -76,12 +76,14 @@ TEST(CapturedInput, HasItsTreeAtEveryReadSize) {
 TEST(CapturedInput, CutShortIsTheSameTreeOrAShorterBodyOrAnError) {
     for (Capture const& c : captures()) {
         std::istringstream cuts(c.cuts);
-        std::size_t from, to;
-        for (std::string outcome; cuts >> from >> to >> outcome;) {
+        std::size_t from, to, next = 0;
+        for (std::string outcome; cuts >> from >> to >> outcome; next = to + 1) {
+            EXPECT_EQ(from, next) << c.name;
             for (std::size_t i = from; i < to; i += to - from < 65536 ? 1 : 123457)
                 expectOutcome(c, i, outcome);
             expectOutcome(c, to, outcome);
         }
+        EXPECT_EQ(next, c.wire.size()) << c.name << " is cut at every length";
     }
 }
 

@@ -91,12 +91,14 @@ TEST_ROWS(HTTPMessageReader, IsUsableAfterHostileMessagesAndStaysInProportionToT
 }
 
 TEST(HTTPMessageReader, IsUsableAfterAFailingRead) {
-    for (int nth = 1;; ++nth) {
+    std::size_t nth = 1;
+    for (;; ++nth) {
         ReaderConnection c(kNested, 1);
-        c.wire.failAtRead(nth);
+        c.wire.failAtRead(static_cast<int>(nth));
         if (raisedCode([&] { c.request(); }) == 0) break;
         expectNextRequest(c);
     }
+    EXPECT_GT(nth, std::string(kNested).size()) << "each byte has a read of its own";
 }
 
 TEST(HTTPMessageReader, ReportsOutOfMemoryAndReadsTheNextMessage) {
