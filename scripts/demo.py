@@ -138,7 +138,7 @@ def print_dissection(folder):
               [f'Content-ID: <{name}>' for name in ('envelope@postwire', 'order', 'picture')] and
               f'Data ({len(BINARY)} bytes)' in lines, f'{mode}: tshark sees other parts')
     if not shutil.which('tshark'):
-        print('captures were made; tshark (Debian package tshark) is not there to dissect them')
+        print('captures were made; their dissection: skipped (Debian package tshark)')
 
 
 def print_table(rows):

@@ -87,7 +87,7 @@ class Exchanges:
 
     def curl(self, *arguments, body=b''):
         if not shutil.which('curl'):
-            self.skipTest('curl is not installed')
+            self.skipTest('Debian package curl')
         done = subprocess.run(['curl', '-sS', '--noproxy', '*', '-m', str(programs.TIMEOUT),
                                *arguments], input=body, capture_output=True)
         self.assertEqual((done.returncode, done.stderr), (0, b''))
@@ -122,7 +122,7 @@ class Exchanges:
             self.receives(body, answer.read())
             self.assertIs(connection.sock, only)
 
-    @unittest.skipUnless(requests, 'requests is not installed')
+    @unittest.skipUnless(requests, 'Debian package python3-requests')
     def test_requests(self):
         with requests.Session() as session:
             session.trust_env = False

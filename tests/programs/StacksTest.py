@@ -132,7 +132,7 @@ class PythonsEmail(Stacks):
         self.assertEqual([read[0].get_payload(0).get_payload(), read[1].get_payload()], ['a', 'b'])
 
 
-@unittest.skipUnless(requests_toolbelt, 'no requests_toolbelt (Debian package python3-requests-toolbelt)')
+@unittest.skipUnless(requests_toolbelt, 'Debian package python3-requests-toolbelt')
 class RequestsToolbelt(Stacks):
     def test_form_data(self):
         fields = [(f'part{i}', (f'{i}.bin', b, 'application/octet-stream'))
@@ -144,7 +144,7 @@ class RequestsToolbelt(Stacks):
         self.assertIn(b'filename=0.bin', parts[0].headers[b'content-disposition'])
 
 
-@unittest.skipUnless(zeep, 'no zeep (Debian package python3-zeep)')
+@unittest.skipUnless(zeep, 'Debian package python3-zeep')
 class Zeep(Stacks):
     def test_asks_and_reads_plain_and_multipart_answers(self):
         related = b'\r\n'.join((b'--uuid-1', b'Content-Type: text/xml', b'Content-ID: <root>', b'',

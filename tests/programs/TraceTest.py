@@ -96,7 +96,7 @@ class TraceTest(unittest.TestCase):
                 whole = cut == len(trace(('read', REQUEST)))
                 self.assertRegex(done.stderr, '^$' if whole else 'lacks|ends inside')
 
-    @unittest.skipUnless(shutil.which('tshark'), 'tshark is not there')
+    @unittest.skipUnless(shutil.which('tshark'), 'Debian package tshark')
     def test_tshark_dissects_the_capture_down_to_the_parts(self):
         capture = pathlib.Path(self.folder.name) / 'out.pcap'
         big = programs.request(programs.multipart('B', ([], bytes(100000)), ([], b'')),

@@ -32,12 +32,12 @@ def listens(port, process):
 
 
 @contextlib.contextmanager
-def peer(name, configure, command, log=None):
+def peer(name, configure, command, log=None, package=None):
     """The port of a server, and the folder it runs in. It is started again where its port was taken
     meanwhile. What it prints goes to a file, which stays where one is named."""
     program = shutil.which(name, path=PATH)
     if not program:
-        raise unittest.SkipTest(f'{name} is not installed')
+        raise unittest.SkipTest(f'Debian package {package or name}')
     with tempfile.TemporaryDirectory() as folder:
         os.chmod(folder, 0o755)  # servers started by root go on as someone else
         file, log = pathlib.Path(folder, 'config'), log or pathlib.Path(folder, 'log')
@@ -100,4 +100,4 @@ def logging_nginx(back, log):
 
 
 def apache(configure):
-    return peer('apache2', configure, ['-DFOREGROUND', '-f', '{file}'])
+    return peer('apache2', configure, ['-DFOREGROUND', '-f', '{file}'], package='apache2-bin')
