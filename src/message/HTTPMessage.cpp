@@ -28,6 +28,13 @@ std::string_view trimmed(std::string_view text) {
     return quoted ? withoutSpaces(text.substr(1, text.size() - 2)) : text;
 }
 
+// Of a header's text.
+std::string_view mainValueOf(std::string_view text) {
+    return trimmed(text.substr(0, text.find(';')));
+}
+
+bool isQuoted(std::string_view text) { return !text.empty() && text.front() == '"'; }
+
 // A search for a name walks over the lines that are kept. They are those of a usual head; of more,
 // up to all of a hostile one, all are sorted in, so that the cost of look-ups stays in proportion.
 constexpr std::size_t kMaxSearched = 4096;
@@ -64,7 +71,10 @@ HTTPHeader::HTTPHeader() : m_quoted(0), m_borrowed(nullptr) {}
 
 HTTPHeader::HTTPHeader(char const* value) : HTTPHeader() { setValue(value); }
 
-HTTPHeader::HTTPHeader(HeaderLine const& line) : HTTPHeader() { parseText(line.text()); }
+HTTPHeader::HTTPHeader(HeaderLine const& line)
+    : m_value(mainValueOf(line.text())), m_quoted(isQuoted(line.text())), m_borrowed(nullptr) {
+    parseAttributes(line.text());
+}
 
 // A copy may outlive the line that the other header borrows.
 HTTPHeader::HTTPHeader(HTTPHeader const& other)
@@ -160,9 +170,13 @@ bool HTTPHeader::holds(char const* text) const {
 }
 
 void HTTPHeader::parseText(std::string_view text) {
+    m_value = mainValueOf(text);
+    m_quoted = isQuoted(text);
+    parseAttributes(text);
+}
+
+void HTTPHeader::parseAttributes(std::string_view text) {
     std::size_t semicolon = text.find(';');
-    m_value = trimmed(text.substr(0, semicolon));
-    m_quoted = !text.empty() && text.front() == '"';
     while (semicolon != std::string_view::npos) {
         std::size_t const start = text.find_first_not_of("; \t", semicolon);
         if (start == std::string_view::npos) return;
@@ -266,16 +280,17 @@ HTTPHeaders::Entries::iterator HTTPHeaders::findEntry(char const* name) {
     storeManyLines();
     auto const at = m_headers.lower_bound(name);
     if (at != m_headers.end() && compareInAnyCase(at->first.c_str(), name) == 0) return at;
-    auto const first = m_lines.find(name);
+    std::string_view const view(name);
+    auto const first = m_lines.find(view);
     if (first == m_lines.end()) return m_headers.end();
     auto last = first;
     for (auto line = first; line != m_lines.end() && !isRepeatable(name);
-         line = m_lines.find(name, ++line))
+         line = m_lines.find(view, ++line))
         last = line;
     auto const entry =
         m_headers.emplace_hint(at, std::piecewise_construct, std::forward_as_tuple((*first).name()),
                                std::forward_as_tuple(*last));
-    for (auto line = first;; line = m_lines.find(name, line)) {
+    for (auto line = first;; line = m_lines.find(view, line)) {
         m_lines.remove(line);
         if (line == last) return entry;
     }

@@ -79,6 +79,7 @@ private:
     void parseBorrowed();
     void moveFrom(HTTPHeader& other);
     void parseText(std::string_view text);
+    void parseAttributes(std::string_view text);
     void storeAttribute(std::string_view name, std::string_view value);
     bool holds(char const* text) const;
 

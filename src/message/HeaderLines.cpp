@@ -12,10 +12,15 @@ constexpr std::size_t kFirstRoom = 640;
 }  // namespace
 
 HeaderLines::Iterator HeaderLines::find(std::string_view name, Iterator from) const {
-    Iterator const last = end();
-    from.skipRemoved();
-    while (from != last && !equalsInAnyCase((*from).name(), name)) ++from;
-    return from;
+    for (char const* at = from.m_at; at != from.m_end;) {
+        Head const head = headAt(at);
+        at += sizeof head;
+        // The size of a removed line's name is no name's.
+        if (head.nameSize == name.size() && equalsInAnyCase({at, head.nameSize}, name))
+            return {at - sizeof head, from.m_end};
+        at += head.size;
+    }
+    return end();
 }
 
 void HeaderLines::add(std::string_view name, std::string_view text) {
