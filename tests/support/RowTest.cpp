@@ -46,8 +46,8 @@ bool addRowTests(char const* suite, char const* behaviour, std::initializer_list
     return true;
 }
 
-void expectTranscript(std::string const& transcript, std::vector<std::string>& gave,
-                      std::function<void(Call const&)> const& make) {
+void expectAnswers(std::string const& transcript, std::vector<std::string>& gave,
+                   std::function<void(Call const&)> const& make) {
     std::istringstream lines(transcript);
     std::string expected, actual;
     for (std::string line; std::getline(lines, line);) {

@@ -3,6 +3,9 @@
 #include <functional>
 #include <initializer_list>
 
+#include "foundation/QORThrowable.h"
+
+#include "support/AllocationFaults.h"
 #include "support/CaseFile.h"
 #include "support/Transcript.h"
 
@@ -20,5 +23,26 @@ bool addRowTests(char const* suite, char const* behaviour, std::initializer_list
 
 // Makes the calls of a transcript; what each gave and raised must be what stands below it. `make`
 // adds answers to `gave`.
-void expectTranscript(std::string const& transcript, std::vector<std::string>& gave,
-                      std::function<void(Call const&)> const& make);
+void expectAnswers(std::string const& transcript, std::vector<std::string>& gave,
+                   std::function<void(Call const&)> const& make);
+
+// The same for a Maker's make(call) and `gave`; then the calls again with one allocation failing
+// after the other, whatever else they raise, unless they run out of memory as it is.
+template <class Maker>
+void expectTranscript(TestCase const& c) {
+    {
+        Maker maker;
+        expectAnswers(c["calls"], maker.gave, [&](Call const& call) { maker.make(call); });
+    }
+    if (c["calls"].find("! QOROutOfMemoryError") != std::string::npos) return;
+    std::vector<Call> const calls = callsOf(c["calls"]);
+    forEachFailingAllocation([&] {
+        Maker maker;
+        for (Call const& call : calls) try {
+                maker.make(call);
+            } catch (QOROutOfMemoryError const&) {
+                throw;
+            } catch (QORThrowable const&) {
+            }
+    });
+}

@@ -54,6 +54,19 @@ void makeAllCalls(std::vector<Call> const& calls, ZULOutputStream& os, int joine
     raised([&] { buffered.flush(); });
 }
 
+struct Writer {
+    Writer() { os.once = true; }
+    void make(Call const& call) {
+        call.is("fail") ? os.failIn(call.number()) : calls.make(call);
+        for (; os.flushes > 0; --os.flushes) os.writes.emplace_back("flush");
+        EXPECT_EQ(0, os.closes);
+    }
+
+    RecordingOutputStream os;
+    WriterCalls calls{os};
+    std::vector<std::string>& gave = os.writes;
+};
+
 // Counts bytes: those from the caller's own memory, and the others.
 struct OriginCounter : ZULOutputStream {
     void write(char const* data, int length) override {
@@ -78,14 +91,7 @@ auto* const kMachineName = ::testing::AddGlobalTestEnvironment(new MachineName);
 
 TEST_ROWS(HTTPMessageSender, MakesTheWritesOfATranscript, "writer_transcripts.txt",
           "output_transcripts.txt") {
-    RecordingOutputStream os;
-    WriterCalls writer(os);
-    os.once = true;
-    expectTranscript(c["calls"], os.writes, [&](Call const& call) {
-        call.is("fail") ? os.failIn(call.number()) : writer.make(call);
-        for (; os.flushes > 0; --os.flushes) os.writes.emplace_back("flush");
-        EXPECT_EQ(0, os.closes);
-    });
+    expectTranscript<Writer>(c);
 }
 
 TEST_ROWS(HTTPMessageSender, BeginsAnewAfterAFailureOfEachWrite, "writer_transcripts.txt",
@@ -132,18 +138,6 @@ TEST(HTTPMessageSender, NeverEndsABodyThatLostBytesWell) {
                     cut += nth > 0;
                 }
     EXPECT_LT(5000, cut);
-}
-
-TEST_ROWS(HTTPMessageSender, ReportsEachFailingAllocation, "writer_transcripts.txt") {
-    std::vector<Call> const calls = callsOf(c["calls"]);
-    forEachFailingAllocation([&] {
-        OriginCounter os;
-        WriterCalls writer(os);
-        for (Call const& call : calls) try {
-                writer.make(call);
-            } catch (QORAssertError const&) {
-            }
-    });
 }
 
 TEST(HTTPMessageSender, TellsWhereMemoryRanOut) {

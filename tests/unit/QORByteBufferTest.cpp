@@ -1,5 +1,4 @@
-#include <climits>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include <gtest/gtest.h>
@@ -8,56 +7,46 @@
 #include "foundation/QORUtConvert.h"
 
 #include "support/AllocationFaults.h"
-#include "support/Raised.h"
+#include "support/RowTest.h"
 
 namespace {
 
-std::string textOf(QORByteBuffer const& b) {
-    EXPECT_EQ('\0', b.str()[b.pcount()]);
-    return {b.str(), b.pcount()};
-}
+// The calls of buffer_transcripts.txt.
+struct Buffer {
+    std::unique_ptr<QORByteBuffer> b;
+    std::vector<std::string> gave;
+
+    void show() {
+        gave.emplace_back(b->str(), b->pcount());
+        if (b->str()[b->pcount()] != '\0') gave.emplace_back("no zero behind it");
+    }
+    void make(Call const& call) {
+        auto const n = static_cast<unsigned>(call.number());
+        auto const second = static_cast<unsigned>(std::atoi(call.rest()));
+        if (call.is("new")) b = std::make_unique<QORByteBuffer>(n, second);
+        if (call.is("copy")) b = std::make_unique<QORByteBuffer>(*b);
+        if (call.is("add")) *b << call.all();
+        if (call.is("char")) *b << call.text[0];
+        if (call.is("int")) *b << call.number();
+        if (call.is("hex")) b->setHexRadix(call.number());
+        if (call.is("bytes")) b->appendChars(call.rest(), n);
+        if (call.is("own")) b->appendChars(b->str() + n, b->pcount() - n);
+        if (call.is("self")) *b << b->str();
+        if (call.is("poke")) std::strcpy(b->str() + n, call.rest());
+        if (call.is("length")) b->setLength(n);
+        if (call.is("reserve")) b->reserve(n);
+        if (call.is("reset")) b->reset();
+        if (call.is("trim")) gave.push_back(std::to_string(b->trim()));
+        if (call.is("capacity")) gave.push_back(std::to_string(b->capacity()));
+        if (call.is("show")) show();
+        call.mustBeKnown();
+    }
+};
 
 }  // namespace
 
-TEST(QORByteBuffer, AppendsTextsBytesAndNumbers) {
-    for (int const n : {0, -1, 255, 16384, INT_MAX, INT_MIN}) {
-        char expected[64];
-        std::snprintf(expected, sizeof expected, "<%d>%x%x%d", n, static_cast<unsigned>(n), 10, n);
-        QORByteBuffer b(0, 0);
-        b << "<" << n << '>';
-        b.setHexRadix(1);
-        b << n;
-        QORByteBuffer copy(b);
-        b.reset();
-        EXPECT_EQ("a", textOf(b << 10)) << "the radix outlives reset";
-        copy << 10;
-        copy.setHexRadix(0);
-        EXPECT_EQ(expected, textOf(copy << "" << n));
-        copy.appendChars("\0\n", 2);
-        EXPECT_EQ(expected + std::string("\0\n", 2), textOf(copy));
-    }
-}
-
-TEST(QORByteBuffer, TrimsWhiteSpaceAtBothEnds) {
-    for (std::string const& text :
-         {std::string(), std::string("a"), std::string("x\n \xa0"), std::string("\0 \0", 3)})
-        for (std::string const space : {"", " \t\r\n\v\f", "\r\n"}) {
-            QORByteBuffer b(16, 16);
-            b << space.c_str();
-            b.appendChars(text.data(), static_cast<unsigned>(text.size()));
-            EXPECT_EQ(text.size(), (b << space.c_str()).trim());
-            EXPECT_EQ(text, textOf(b));
-        }
-}
-
-TEST(QORByteBuffer, AppendsItsOwnBytesWhileItGrows) {
-    QORByteBuffer b(1, 1);
-    b << "abcdefg";
-    for (std::string expected = "abcdefg"; expected.size() < 100000;) {
-        b.appendChars(b.str() + 3, b.pcount() - 3);
-        expected += expected.substr(3);
-        ASSERT_EQ(expected += expected, textOf(b << b.str()));
-    }
+TEST_ROWS(QORByteBuffer, AnswersEachCallOfATranscript, "buffer_transcripts.txt") {
+    expectTranscript<Buffer>(c);
 }
 
 TEST(QORByteBuffer, GrowsGeometricallyAndByItsStepAtLeast) {
@@ -72,22 +61,6 @@ TEST(QORByteBuffer, GrowsGeometricallyAndByItsStepAtLeast) {
     EXPECT_EQ(1, allocationsOf([&] { append(wide, 1001); }));
     QORByteBuffer copy(wide);
     EXPECT_EQ(1, allocationsOf([&] { append(copy, 1001); })) << "a copy keeps capacity and step";
-}
-
-TEST(QORByteBuffer, RefusesLengthsItCannotHoldAndStaysAsItWas) {
-    QORByteBuffer b(16, 16);
-    b << "abc";
-    for (unsigned const n : {0x80000000U, UINT_MAX}) {
-        EXPECT_EQ("QOROutOfMemoryError", raisedText([&] { b.reserve(n); }));
-        EXPECT_EQ("QOROutOfMemoryError", raisedText([&] { b.setLength(n); }));
-        EXPECT_EQ("QOROutOfMemoryError", raisedText([&] { b.appendChars("x", n - 3); }));
-        EXPECT_EQ("QOROutOfMemoryError", raisedText([&] { QORByteBuffer(n, 1); }));
-    }
-    EXPECT_EQ("QOROutOfMemoryError", raisedText([&] { b.setLength(17); }));
-    EXPECT_EQ("abc", textOf(b));
-    std::memcpy(b.str() + 3, "defg", 4);
-    b.setLength(6);
-    EXPECT_EQ("abcdef", textOf(b));
 }
 
 TEST(QORByteBuffer, IsAsItWasWhereMemoryRunsOut) {

@@ -1,9 +1,10 @@
+#include <list>
+
 #include <gtest/gtest.h>
 
 #include "foundation/QORByteBuffer.h"
 #include "foundation/ZULBufferedInputStream.h"
 #include "foundation/ZULChunkedInputStream.h"
-#include "foundation/ZULInputStream.h"
 #include "foundation/ZULMemoryInputStream.h"
 
 #include "support/FragmentingStream.h"
@@ -14,130 +15,142 @@ namespace {
 
 std::string textOf(QORByteBuffer const& b) { return {b.str(), b.pcount()}; }
 
-// Calls body(stream) for buffered streams over the bytes, of all read sizes and buffer sizes.
-template <class Body>
-void forEachBuffering(std::string const& bytes, Body const& body) {
-    forEachReadSize([&](int step) {
-        for (int const size : {1, 2, 3, 7, 4096}) {
-            SCOPED_TRACE("buffer size " + std::to_string(size));
-            FragmentingStream beneath(bytes, step);
-            ZULBufferedInputStream in(beneath, size);
-            body(in);
+// Gives more than it is asked for.
+struct Excess : ZULInputStream {
+    using ZULInputStream::read;
+    int read(char*, int n) override { return n + 1; }
+};
+
+// Streams, each over the one made before; the calls of input_transcripts.txt go to the last.
+struct Streams {
+    std::list<std::unique_ptr<ZULInputStream>> made;
+    std::list<std::string> lent;
+    QORByteBuffer buf{0, 1};
+    char memory[4096] = "";
+    std::vector<std::string> gave;
+
+    void say(int n) { gave.push_back(std::to_string(n)); }
+    void sayRead(int n, char const* bytes) {
+        say(n);
+        if (n > 0) gave.back().append(" ").append(bytes, bytes + n);
+    }
+    void sayBuffer(int n) {
+        sayRead(n, buf.str());
+        buf.reset();
+    }
+    void make(Call const& call) {
+        int const n = call.number();
+        if (call.is("wire")) made.push_back(std::make_unique<FragmentingStream>(call.text));
+        if (call.is("pieces")) made.push_back(std::make_unique<FragmentingStream>(call.rest(), n));
+        if (call.is("excess")) made.push_back(std::make_unique<Excess>());
+        if (call.is("memory")) {
+            char const* const bytes = lent.emplace_back(call.rest()).c_str();
+            made.push_back(std::make_unique<ZULMemoryInputStream>(bytes, n));
         }
-    });
+        auto* const wire = dynamic_cast<FragmentingStream*>(made.front().get());
+        ZULInputStream& in = *made.back();
+        auto* const buffered = dynamic_cast<ZULBufferedInputStream*>(&in);
+        if (call.is("filter")) made.push_back(std::make_unique<ZULFilterInputStream>(in));
+        if (call.is("buffered")) made.push_back(std::make_unique<ZULBufferedInputStream>(in, n));
+        if (call.is("chunked")) made.push_back(std::make_unique<ZULChunkedInputStream>(*buffered));
+        if (call.is("copy")) made.push_back(std::make_unique<ZULBufferedInputStream>(*buffered));
+        if (call.is("detach")) dynamic_cast<ZULFilterInputStream&>(in).detach();
+        if (call.is("read")) sayRead(in.read(memory, n), memory);
+        if (call.is("readfully")) sayRead(in.readFully(memory, n), memory);
+        if (call.is("tobuffer")) sayBuffer(in.read(buf, n));
+        if (call.is("fullytobuffer")) sayBuffer(in.readFully(buf, n));
+        if (call.is("buffer")) sayBuffer(static_cast<int>(buf.pcount()));
+        if (call.is("byte")) say(in.read());
+        if (call.is("unread")) try {
+                in.unread(call.rest(), n);
+            } catch (char const* const& text) {
+                gave.emplace_back(text);
+            }
+        if (call.is("unreadown"))
+            buffered->unread(buffered->peek(peeked) + n, std::atoi(call.rest()));
+        if (call.is("can")) say(in.canUnread() + in.canTimeout() * 2 + in.canCancel() * 4);
+        if (call.is("settings")) say(in.getTimeout() + in.getCancel());
+        if (call.is("maxline")) buffered->setMaxLine(n);
+        if (call.is("peek")) gave.emplace_back(buffered->peek(peeked), 1);
+        if (call.is("skip")) buffered->skip(n);
+        if (call.is("append")) wire->append(call.text);
+        if (call.is("failread")) wire->failAtRead(n);
+        if (call.is("reads")) say(wire->reads());
+        if (call.is("largest")) say(wire->largestRequest());
+        call.mustBeKnown();
+    }
+    int peeked = 0;
+};
+
+void readOn(ZULInputStream& in, QORByteBuffer& data, int request) {
+    while (in.read(data, request) > 0) continue;
 }
+
+struct Decoded {
+    QORByteBuffer data{16, 16}, rest{16, 16};
+    long error = 0;
+
+    // In reads of at most `request` bytes, the nth read beneath failing once; asks again after the
+    // end or the error.
+    Decoded(std::string const& coded, int step, int request, int readAhead, int failing = 0) {
+        FragmentingStream wire(coded, step);
+        ZULBufferedInputStream beneath(wire, readAhead);
+        ZULChunkedInputStream decoder(beneath);
+        auto const decode = [&] { readOn(decoder, data, request); };
+        wire.failAtRead(failing);
+        error = raisedCode(decode);
+        if (failing > 0) error = raisedCode(decode);
+        int const reads = wire.reads();
+        EXPECT_EQ(error, raisedCode(decode)) << "asked again";
+        EXPECT_EQ(reads, wire.reads()) << "asked again";
+        if (error == 0) readOn(beneath, rest, 1000);
+    }
+};
 
 }  // namespace
 
-TEST(ZULInputStream, RefusesNegativeCountsAndAsksNothingForZero) {
-    FragmentingStream wire("3\r\nabc\r\n0\r\n\r\n");
-    ZULMemoryInputStream memory("abc", 3);
-    ZULFilterInputStream filter(wire);
-    ZULBufferedInputStream buffered(wire, 4);
-    ZULChunkedInputStream chunked(buffered);
-    QORByteBuffer buf(4, 4);
-    char byte = 'x';
-    std::initializer_list<ZULInputStream*> const streams = {&memory, &filter, &buffered, &chunked};
-    for (ZULInputStream* const in : streams) {
-        EXPECT_FALSE(in->canTimeout() || in->canCancel() || in->getTimeout() || in->getCancel());
-        for (int const n : {0, -1, INT_MIN}) {
-            long const code = n < 0 ? ZULStreamException::ZUL_ERR_NEGATIVE_COUNT : 0;
-            EXPECT_EQ(code, raisedCode([&] { EXPECT_EQ(0, in->read(buf, n)); }));
-            EXPECT_EQ(code, raisedCode([&] { EXPECT_EQ(0, in->read(&byte, n)); }));
-            EXPECT_EQ(code, raisedCode([&] { EXPECT_EQ(0, in->readFully(buf, n)); }));
-            EXPECT_EQ(code, raisedCode([&] { EXPECT_EQ(0, in->readFully(&byte, n)); }));
-            EXPECT_EQ(code, raisedCode([&] { buffered.unread("", n); }));
-            EXPECT_EQ(code, raisedCode([&] { buffered.setMaxLine(n); }));
-            EXPECT_EQ(code, raisedCode([&] { ZULMemoryInputStream("", n); }));
-            EXPECT_EQ(2001, raisedCode([&] { ZULBufferedInputStream(*in, n); }));
-        }
-    }
-    EXPECT_TRUE(buffered.canUnread() && !chunked.canUnread());
-    EXPECT_THROW(chunked.unread("", 1), char const*);
-    EXPECT_EQ(0, wire.reads());
-    EXPECT_EQ("x", byte + textOf(buf));
-}
-
-TEST(ZULInputStream, RaisesWhereAReadGivesMoreThanWasAsked) {
-    struct : ZULInputStream {
-        using ZULInputStream::read;
-        int read(char*, int n) override { return n + 1; }
-    } stream;
-    QORByteBuffer buf(4, 4);
-    EXPECT_EQ("QOR_ASSERT(got <= piece);", failedAssertion([&] { stream.read(buf, 9); }));
-    EXPECT_EQ("", textOf(buf));
-}
-
-TEST(ZULInputStream, ReadsFullyOrTellsThatTheInputEnded) {
-    std::string const bytes("\0one\r\n\xff two", 11);
-    for (int cut = 0; cut <= 11; ++cut)
-        forEachBuffering(bytes.substr(0, static_cast<unsigned>(cut)), [&](auto& buffered) {
-            QORByteBuffer buf(0, 1);
-            char memory[11] = "";
-            ZULInputStream& in = cut % 2 ? buffered : *buffered.getInputStream();
-            long const code = cut == 11 ? 0 : ZULStreamException::ZUL_ERR_END_OF_INPUT;
-            EXPECT_EQ(code, raisedCode([&] { EXPECT_EQ(11, in.readFully(buf, 11)); }));
-            EXPECT_EQ(bytes.substr(0, buf.pcount()), textOf(buf));
-            buffered.unread(buf.str(), cut);
-            EXPECT_EQ(code, raisedCode([&] { EXPECT_EQ(11, buffered.readFully(memory, 11)); }));
-            EXPECT_EQ(0, bytes.compare(0, buf.pcount(), memory, buf.pcount()));
-        });
+TEST_ROWS(ZULInputStream, AnswersEachCallOfATranscript, "input_transcripts.txt") {
+    expectTranscript<Streams>(c);
 }
 
 TEST_ROWS(ZULBufferedInputStream, ReadsLinesAtEverySplit, "lines.txt") {
-    forEachBuffering(c["bytes"], [&](ZULBufferedInputStream& in) {
-        in.setMaxLine(static_cast<int>(c.number("limit")));
-        ZULBufferedInputStream copy(in);
-        std::string lines;
-        QORByteBuffer line(0, 1);
-        long const code = raisedCode([&] {
-            for (; copy.readLine(line) >= 0; line.reset()) lines += '[' + textOf(line) + ']';
-        });
-        EXPECT_EQ(c["lines"], code == 0 ? lines : lines + std::to_string(code));
-        EXPECT_GE(104U, line.pcount()) << "taken in spite of the limit";
+    forEachReadSize([&](int step) {
+        for (int const size : {1, 2, 3, 7, 4096}) {
+            SCOPED_TRACE("buffer size " + std::to_string(size));
+            FragmentingStream wire(c["bytes"], step);
+            ZULBufferedInputStream in(wire, size);
+            in.setMaxLine(static_cast<int>(c.number("limit")));
+            std::string lines;
+            QORByteBuffer line(0, 1);
+            long const code = raisedCode([&] {
+                for (; in.readLine(line) >= 0; line.reset()) lines += '[' + textOf(line) + ']';
+            });
+            EXPECT_EQ(c["lines"], code == 0 ? lines : lines + std::to_string(code));
+            EXPECT_GE(104U, line.pcount()) << "taken in spite of the limit";
+        }
     });
 }
 
-TEST(ZULBufferedInputStream, GivesBackEveryByteThatWasUnread) {
-    for (int taken = 0; taken <= 10; ++taken)
-        forEachBuffering("0123456789", [&](ZULBufferedInputStream& in) {
-            QORByteBuffer head(0, 1), all(0, 1);
-            in.readFully(head, taken);
-            in.unread(head.str(), taken);
-            in.unread("more than the read-ahead holds: ", 32);
-            int n = 0;
-            EXPECT_EQ('m', *in.peek(n));
-            auto const tooFar = [&] { in.skip(n + 1); };
-            EXPECT_EQ("QOR_ASSERT(n >= 0 && n <= buffered());", failedAssertion(tooFar));
-            in.skip(5);
-            EXPECT_EQ('t', in.read());
-            in.unread(in.peek(n) + 4, 9);
-            in.unread(in.peek(n) + 9, 20);
-            ZULBufferedInputStream copy(in);
-            while (copy.read(all, 3) > 0) continue;
-            EXPECT_EQ("han the read-ahead hthe read-han the read-ahead holds: 0123456789",
-                      textOf(all));
-        });
-}
-
-TEST(ZULBufferedInputStream, AsksBeneathOnceAndAgainAfterAnEnd) {
-    FragmentingStream wire("abcdef");
-    ZULBufferedInputStream in(wire, 4);
-    char bytes[8];
-    int shown = 1;
-    EXPECT_EQ('a', in.read());
-    EXPECT_EQ(3, in.read(bytes, 8)) << "what is buffered";
-    EXPECT_EQ(1, wire.reads());
-    EXPECT_EQ(2, in.read(bytes, 8)) << "straight into the caller's memory";
-    EXPECT_EQ(8, wire.largestRequest());
-    in.peek(shown);
-    EXPECT_EQ(0, shown);
-    EXPECT_EQ(-1, in.read());
-    wire.append("\xff");
-    EXPECT_EQ(255, in.read());
-    EXPECT_TRUE(in.getInputStream() == &wire);
-    in.detach();
-    in.unread("z", 1);
-    EXPECT_EQ('z', in.read());
-    EXPECT_EQ("QOR_ASSERT(m_pIn);", failedAssertion([&] { in.read(); }));
+TEST_ROWS(ZULChunkedInputStream, DecodesOrRefusesAtEveryReadSizeCutAndFailure,
+          "chunked_bodies.txt") {
+    std::string const& coded = c["coded"];
+    long const error = c.number("error");
+    forEachReadSize([&](int step) {
+        for (int const request : {4096, 3, 1})
+            for (int const readAhead : {4096, 6, 1}) {
+                Decoded const found(coded, step, request, readAhead);
+                EXPECT_EQ(c["data"], textOf(found.data));
+                EXPECT_EQ(c["rest"], textOf(found.rest));
+                EXPECT_EQ(error, found.error);
+                if (coded.size() > 10000) return;
+            }
+    });
+    if (error != 0 || coded.size() > 200) return;
+    for (std::size_t cut = coded.size() - c["rest"].size(); cut-- > 0;) {
+        Decoded const found(coded.substr(0, cut), 5, 4096, 16);
+        EXPECT_EQ(ZULStreamException::ZUL_ERR_END_OF_INPUT, found.error) << cut;
+        EXPECT_EQ(0U, c["data"].find(textOf(found.data))) << cut;
+        EXPECT_EQ(c["data"], textOf(Decoded(coded, 1, 2, 4, static_cast<int>(cut) + 1).data))
+            << cut;
+    }
 }
