@@ -7,46 +7,33 @@
 
 #include "support/Raised.h"
 #include "support/ReaderConnection.h"
+#include "support/RowTest.h"
 
-// The messages of tests/data/captured, recorded by scripts/capture, which tells what the files
-// beside them hold.
 namespace {
 
-namespace fs = std::filesystem;
-
 struct Capture {
-    std::string name, wire, tree, cuts;
-};
-
-std::string fileText(fs::path const& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-std::vector<Capture> captures() {
-    std::vector<Capture> found;
-    for (auto const& entry : fs::directory_iterator(POSTWIRE_TEST_DATA "/captured")) {
-        fs::path path = entry.path();
-        if (path.extension() != ".http") continue;
-        found.push_back({path.stem(), fileText(path), fileText(path.replace_extension(".tree")),
-                         fileText(path.replace_extension(".cuts"))});
+    explicit Capture(TestCase const& c)
+        : wire(text(c, ".http")), tree(text(c, ".tree")), cuts(text(c, ".cuts")) {}
+    static std::string text(TestCase const& c, char const* kind) {
+        std::ifstream file(POSTWIRE_TEST_DATA "/captured/" + c["name"] + kind, std::ios::binary);
+        std::ostringstream all;
+        all << file.rdbuf();
+        return all.str();
     }
-    return found;
-}
+    std::string treeOf(ReaderConnection& c) const {
+        return wire[0] == 'H' ? c.responseTree() : c.requestTree();
+    }
 
-std::string read(ReaderConnection& connection, Capture const& c) {
-    return c.wire[0] == 'H' ? connection.responseTree() : connection.requestTree();
-}
+    std::string wire, tree, cuts;
+};
 
 // Reads the first `length` bytes of a capture, then another message on the same reader.
 void expectOutcome(Capture const& c, std::size_t length, std::string const& outcome) {
-    SCOPED_TRACE(c.name + " cut to " + std::to_string(length) + " bytes");
+    SCOPED_TRACE("cut to " + std::to_string(length) + " bytes");
     ReaderConnection connection(c.wire.substr(0, length),
                                 length % 2 == 0 ? kRandomSizes : kAllAtOnce);
     std::string tree;
-    long const code = raisedCode([&] { tree = read(connection, c); });
+    long const code = raisedCode([&] { tree = c.treeOf(connection); });
     if (outcome == "whole") {
         EXPECT_EQ(tree, c.tree);
     } else if (outcome == "shorter") {
@@ -61,43 +48,36 @@ void expectOutcome(Capture const& c, std::size_t length, std::string const& outc
 
 }  // namespace
 
-TEST(CapturedInput, HasItsTreeAtEveryReadSize) {
-    std::vector<Capture> const all = captures();
-    EXPECT_GE(all.size(), 16U);
+TEST(CapturedInput, IsListedInFull) {
+    std::filesystem::directory_iterator const files(POSTWIRE_TEST_DATA "/captured");
+    EXPECT_EQ(3 * loadCases("captured.txt").size(),
+              static_cast<std::size_t>(std::distance(begin(files), end(files))));
+}
+
+TEST_ROWS(CapturedInput, HasItsTreeAtEveryReadSizeAndAgainFromWhatDumpWrites, "captured.txt") {
+    Capture const capture(c);
     forEachReadSize([&](int step) {
-        for (Capture const& c : all) {
-            ReaderConnection connection(c.wire, step);
-            EXPECT_EQ(read(connection, c), c.tree);
-        }
+        ReaderConnection connection(capture.wire, step);
+        EXPECT_EQ(capture.treeOf(connection), capture.tree);
+        QORByteBuffer bytes(256, 256);
+        bytes << "POST / HTTP/1.1\r\n";
+        connection.message.dump(bytes, 125 * (step % 9));
+        ReaderConnection again(std::string(bytes.str(), bytes.pcount()), step);
+        again.request();
+        EXPECT_EQ(treeText(again.message), treeText(connection.message));
     });
 }
 
 // Every length; of a range that would take long, both ends and some between.
-TEST(CapturedInput, CutShortIsTheSameTreeOrAShorterBodyOrAnError) {
-    for (Capture const& c : captures()) {
-        std::istringstream cuts(c.cuts);
-        std::size_t from, to, next = 0;
-        for (std::string outcome; cuts >> from >> to >> outcome; next = to + 1) {
-            EXPECT_EQ(from, next) << c.name;
-            for (std::size_t i = from; i < to; i += to - from < 65536 ? 1 : 123457)
-                expectOutcome(c, i, outcome);
-            expectOutcome(c, to, outcome);
-        }
-        EXPECT_EQ(next, c.wire.size()) << c.name << " is cut at every length";
+TEST_ROWS(CapturedInput, CutShortIsTheSameTreeOrAShorterBodyOrAnError, "captured.txt") {
+    Capture const capture(c);
+    std::istringstream cuts(capture.cuts);
+    std::size_t from, to, next = 0;
+    for (std::string outcome; cuts >> from >> to >> outcome; next = to + 1) {
+        EXPECT_EQ(from, next);
+        for (std::size_t i = from; i < to; i += to - from < 65536 ? 1 : 123457)
+            expectOutcome(capture, i, outcome);
+        expectOutcome(capture, to, outcome);
     }
-}
-
-TEST(CapturedInput, IsReadAgainFromWhatDumpWrites) {
-    for (Capture const& c : captures())
-        for (int const chunksize : {0, 1, 1000}) {
-            SCOPED_TRACE(c.name + ", chunks of " + std::to_string(chunksize));
-            ReaderConnection first(c.wire);
-            read(first, c);
-            QORByteBuffer bytes(256, 256);
-            bytes << "POST / HTTP/1.1\r\n";
-            first.message.dump(bytes, chunksize);
-            ReaderConnection again(std::string(bytes.str(), bytes.pcount()));
-            again.request();
-            EXPECT_EQ(treeText(again.message), treeText(first.message));
-        }
+    EXPECT_EQ(next, capture.wire.size()) << "is cut at every length";
 }
