@@ -24,6 +24,8 @@ def read_expected(path):
             classes[-1][2].append(rest)
         elif kind == 'member':
             classes[-1][3].append(rest)
+        elif kind not in ('', '#'):
+            sys.exit(f'{path}: what is that? {line}')
     return classes
 
 
