@@ -3,7 +3,7 @@
 # and pkg-config read. The programs are installed where they are made.
 include(CMakePackageConfigHelpers)
 
-set_target_properties(qorcore zulstream postwire PROPERTIES INSTALL_RPATH $ORIGIN)
+set_target_properties(${POSTWIRE_LIBRARIES} PROPERTIES INSTALL_RPATH $ORIGIN)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/postwire-config-version.cmake
   COMPATIBILITY SameMinorVersion)
 file(GLOB headers CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/src src/*/*.h)
@@ -12,7 +12,7 @@ file(GLOB headers CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/src src/*/*.h
 # libraries in LIBDIR.
 function(postwire_install libdir library development)
   set(package ${libdir}/cmake/postwire)
-  install(TARGETS qorcore zulstream postwire EXPORT ${development}
+  install(TARGETS ${POSTWIRE_LIBRARIES} EXPORT ${development}
     LIBRARY DESTINATION ${libdir} COMPONENT ${library} NAMELINK_COMPONENT ${development} ${ARGN})
   install(TARGETS TOV_Crypto_Interface
     LIBRARY DESTINATION ${libdir} COMPONENT ${library} ${ARGN})

@@ -1,5 +1,6 @@
 # The libraries: each is a set of objects, linked into its shared library and, so that internal
-# classes can be reached, into the unit tests.
+# classes can be reached, into the unit tests. POSTWIRE_LIBRARIES lists them; all of them are
+# installed and packaged.
 
 function(postwire_add_library name map)
   file(GLOB sources CONFIGURE_DEPENDS ${ARGN})
@@ -25,6 +26,7 @@ function(postwire_add_library name map)
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${POSTWIRE_SOVERSION}
     LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/${map})
+  set(POSTWIRE_LIBRARIES ${POSTWIRE_LIBRARIES} ${name} PARENT_SCOPE)
 endfunction()
 
 postwire_add_library(qorcore platform.map platform/core/*.cpp)

@@ -64,7 +64,7 @@ postwire_package(tools postwire-tools web "command-line programs" package_librar
 
 # Who links the libraries needs their package. CPack's own way to say so complains about the
 # resolver module, which nobody links.
-foreach(library IN ITEMS postwire qorcore zulstream)
+foreach(library IN LISTS POSTWIRE_LIBRARIES)
   string(APPEND shlibs "lib${library} ${POSTWIRE_SOVERSION} "
     "libpostwire${POSTWIRE_SOVERSION} (>= ${PROJECT_VERSION})\n")
 endforeach()
