@@ -152,7 +152,7 @@ def main(folder):
     for name, content in FILES.items():
         (folder / name).write_bytes(content)
     print_captured()
-    with programs.Server(FOLDER, '--save', folder / 'saved') as server:
+    with programs.Server('--save', folder / 'saved') as server:
         title('A message with two attachments, sent three times')
         rows = [exchange(server, folder, mode) for mode in MODES]
         run(FOLDER / 'postwire-send', server.url, '--body', folder / 'envelope.xml', '--attach',

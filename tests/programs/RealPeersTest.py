@@ -76,7 +76,7 @@ class Exchanges:
 
     def setUp(self):
         self.saved = self.enterContext(tempfile.TemporaryDirectory())
-        self.server = self.enterContext(programs.Server(FOLDER, '--save', self.saved))
+        self.server = self.enterContext(programs.Server('--save', self.saved))
         self.port = self.front(self.server.port)
         self.url = f'http://127.0.0.1:{self.port}'
 
@@ -229,7 +229,7 @@ class Fronted(unittest.TestCase):
         """How many requests the proxy passed on, and how many the server answered."""
         with tempfile.TemporaryDirectory() as folder:
             log, traces = pathlib.Path(folder, 'log'), pathlib.Path(folder, 'traces')
-            with programs.Server(FOLDER, '--trace', traces, *options) as server, \
+            with programs.Server('--trace', traces, *options) as server, \
                     proxy(server.port, log) as (port, _):
                 for message in messages:
                     with programs.Client(port) as client, \

@@ -101,7 +101,7 @@ class Load:
 class ScaleOut(unittest.TestCase):
     def start(self, stack, name, port=0):
         return stack.enter_context(programs.Server(
-            FOLDER, '--port', str(port), '--workers', '64', '--idle-timeout', '90', '--save',
+            '--port', str(port), '--workers', '64', '--idle-timeout', '90', '--save',
             pathlib.Path(self.saved, name)))
 
     def run_behind(self, proxy):

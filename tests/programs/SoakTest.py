@@ -169,8 +169,8 @@ def keeps_freed_memory():
 
 def main():
     exchanges, grown = 0, []
-    with programs.Server(FOLDER, *SERVERS[0]) as receipts, \
-            programs.Server(FOLDER, *SERVERS[1]) as echoes:
+    with programs.Server(*SERVERS[0]) as receipts, \
+            programs.Server(*SERVERS[1]) as echoes:
         servers = receipts, echoes
         before = [server.descriptors() for server in servers]
         memory = []

@@ -68,7 +68,7 @@ TOLD = ('<s:Envelope xmlns:s="http://schemas.xmlsoap.org/soap/envelope/"><s:Body
 
 class Stacks(unittest.TestCase):
     def server(self, *options):
-        server = programs.Server(FOLDER, *options)
+        server = programs.Server(*options)
         self.addCleanup(server.__exit__, None)
         return server
 

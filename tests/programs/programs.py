@@ -1,25 +1,119 @@
 """Starts the programs, and speaks to them over bare sockets."""
+import hashlib
 import os
 import pathlib
 import re
 import select
+import shutil
 import signal
 import socket
 import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+import xml.etree.ElementTree
 
+FOLDER = pathlib.Path(sys.argv[1])  # of the programs
+DATA = pathlib.Path(__file__).parents[1] / 'data'
 TIMEOUT = 60  # for what happens at once on an idle machine
+OK = b'HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok'
+
+
+def main():
+    """Runs the tests of a script: PROGRAM_FOLDER [TEST...]."""
+    unittest.main(argv=sys.argv[:1] + sys.argv[2:])
+
+
+def sha256(data):
+    return hashlib.sha256(data).hexdigest()
+
+
+def needed(name):
+    """Where a program of another maker is; a test without it fails."""
+    found = shutil.which(name, path=os.environ['PATH'] + ':/usr/sbin:/usr/local/sbin')
+    assert found, f'{name} is not installed'
+    return found
+
+
+def receipt(body):
+    """What postwire-serve says of a request: its URI, and the element of its message."""
+    root = xml.etree.ElementTree.fromstring(body)
+    return root.find('uri').text, root.find('message')
+
+
+def unescaped(text):
+    """The bytes that a value in the tables of tests/data stands for."""
+    text = re.sub(r'\{((?:[^\\{}]|\\.)*?)\*(\d+)\}', lambda m: m[1] * int(m[2]), text)
+    named = dict(zip('rnts0', '\r\n\t \0'))
+    return re.sub(r'\\(x(..)|.)', lambda m: chr(int(m[2], 16)) if m[2] else named.get(m[1], m[1]),
+                  text).encode('latin-1')
+
+
+def rows(name):
+    """The rows of a table of tests/data, each its line's number and its values by column."""
+    columns = []
+    for number, line in enumerate((DATA / name).read_text().splitlines(), 1):
+        if line.startswith('columns: '):
+            columns = line[9:].split(' | ')
+        elif columns and line and line[0] != '#':
+            values = [value.strip() for value in re.split(r'(?<!\\)\|', line)]
+            assert len(values) <= len(columns), f'{name}:{number}'
+            yield number, dict(zip(columns, values))
+
+
+def row_tests(name):
+    """Makes a test of each row, which the class's method `check` is given."""
+    def add(cls):
+        for number, row in rows(name):
+            setattr(cls, f'test_line_{number}', lambda self, row=row: self.check(**row))
+        return cls
+    return add
+
+
+class TestCase(unittest.TestCase):
+    def folder(self):
+        return pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+
+    def file(self, content, name='file'):
+        path = self.folder() / name
+        path.write_bytes(content)
+        return path
+
+    def server(self, *options, **environment):
+        """Stopped, and its exit code checked, after the test; what is saved goes first."""
+        server = Server(*options, **environment)
+        self.addCleanup(server.__exit__, None)
+        return server
+
+    def run_program(self, *command, **options):
+        return subprocess.run([FOLDER / command[0], *command[1:]], timeout=TIMEOUT, **{
+            'stdout': subprocess.PIPE, 'stderr': subprocess.PIPE, 'text': True,
+            'errors': 'surrogateescape', **options})
+
+    def is_receipt(self, answer, body, uri=None):
+        got_uri, message = receipt(answer)
+        self.assertEqual((got_uri if uri else None, message.get('size'), message.get('sha256')),
+                         (uri, str(len(body)), sha256(body)))
+
+    def receives(self, client, body):
+        """The next answer is a receipt for this body; its head."""
+        status, head, answer = client.answer()
+        self.assertEqual(status, 200, answer)
+        self.is_receipt(answer, body)
+        return head
 
 
 class Server:
     """postwire-serve on a port that the system chose; stopped, and its exit code checked, at the
     end of the block."""
 
-    def __init__(self, folder, *options, sanitizer=''):
+    def __init__(self, *options, sanitizer='', **process):
         # What AddressSanitizer keeps of freed memory would pass for growth.
         sanitizer = f"{os.environ.get('ASAN_OPTIONS', '')}:quarantine_size_mb=1:{sanitizer}"
-        self.process = subprocess.Popen([pathlib.Path(folder) / 'postwire-serve', *options],
+        self.process = subprocess.Popen([FOLDER / 'postwire-serve', *options],
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                                        env={**os.environ, 'ASAN_OPTIONS': sanitizer})
+                                        env={**os.environ, 'ASAN_OPTIONS': sanitizer}, **process)
         line = self.process.stdout.readline()
         self.port = int(re.fullmatch(r'listening on 0\.0\.0\.0:(\d+)\n', line).group(1))
         self.url = f'http://127.0.0.1:{self.port}'
@@ -57,6 +151,54 @@ class Server:
         """KiB of memory in use."""
         status = pathlib.Path(f'/proc/{self.process.pid}/status').read_text()
         return int(re.search(r'VmRSS:\s+(\d+)', status).group(1))
+
+
+class Listener:
+    """Takes one connection after the other, gives each one answer, keeps what was sent last."""
+
+    def __init__(self, answer=OK):
+        self.socket = socket.create_server(('127.0.0.1', 0))
+        self.authority = '127.0.0.1:%d' % self.socket.getsockname()[1]
+        self.url = f'http://{self.authority}/svc?a=b'
+        self.answer, self.received = answer, b''
+        self.thread = threading.Thread(target=self.serve)
+        self.thread.start()
+
+    def serve(self):
+        while True:
+            connection, _ = self.socket.accept()
+            with connection:
+                if connection.recv(1, socket.MSG_PEEK) == b'\n':  # no request: the last one
+                    return
+                self.received = b''
+                while not self.complete() and (block := connection.recv(65536)):
+                    self.received += block
+                if self.answer is not None:
+                    connection.sendall(self.answer)
+                    connection.shutdown(socket.SHUT_WR)
+                while connection.recv(65536):  # until the other side has seen enough
+                    pass
+
+    def complete(self):
+        head, blank, body = self.received.partition(b'\r\n\r\n')
+        length = re.search(rb'Content-Length: (\d+)', head)
+        return blank and (len(body) == int(length.group(1)) if length
+                          else body.endswith(b'\r\n0\r\n\r\n'))
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        with Client(int(self.authority.split(':')[1])) as last:
+            last.send(b'\n')
+        self.thread.join(TIMEOUT)
+        self.socket.close()
+
+    def head(self):
+        return self.received.split(b'\r\n\r\n', 1)[0] + b'\r\n'
+
+    def fields(self):
+        return dict(line.split(': ', 1) for line in self.head().decode().split('\r\n')[1:-1])
 
 
 class Client:
@@ -127,9 +269,14 @@ class Client:
 
 def request(body=b'', *fields, target='/svc', version='1.1', length=True):
     """The bytes of a request."""
-    fields = [*fields, f'Content-Length: {len(body)}'] if length else fields
+    fields = ['Host: h', *fields, *([f'Content-Length: {len(body)}'] if length else [])]
     lines = [f'POST {target} HTTP/{version}', *fields]
     return ''.join(line + '\r\n' for line in lines).encode() + b'\r\n' + body
+
+
+def in_chunks(body, size, *fields):
+    """The bytes of a request in chunked coding."""
+    return request(chunked(body, size), *fields, 'Transfer-Encoding: chunked', length=False)
 
 
 def chunked(body, size):

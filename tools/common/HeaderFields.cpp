@@ -23,9 +23,3 @@ HeaderField parseHeaderField(std::string const& text) {
                                     " holds a line end or another control character");
     return field;
 }
-
-bool listHolds(std::string_view list, std::string_view token) {
-    bool holds = false;
-    forEachItem(list, [&](std::string_view item) { holds |= equalsInAnyCase(item, token); });
-    return holds;
-}

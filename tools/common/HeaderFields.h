@@ -15,6 +15,3 @@ bool isFieldValue(std::string_view text);
 // Takes "Name: value" apart. Raises std::invalid_argument with a text for a person when the name is
 // no token or the value no field value.
 HeaderField parseHeaderField(std::string const& text);
-
-// Whether a comma-separated list holds the token, in any letter case.
-bool listHolds(std::string_view list, std::string_view token);

@@ -1,7 +1,9 @@
 #include "tools/common/PartFiles.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
@@ -28,6 +30,17 @@ std::string numbered(std::string const& name, int number) {
     if (number == 1) return name;
     std::size_t const dot = std::min(name.rfind('.'), name.size());
     return name.substr(0, dot) + "-" + std::to_string(number) + name.substr(dot);
+}
+
+// Renames a file to a name that is free: in one step, or where the file system has no such call, by
+// a second link.
+bool renameNew(int directory, std::string const& from, std::string const& to) {
+    if (::renameat2(directory, from.c_str(), directory, to.c_str(), RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno != EINVAL && errno != ENOSYS) return false;
+    if (::linkat(directory, from.c_str(), directory, to.c_str(), 0) == -1) return false;
+    ::unlinkat(directory, from.c_str(), 0);
+    return true;
 }
 
 class OpenFile {
@@ -86,33 +99,52 @@ PartFiles::PartFiles(std::string const& directory) : m_directory(directory) {
 PartFiles::~PartFiles() { ::close(m_descriptor); }
 
 std::vector<std::string> PartFiles::save(HTTPMessage& message, std::string const& prefix) const {
-    std::vector<std::string> names;
-    save(message, prefix, names);
-    return names;
+    Saved saved{prefix, {}, {}};
+    save(message, saved);
+    return saved.names;
 }
 
-void PartFiles::save(HTTPMessage& message, std::string const& prefix,
-                     std::vector<std::string>& names) const {
-    for (int i = 0; i < message.num_parts(); ++i) save(*message.getPart(i), prefix, names);
+void PartFiles::save(HTTPMessage& message, Saved& saved) const {
+    for (int i = 0; i < message.num_parts(); ++i) save(*message.getPart(i), saved);
     if (message.num_parts() > 0) return;
     std::string text = headerText(message, "Content-ID");
     if (text.empty()) text = headerText(message, "Content-Location");
-    std::string const name = safeFileName(text, "part-" + std::to_string(names.size() + 1));
-    names.push_back(write(prefix + name, message.contentBytes(), message.contentSize()));
+    std::string const otherwise = "part-" + std::to_string(saved.names.size() + 1);
+    std::string const name = saved.prefix + safeFileName(text, otherwise);
+    std::string const temporary = write(message.contentBytes(), message.contentSize());
+    saved.names.push_back(nameFile(temporary, name, saved.numbers[name]));
 }
 
-std::string PartFiles::write(std::string const& name, char const* bytes, int n) const {
-    for (int number = 1;; ++number) {
-        std::string candidate = numbered(name, number);
+// A file of no one's name that holds the bytes.
+std::string PartFiles::write(char const* bytes, int n) const {
+    static std::atomic<unsigned int> count{0};
+    std::string const begin = ".postwire-" + std::to_string(::getpid()) + "-";
+    for (;;) {
+        std::string name = begin + std::to_string(++count);
         int const flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-        int const descriptor = ::openat(m_descriptor, candidate.c_str(), flags, 0666);
-        if (descriptor == -1 && errno == EEXIST) continue;
-        if (descriptor == -1) raiseSystemError(m_directory + "/" + candidate);
+        int const descriptor = ::openat(m_descriptor, name.c_str(), flags, 0666);
+        if (descriptor == -1 && errno == EEXIST) continue;  // of a process that was killed
+        if (descriptor == -1) raiseSystemError(m_directory + "/" + name);
         OpenFile file(descriptor);
-        if (file.write(bytes, n) && file.close()) return candidate;
-        int const cause = errno;
-        ::unlinkat(m_descriptor, candidate.c_str(), 0);  // half a part would pass for a whole one
-        errno = cause;
-        raiseSystemError(m_directory + "/" + candidate);
+        if (file.write(bytes, n) && file.close()) return name;
+        discard(name);
     }
+}
+
+// Gives the file the name with the first number after `number` that is not taken.
+std::string PartFiles::nameFile(std::string const& temporary, std::string const& name,
+                                int& number) const {
+    for (;;) {
+        std::string candidate = numbered(name, ++number);
+        if (renameNew(m_descriptor, temporary, candidate)) return candidate;
+        if (errno != EEXIST) discard(temporary);
+    }
+}
+
+// Removes the file that errno tells of, and raises.
+void PartFiles::discard(std::string const& name) const {
+    int const cause = errno;
+    ::unlinkat(m_descriptor, name.c_str(), 0);
+    errno = cause;
+    raiseSystemError(m_directory + "/" + name);
 }

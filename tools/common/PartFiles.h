@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 class HTTPMessage;
@@ -15,7 +16,8 @@ std::string safeFileName(std::string const& text, std::string const& otherwise);
 //
 // Raises: std::system_error with the name of the file or directory.
 // Rule: a file is only ever created, never opened: what stands in the directory stays as it is, be
-//   it a file or a link, and a name that is taken gets a number.
+//   it a file or a link, and a name that is taken gets a number. A file has its name from the
+//   moment on at which it is whole; until then it has one that begins with ".postwire-".
 class PartFiles {
 public:
     // Makes the directory where there is none.
@@ -29,9 +31,18 @@ public:
     std::vector<std::string> save(HTTPMessage& message, std::string const& prefix) const;
 
 private:
-    void save(HTTPMessage& message, std::string const& prefix,
-              std::vector<std::string>& names) const;
-    std::string write(std::string const& name, char const* bytes, int n) const;
+    // What one message left behind. For each name the number that was given last: of many parts
+    // of one name each would else try all the numbers before its own.
+    struct Saved {
+        std::string const& prefix;
+        std::vector<std::string> names;
+        std::unordered_map<std::string, int> numbers;
+    };
+
+    void save(HTTPMessage& message, Saved& saved) const;
+    std::string write(char const* bytes, int n) const;
+    [[noreturn]] void discard(std::string const& name) const;
+    std::string nameFile(std::string const& temporary, std::string const& name, int& number) const;
 
     std::string m_directory;
     int m_descriptor;

@@ -1,56 +1,110 @@
 #include "tools/common/TextEscapes.h"
 
+#include <algorithm>
+#include <array>
+#include <cstdint>
+
 namespace {
 
-bool isControl(char c) {
-    unsigned char const byte = static_cast<unsigned char>(c);
-    return byte < 0x20 || byte == 0x7f;
+struct Character {
+    std::uint32_t point;     // of ISO 8859-1 where it is not valid
+    std::string_view bytes;  // of the text
+    bool valid;
+
+    // The controls below U+0020, tab and line end among them, U+007F, and those up to U+009F.
+    bool isControl() const { return point < 0x20 || (point >= 0x7F && point < 0xA0); }
+};
+
+bool continues(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
+
+// The first character of a text that is not empty.
+Character firstOf(std::string_view text) {
+    // The least code point that may be written in so many bytes.
+    static constexpr std::array<std::uint32_t, 5> kLeast{0, 0, 0x80, 0x800, 0x10000};
+    std::uint32_t const first = static_cast<unsigned char>(text.front());
+    Character const single{first, text.substr(0, 1), first < 0x80};
+    std::size_t const size = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+    if (first < 0xC0 || first >= 0xF8 || text.size() < size) return single;
+    std::uint32_t point = first & (0x7Fu >> size);
+    for (char const c : text.substr(1, size - 1)) {
+        if (!continues(c)) return single;
+        point = point << 6 | (static_cast<unsigned char>(c) & 0x3Fu);
+    }
+    bool const surrogate = point >= 0xD800 && point < 0xE000;
+    if (point < kLeast[size] || point > 0x10FFFF || surrogate) return single;
+    return {point, text.substr(0, size), true};
 }
 
 template <class Escape>
 std::string escaped(std::string_view text, Escape const& escape) {
     std::string result;
     result.reserve(text.size());
-    for (char const c : text) escape(result, c);
+    while (!text.empty()) {
+        Character const character = firstOf(text);
+        escape(result, character);
+        text.remove_prefix(character.bytes.size());
+    }
     return result;
 }
 
 }  // namespace
 
 std::string escapedForXml(std::string_view text) {
-    return escaped(text, [](std::string& to, char c) {
-        if (c == '<') {
-            to += "&lt;";
-        } else if (c == '>') {
-            to += "&gt;";
-        } else if (c == '&') {
-            to += "&amp;";
-        } else if (c == '"') {
-            to += "&quot;";
-        } else if (static_cast<unsigned char>(c) > 0x7f) {
-            to += "&#" + std::to_string(static_cast<unsigned char>(c)) + ";";
+    return escaped(text, [](std::string& to, Character const& c) {
+        switch (c.point) {
+            case '<':
+                to += "&lt;";
+                return;
+            case '>':
+                to += "&gt;";
+                return;
+            case '&':
+                to += "&amp;";
+                return;
+            case '"':
+                to += "&quot;";
+                return;
+            default:
+                break;
+        }
+        if (c.point < 0x20 || c.point == 0x7F || c.point == 0xFFFE || c.point == 0xFFFF) {
+            to += '?';
+        } else if (c.point < 0x80) {
+            to += c.bytes;
         } else {
-            to += isControl(c) ? '?' : c;
+            to += "&#" + std::to_string(c.point) + ";";
         }
     });
 }
 
 std::string escapedForJson(std::string_view text) {
-    return escaped(text, [](std::string& to, char c) {
-        if (c == '"' || c == '\\') {
+    return escaped(text, [](std::string& to, Character const& c) {
+        if (c.point == '"' || c.point == '\\') {
             to += '\\';
-            to += c;
-        } else if (isControl(c) || static_cast<unsigned char>(c) > 0x7f) {
-            unsigned char const byte = static_cast<unsigned char>(c);
+            to += c.bytes;
+        } else if (c.isControl() || !c.valid) {
             to += "\\u00";
-            to += "0123456789abcdef"[byte >> 4];
-            to += "0123456789abcdef"[byte & 15];
+            to += "0123456789abcdef"[c.point >> 4];
+            to += "0123456789abcdef"[c.point & 15];
         } else {
-            to += c;
+            to += c.bytes;
         }
     });
 }
 
 std::string printable(std::string_view text) {
-    return escaped(text, [](std::string& to, char c) { to += isControl(c) ? '?' : c; });
+    return escaped(text, [](std::string& to, Character const& c) {
+        to += c.isControl() || !c.valid ? std::string_view("?") : c.bytes;
+    });
+}
+
+std::string printableLines(std::string_view text) {
+    std::string result;
+    while (!text.empty()) {
+        std::string_view line = text.substr(0, text.find('\n'));
+        text.remove_prefix(std::min(text.size(), line.size() + 1));
+        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+        result.append(printable(line)).append("\n");
+    }
+    return result;
 }

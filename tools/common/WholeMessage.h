@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string>
-
 #include "message/HTTPMessage.h"
 #include "sender/HTTPMessageSender.h"
 
@@ -13,8 +11,8 @@ class WholeMessage : public Node {
 public:
     using Node::Node;
 
-    void setField(char const* name, std::string const& value) {
-        HTTPHeader text(value.c_str());
+    void setField(char const* name, char const* value) {
+        HTTPHeader text(value);
         this->headers.takeHeader(name, text);
     }
 

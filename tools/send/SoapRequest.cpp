@@ -22,13 +22,13 @@ namespace {
 template <class Node>
 void start(WholeMessage<Node>& message, SoapRequest const& request, std::string const& type) {
     message.startRequest(request.url.target.c_str(), 0);
-    message.setField("Host", hostField(request.url));
+    message.setField("Host", hostField(request.url).c_str());
     message.setField("Connection", "close");
     message.setField("User-Agent", "postwire-send/" POSTWIRE_VERSION);
     message.setField("SOAPAction", "\"\"");
-    message.setField("Content-Type", type);
+    message.setField("Content-Type", type.c_str());
     for (HeaderField const& field : request.fields)
-        message.setField(field.name.c_str(), field.value);
+        message.setField(field.name.c_str(), field.value.c_str());
 }
 
 std::ifstream open(std::string const& path) {

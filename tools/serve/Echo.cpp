@@ -45,16 +45,16 @@ class Echo {
 public:
     explicit Echo(Request& request) : m_request(request) {}
 
-    void write(WholeOnePiece& node, char const* connection) {
-        start(node, connection);
+    void write(WholeOnePiece& node, AnswerFields const& own) {
+        start(node, own);
         writeBody(node, m_request.message);
         node.finish();
     }
 
-    void writeMultipart(ZULOutputStream& out, int chunkSize, char const* connection) {
+    void writeMultipart(ZULOutputStream& out, int chunkSize, AnswerFields const& own) {
         std::string const boundary = chooseBoundary(m_request.message);
         WholeMultipart node(out, chunkSize, boundary.c_str());
-        start(node, connection);
+        start(node, own);
         writeParts(node, m_request.message);
         node.finish();
     }
@@ -71,17 +71,17 @@ private:
     }
 
     template <class Node>
-    void start(WholeMessage<Node>& node, char const* connection) {
+    void start(WholeMessage<Node>& node, AnswerFields const& own) {
         node.startResponse(200, "OK");
         for (EntityHead::Field& field : m_request.heads[m_next++].fields) {
             if (!isEchoed(field.name)) continue;
             if (isPlain(field.value)) {
                 node.takeField(field.name.c_str(), field.value);  // most fields: the cheaper way
             } else {
-                node.setField(field.name.c_str(), textOf(field.value));
+                node.setField(field.name.c_str(), textOf(field.value).c_str());
             }
         }
-        if (connection) node.setField("Connection", connection);
+        own.set(node);
     }
 
     void writeParts(MultipartHttpMsg& node, HTTPMessage& message) {
@@ -119,11 +119,11 @@ private:
 
 }  // namespace
 
-void writeEcho(WholeOnePiece& node, Request& request, char const* connection) {
-    Echo(request).write(node, connection);
+void writeEcho(WholeOnePiece& node, Request& request, AnswerFields const& own) {
+    Echo(request).write(node, own);
 }
 
 void writeMultipartEcho(ZULOutputStream& out, int chunkSize, Request& request,
-                        char const* connection) {
-    Echo(request).writeMultipart(out, chunkSize, connection);
+                        AnswerFields const& own) {
+    Echo(request).writeMultipart(out, chunkSize, own);
 }

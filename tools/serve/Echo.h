@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tools/common/WholeMessage.h"
+#include "tools/serve/AnswerFields.h"
 
 struct Request;
 
@@ -9,10 +10,10 @@ struct Request;
 // quotes around values and white space in them were lost in reading, and control characters become
 // blanks. The request's heads are of no use afterwards.
 
-// A message with one body. Where `connection` is not null it becomes the field of that name.
-void writeEcho(WholeOnePiece& node, Request& request, char const* connection);
+// A message with one body.
+void writeEcho(WholeOnePiece& node, Request& request, AnswerFields const& own);
 
 // A message with parts, which have a length each. The boundary is the request's, unless it needs
 // quotes or occurs in a part.
 void writeMultipartEcho(ZULOutputStream& out, int chunkSize, Request& request,
-                        char const* connection);
+                        AnswerFields const& own);

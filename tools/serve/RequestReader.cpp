@@ -5,9 +5,7 @@
 
 #include "foundation/ZULOutputStream.h"
 
-#include "foundation/AsciiText.h"
 #include "parser/HTTPReadPolicy.h"
-#include "tools/common/HeaderFields.h"
 
 namespace {
 
@@ -37,6 +35,7 @@ RequestReader::RequestReader(ZULInputStream& in, ZULOutputStream& out, int maxBo
       m_hardened(hardened),
       m_maxBody(maxBody) {
     m_parser.setMsgHandler(this);
+    m_parser.setContinueCallback(&RequestReader::sendContinue, this);
     if (hardened) {
         HTTPReadPolicy policy = HTTPReadPolicy::hardened();
         policy.maxBody = std::max(maxBody, 1);  // 0 would be no limit
@@ -47,14 +46,21 @@ RequestReader::RequestReader(ZULInputStream& in, ZULOutputStream& out, int maxBo
 
 RequestReader::~RequestReader() = default;
 
+// An empty line left behind the message before does not begin another, RFC 9112 section 2.2. All
+// else is for the parser to judge.
 bool RequestReader::waitForRequest() {
-    m_limited.setLimit(totalLimit(m_maxBody));
     for (;;) {
+        m_limited.setLimit(totalLimit(m_maxBody));
         int n = 0;
-        char const* const bytes = m_in.peek(n);
+        char const* bytes = m_in.peek(n);
         if (n == 0) return false;
-        // A line end left behind the message before does not begin another, RFC 9112 section 2.2.
-        if (*bytes != '\r' && *bytes != '\n') return true;
+        if (*bytes != '\r') return true;
+        m_in.skip(1);
+        bytes = m_in.peek(n);
+        if (n == 0 || *bytes != '\n') {
+            m_in.unread("\r", 1);
+            return true;
+        }
         m_in.skip(1);
     }
 }
@@ -65,14 +71,16 @@ void RequestReader::read(Request& request) {
     setMessage(&request.message);
     m_parser.parseRequest(&m_in);
     request.minorVersion = m_parser.getMinorVersion();
-    // Not the parser's own answer: without a policy it takes a request without a body for one that
-    // goes on to the end.
-    request.keepAlive = wantsKeepAlive();
+    // Without a policy the end of a request is not safe to tell.
+    request.keepAlive = m_hardened && m_parser.keepAlive();
 }
 
-bool RequestReader::wantsKeepAlive() const {
-    if (listHolds(m_own.connection, "close")) return false;
-    return m_request->minorVersion > 0 || listHolds(m_own.connection, "keep-alive");
+// The head has been read and the body is wanted, RFC 9110 section 10.1.1.
+void RequestReader::sendContinue(void* self) {
+    static constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
+    ZULOutputStream& out = static_cast<RequestReader*>(self)->m_out;
+    out.write(kContinue, sizeof kContinue - 1);
+    out.flush();
 }
 
 void RequestReader::reset() {
@@ -81,17 +89,17 @@ void RequestReader::reset() {
     m_request->heads.resize(1);
     m_request->heads.front().fields.clear();
     m_request->heads.front().multipart = false;
-    m_own.connection.clear();
-    m_own.expect.clear();
-    m_own.length = m_own.coding = false;
+    m_declaresLength = m_declaresCoding = false;
     m_nameCount = 0;
 }
 
 void RequestReader::setURI(char const* uri) { m_request->uri = uri; }
 
 void RequestReader::header(char const* name, HTTPHeader* value) {
-    if (!m_hardened) countField(name);  // else the policy counts
-    if (m_request->heads.size() == 1) recordOwnField(name, *value);
+    if (!m_hardened) {  // else the policy does
+        countField(name);
+        if (m_request->heads.size() == 1) recordFraming(name);
+    }
     if (m_keepFields) keepField(name, *value);
     HTTPMOMMsgHandler::header(name, value);
 }
@@ -111,11 +119,9 @@ void RequestReader::countField(char const* name) {
     m_names[m_nameCount++] = name;
 }
 
-void RequestReader::recordOwnField(std::string_view name, HTTPHeader& value) {
-    if (name == "connection") m_own.connection = value.getValue();
-    if (name == "expect") m_own.expect = value.getValue();
-    if (name == "content-length") m_own.length = true;
-    if (name == "transfer-encoding") m_own.coding = true;
+void RequestReader::recordFraming(std::string_view name) {
+    m_declaresLength = m_declaresLength || name == "content-length";
+    m_declaresCoding = m_declaresCoding || name == "transfer-encoding";
 }
 
 void RequestReader::keepField(char const* name, HTTPHeader const& value) {
@@ -129,7 +135,6 @@ void RequestReader::keepField(char const* name, HTTPHeader const& value) {
 
 void RequestReader::content(ZULInputStream& is, int length) {
     if (length > m_bodyLeft) throw SizeLimitPassed("the body is larger than this server takes");
-    if (length > 0) beginBody();
     HTTPMOMMsgHandler::content(is, length);
     m_bodyLeft -= length;
 }
@@ -138,18 +143,16 @@ void RequestReader::content(ZULInputStream& is) {
     if (&is == &m_in) {  // neither a length nor chunks
         if (m_request->heads.size() > 1)
             throw RequestRefused(400, "a part has neither Content-Length nor chunked coding");
-        if (m_own.length) throw RequestRefused(400, "bad content-length");
-        if (m_own.coding) throw RequestRefused(400, "bad transfer-encoding");
+        if (m_declaresLength) throw RequestRefused(400, "bad content-length");
+        if (m_declaresCoding) throw RequestRefused(400, "bad transfer-encoding");
         return;
     }
-    beginBody();
     LimitedInputStream body(is, m_bodyLeft);
     HTTPMOMMsgHandler::content(body);
     m_bodyLeft = static_cast<int>(body.left());
 }
 
 void RequestReader::startMultiParts(char const* boundary) {
-    beginBody();
     m_request->heads.back().multipart = true;
     HTTPMOMMsgHandler::startMultiParts(boundary);
 }
@@ -159,14 +162,4 @@ void RequestReader::startPart() {
     m_request->heads.emplace_back();
     m_nameCount = 0;
     HTTPMOMMsgHandler::startPart();
-}
-
-// The head has been read and the body is wanted: a client that waits to hear so is told, RFC 9110
-// section 10.1.1.
-void RequestReader::beginBody() {
-    static constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
-    if (m_request->heads.size() > 1 || m_parser.getMinorVersion() == 0) return;
-    if (!equalsInAnyCase(m_own.expect, "100-continue")) return;
-    m_out.write(kContinue, sizeof kContinue - 1);
-    m_out.flush();
 }

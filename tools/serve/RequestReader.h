@@ -36,7 +36,7 @@ struct Request {
     HTTPMessage message;
     std::vector<EntityHead> heads;  // of the message, then of its parts in the order of the input
     int minorVersion = 1;           // HTTP/1.0 or HTTP/1.1
-    bool keepAlive = true;          // whether the client wants to go on, RFC 9112 section 9.3
+    bool keepAlive = true;          // whether another may follow, RFC 9112 section 9.3
 };
 
 // A request that can be read but will not be answered as asked; `status` says why.
@@ -66,7 +66,8 @@ public:
                   bool hardened);
     ~RequestReader() override;
 
-    // Waits for the first byte of a request; false when the client has closed instead.
+    // Waits for the first byte of a request, empty lines before it passed over; false when the
+    // client has closed instead.
     bool waitForRequest();
 
     // Empties the request, then fills it.
@@ -81,26 +82,19 @@ private:
     void startMultiParts(char const* boundary) override;
     void startPart() override;
 
-    // What the message's own head says about it and its connection.
-    struct OwnHead {
-        std::string connection;
-        std::string expect;
-        bool length = false;
-        bool coding = false;
-    };
-
+    static void sendContinue(void* self);
     void countField(char const* name);
-    void recordOwnField(std::string_view name, HTTPHeader& value);
+    void recordFraming(std::string_view name);
     void keepField(char const* name, HTTPHeader const& value);
-    void beginBody();
-    bool wantsKeepAlive() const;
 
     LimitedInputStream m_limited;
     ZULBufferedInputStream m_in;
     ZULOutputStream& m_out;
     HTTPParser m_parser;
     Request* m_request = nullptr;
-    OwnHead m_own;
+    // Of the message's own head, without a policy.
+    bool m_declaresLength = false;
+    bool m_declaresCoding = false;
     std::vector<std::string> m_names;  // of the fields of the message, or of the part being read
     std::size_t m_nameCount = 0;       // how many of them; those behind are kept for their memory
     bool m_keepFields;

@@ -82,7 +82,13 @@ ServedConnection::ServedConnection(Server& server, int descriptor)
                !server.options().contract),
       m_node(m_answer, 0) {
     limitSends(descriptor, server.options().requestTimeout);
-    if (!server.options().traceDirectory.empty()) m_socket.echo(server.makeTraceFile().c_str());
+    if (!server.options().traceDirectory.empty()) m_socket.traceInto(server.makeTraceFile());
+}
+
+ServedConnection::~ServedConnection() {
+    if (!m_socket.endTrace())
+        std::fprintf(stderr, "postwire-serve: a trace in %s could not be written\n",
+                     m_server.options().traceDirectory.c_str());
 }
 
 void ServedConnection::run() {
@@ -98,11 +104,16 @@ bool ServedConnection::serveRequest() {
     m_writtenBefore = -1;
     std::optional<Refusal> refusal = read();
     if (!refusal) refusal = answer();
-    if (refusal) refuse(*refusal);
+    if (refusal) {
+        refuse(*refusal);
+    } else if (m_server.options().contract) {
+        discardInput();  // the client did not ask for the end: it may have sent more
+    }
     return !refusal && m_request.keepAlive;
 }
 
-// 400 for what input alone can bring about, assertions of the parser among it.
+// 400 for what input alone can bring about, assertions of the parser among it: their text is for
+// its authors.
 std::optional<ServedConnection::Refusal> ServedConnection::read() try {
     m_reader.read(m_request);
     return {};
@@ -115,9 +126,11 @@ std::optional<ServedConnection::Refusal> ServedConnection::read() try {
 } catch (HTTPException const& e) {
     return Refusal{HTTPPolicyException::getHttpStatus(e), textOf(e)};
 } catch (ZULStreamException const& e) {
-    return Refusal{400, textOf(e)};
-} catch (QORAssertError const& e) {
-    return Refusal{400, textOf(e)};
+    bool const target =
+        e.getCode() == ZULStreamException::ZUL_ERR_LINE_TOO_LONG && m_request.uri.empty();
+    return Refusal{target ? 414 : 400, textOf(e)};
+} catch (QORAssertError const&) {
+    return Refusal{400, "the request can't be read"};
 } catch (QORThrowable& e) {
     Server::complain(e.toString());
     return Refusal{500, "the request could not be read"};
@@ -156,16 +169,16 @@ std::optional<ServedConnection::Refusal> ServedConnection::answer() try {
     return Refusal{500, "the request could not be answered"};
 }
 
-// Null where going on is what the client's version takes for granted.
-char const* ServedConnection::connectionField() const {
-    if (!m_request.keepAlive) return "close";
-    return m_request.minorVersion == 0 ? "keep-alive" : nullptr;
+// Nothing is said of the connection where going on is what the client's version takes for granted.
+AnswerFields ServedConnection::ownFields() const {
+    if (!m_request.keepAlive) return {"close"};
+    return {m_request.minorVersion == 0 ? "keep-alive" : nullptr};
 }
 
 void ServedConnection::writeAnswer(std::string const& type, std::string const& body) {
     m_node.startResponse(200, "OK");
-    if (char const* const connection = connectionField()) m_node.setField("Connection", connection);
-    m_node.setField("Content-Type", type);
+    ownFields().set(m_node);
+    m_node.setField("Content-Type", type.c_str());
     m_node.write(body.data(), static_cast<int>(body.size()));
     m_node.finish();
 }
@@ -174,12 +187,12 @@ void ServedConnection::writeEcho() {
     // An HTTP/1.0 client knows no chunks.
     int const chunkSize = m_request.minorVersion == 0 ? 0 : m_server.options().chunkSize;
     if (m_request.heads.front().multipart) {
-        writeMultipartEcho(m_answer, chunkSize, m_request, connectionField());
+        writeMultipartEcho(m_answer, chunkSize, m_request, ownFields());
     } else if (chunkSize == 0) {
-        ::writeEcho(m_node, m_request, connectionField());
+        ::writeEcho(m_node, m_request, ownFields());
     } else {
         WholeOnePiece node(m_answer, chunkSize);
-        ::writeEcho(node, m_request, connectionField());
+        ::writeEcho(node, m_request, ownFields());
     }
 }
 
@@ -188,10 +201,11 @@ void ServedConnection::refuse(Refusal const& refusal) {
     if (m_writtenBefore >= 0 && m_out.bytesWritten() > m_writtenBefore) return;  // half an answer
     m_deadline.startAnswer();
     ZULBufferedOutputStream out(m_out, kAnswerBuffer);  // the other may hold half an answer
-    OnePieceHttpMsg node(out, 0);
+    WholeOnePiece node(out, 0);
     node.startResponse(refusal.status, reasonOf(refusal.status));
-    node.setHeader("Connection", "close");
-    node.setHeader("Content-Type", "text/plain; charset=utf-8");
+    AnswerFields{"close"}.set(node);
+    if (refusal.status == 405) node.setField("Allow", "POST");
+    node.setField("Content-Type", "text/plain; charset=utf-8");
     std::string const text = refusal.text + "\n";
     node.write(text.data(), static_cast<int>(text.size()));
     node.finish();

@@ -5,9 +5,10 @@
 
 #include "foundation/ZULBufferedOutputStream.h"
 
-#include "socket/SoapSocket.h"
 #include "tools/common/Deadline.h"
+#include "tools/common/TracedSocket.h"
 #include "tools/common/WholeMessage.h"
+#include "tools/serve/AnswerFields.h"
 #include "tools/serve/RequestReader.h"
 
 class Server;
@@ -36,6 +37,7 @@ public:
     ServedConnection(Server& server, int descriptor);
     ServedConnection(ServedConnection const&) = delete;
     ServedConnection& operator=(ServedConnection const&) = delete;
+    ~ServedConnection();
 
     // Reads and answers requests until either side wants to end. Raises SoapSocketException when
     // the client is gone, TimeLimitPassed when it is idle for too long or does not take its answer.
@@ -51,7 +53,7 @@ private:
     bool serveRequest();
     std::optional<Refusal> read();
     std::optional<Refusal> answer();
-    char const* connectionField() const;
+    AnswerFields ownFields() const;
     void writeAnswer(std::string const& type, std::string const& body);
     void writeEcho();
     void refuse(Refusal const& refusal);
@@ -59,7 +61,7 @@ private:
 
     Server& m_server;
     int m_descriptor;
-    SoapSocket m_socket;
+    TracedSocket m_socket;
     ConnectionDeadline m_deadline;
     DeadlineInputStream m_in;
     DeadlineOutputStream m_out;

@@ -11,6 +11,7 @@
 
 #include "foundation/QORThrowable.h"
 
+#include "tools/common/TextEscapes.h"
 #include "tools/serve/ServedConnection.h"
 #include "tools/serve/StopSignals.h"
 
@@ -42,9 +43,12 @@ Server::~Server() {
     for (std::thread& worker : m_workers) worker.join();
 }
 
-bool Server::run(StopSignals& signals) {
+void Server::start() {
     for (m_runningWorkers = 0; m_runningWorkers < m_options.workers; ++m_runningWorkers)
         m_workers.emplace_back(&Server::work, this);
+}
+
+bool Server::run(StopSignals& signals) {
     accept(signals);
     auto const stopBy = Deadline::Clock::now() + m_options.requestTimeout;
     m_stopBy = stopBy;
@@ -97,7 +101,7 @@ void Server::serve(int descriptor) try {
     complain(e.what());
 }
 
-std::string Server::makeTraceFile() {
+int Server::makeTraceFile() {
     for (;;) {
         char name[32];
         std::snprintf(name, sizeof name, "/connection-%06d.trace", ++m_traces);
@@ -106,11 +110,10 @@ std::string Server::makeTraceFile() {
         int const descriptor = ::open(path.c_str(), flags, 0600);
         if (descriptor == -1 && errno == EEXIST) continue;
         if (descriptor == -1) throw std::system_error(errno, std::generic_category(), path);
-        ::close(descriptor);
-        return path;
+        return descriptor;
     }
 }
 
 void Server::complain(std::string const& text) {
-    std::fprintf(stderr, "postwire-serve: %s\n", text.c_str());
+    std::fprintf(stderr, "postwire-serve: %s", printableLines(text).c_str());
 }

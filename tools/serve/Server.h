@@ -41,6 +41,9 @@ public:
 
     int port() const { return m_listener.m_boundPort; }
 
+    // Starts the workers. Raises std::system_error when a thread can't be had.
+    void start();
+
     // Accepts until a signal arrives, then lets the requests under way finish. False when some did
     // not within the request timeout: their threads still run.
     bool run(StopSignals& signals);
@@ -54,8 +57,8 @@ public:
     int nextRequest() { return ++m_requests; }
 
     // A new, empty file in the trace directory, which no one but its owner may read: a trace holds
-    // every secret that went over the connection.
-    std::string makeTraceFile();
+    // every secret that went over the connection. Its descriptor is the caller's.
+    int makeTraceFile();
 
     // Whether idle connections should give way: to others that wait for a worker, or to the end.
     bool wantsIdleToEnd() const { return stopping() || m_queue.crowded(); }

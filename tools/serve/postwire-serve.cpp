@@ -121,6 +121,7 @@ void keepMemoryLow() {
 int serve(ServerOptions const& options) {
     StopSignals signals;
     Server server(options);
+    server.start();
     std::printf("listening on 0.0.0.0:%d\n", server.port());
     finishOutput();  // without the line nobody finds the port
     // Requests that did not finish in time are cut off, and their threads with them.
