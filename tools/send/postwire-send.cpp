@@ -4,13 +4,11 @@
 #include <csignal>
 #include <cstdio>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 
 #include <CLI/CLI.hpp>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "foundation/QORThrowable.h"
@@ -19,12 +17,13 @@
 
 #include "message/HTTPMessage.h"
 #include "parser/HTTPMessageReader.h"
-#include "socket/SoapSocket.h"
 #include "tools/common/Deadline.h"
 #include "tools/common/MessageSummary.h"
 #include "tools/common/PartFiles.h"
+#include "tools/common/PrivateFile.h"
 #include "tools/common/StandardStreams.h"
 #include "tools/common/TextEscapes.h"
+#include "tools/common/TracedSocket.h"
 #include "tools/send/ProgressOutputStream.h"
 #include "tools/send/SoapRequest.h"
 
@@ -50,6 +49,7 @@ constexpr int kDirectChunk = 65536;  // of what stands between the parts of a di
 constexpr int kSendBuffer = 65536;
 constexpr long long kShownUpload = 1 << 20;
 constexpr int kShownText = 4096;
+constexpr int kMaxParts = 1000;  // of an answer: each may become a file
 
 struct CommandLine {
     std::string url;
@@ -67,7 +67,7 @@ struct CommandLine {
 };
 
 // Tells its descriptor, which is connected from Open on.
-class ClientSocket : public SoapSocket {
+class ClientSocket : public TracedSocket {
 public:
     int descriptor() const { return m_ioSocket; }
 };
@@ -79,7 +79,13 @@ struct Answer {
     long long bytesSent = 0;
     double milliseconds = 0;
     std::vector<std::string> savedAs;
+    bool traceLost = false;
 };
+
+int complained(int code, std::string const& text) {
+    std::fprintf(stderr, "postwire-send: %s", printableLines(text).c_str());
+    return code;
+}
 
 void defineMessage(CLI::App& app, CommandLine& line) {
     app.add_option("url", line.url, "Where to: http://host[:port][/path]")->required();
@@ -139,14 +145,26 @@ void complete(CommandLine& line) {
     prepare(request);
 }
 
-// The socket opens its trace without a word when it can't; and no one else is to read it.
-void startTrace(SoapSocket& socket, std::string const& path) {
-    if (path.empty()) return;
-    int const descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (descriptor == -1) throw std::system_error(errno, std::generic_category(), path);
-    ::close(descriptor);
-    socket.echo(path.c_str());
-}
+// The trace of an exchange, however that ends.
+class Trace {
+public:
+    Trace(TracedSocket& socket, std::string const& path, bool& lost)
+        : m_socket(socket), m_path(path), m_lost(lost) {
+        if (!path.empty()) socket.traceInto(openPrivately(path));
+    }
+    Trace(Trace const&) = delete;
+    Trace& operator=(Trace const&) = delete;
+    ~Trace() {
+        m_lost = !m_socket.endTrace();
+        if (m_lost)
+            std::fprintf(stderr, "postwire-send: %s could not be written\n", m_path.c_str());
+    }
+
+private:
+    TracedSocket& m_socket;
+    std::string const& m_path;
+    bool& m_lost;
+};
 
 // What stopped the request from being sent, if anything did: a server may answer before it has read
 // all of it, and close.
@@ -174,6 +192,7 @@ void readAnswer(CommandLine const& line, SoapSocket& socket, Answer& answer) {
     DeadlineInputStream limited(socket, deadline);
     ZULBufferedInputStream in(limited, 16384);
     HTTPReadPolicy policy;  // of any size: the server is one that was chosen
+    policy.maxParts = kMaxParts;
     policy.boundMessage = policy.partsEndAtBoundary = policy.strictFraming = true;
     HTTPMessageReader reader(in);
     reader.setReadPolicy(policy);
@@ -182,7 +201,7 @@ void readAnswer(CommandLine const& line, SoapSocket& socket, Answer& answer) {
 
 void exchange(CommandLine& line, Answer& answer) {
     ClientSocket socket;
-    startTrace(socket, line.traceFile);
+    Trace const trace(socket, line.traceFile, answer.traceLost);
     socket.SetServerHostInfo(line.request.url.host.data());
     socket.Open(line.request.url.port);
     limitSends(socket.descriptor(), line.timeLimit);
@@ -204,14 +223,8 @@ std::string shownText(HTTPMessage& message) {
     bool const isText = type.compare(0, 5, "text/") == 0 || type == "application/xml" ||
                         type == "application/soap+xml" || type == "application/json";
     if (!isText || message.contentSize() == 0 || message.contentSize() > kShownText) return {};
-    std::istringstream text(
-        std::string(message.contentBytes(), static_cast<std::size_t>(message.contentSize())));
-    std::string shown = "\n";
-    for (std::string line; std::getline(text, line);) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        shown += printable(line) + "\n";
-    }
-    return shown;
+    return "\n" + printableLines(
+                      {message.contentBytes(), static_cast<std::size_t>(message.contentSize())});
 }
 
 void printForPeople(Answer& answer) {
@@ -263,12 +276,8 @@ int send(CommandLine& line) {
         printForPeople(answer);
     }
     finishOutput();
+    if (answer.traceLost) return kBadFile;
     return answer.status / 100 == 2 ? kAnsweredWell : kAnsweredOtherwise;
-}
-
-int complained(int code, std::string const& text) {
-    std::fprintf(stderr, "postwire-send: %s\n", text.c_str());
-    return code;
 }
 
 std::string textOf(QORException const& e) {
