@@ -3,19 +3,14 @@
 
 usage: TraceTest.py PROGRAM_FOLDER [TEST...]
 """
-import pathlib
-import shutil
 import subprocess
-import sys
-import tempfile
-import unittest
 
 import programs
+from programs import multipart, request
 
-PROGRAM = pathlib.Path(sys.argv[1]) / 'postwire-trace'
-REQUEST = programs.request(
-    programs.multipart('B', (['Content-Type: text/xml'], b'<a/>'),
-                       (['Content-ID: <x@y>'], b'\0\r\n--B--\r\n\n<read[3]>\nzzz')),
+REQUEST = request(
+    multipart('B', (['Content-Type: text/xml'], b'<a/>'),
+              (['Content-ID: <x@y>'], b'\0\r\n--B--\r\n\n<read[3]>\nzzz')),
     'Content-Type: multipart/related; boundary=B; type="text/xml"')
 RESPONSE = b'HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n' + programs.chunked(b'hello', 2)
 CONTINUE = b'HTTP/1.1 100 Continue\r\n\r\n'
@@ -31,16 +26,9 @@ EXCHANGE = trace(('read', REQUEST), ('write', RESPONSE), ('read', REQUEST[:50]),
                  ('write', CONTINUE), ('read', REQUEST[50:]), ('write', RESPONSE), ('read', b''))
 
 
-class TraceTest(unittest.TestCase):
-    def setUp(self):
-        self.folder = tempfile.TemporaryDirectory()
-        self.addCleanup(self.folder.cleanup)
-
-    def run_on(self, content, command, *arguments, stdout=subprocess.PIPE):
-        file = pathlib.Path(self.folder.name) / 'trace'
-        file.write_bytes(content)
-        return subprocess.run([PROGRAM, command, file, *arguments], stdout=stdout,
-                              stderr=subprocess.PIPE, text=True, errors='replace')
+class Trace(programs.TestCase):
+    def run_on(self, content, command, *arguments, **options):
+        return self.run_program('postwire-trace', command, self.file(content), *arguments, **options)
 
     def test_show_prints_the_messages_in_their_order(self):
         shown = self.run_on(EXCHANGE, 'show')
@@ -56,6 +44,27 @@ class TraceTest(unittest.TestCase):
                      '    5 bytes: hello', '    HTTP/1.1 100 Continue'):
             self.assertIn(line, shown.stdout.splitlines())
 
+    def test_heads_end_where_the_parser_sees_their_end(self):
+        heads = (b'POST /a HTTP/1.1\r\nContent-Length: 0\n\n',
+                 b'\r\n \nPOST /a HTTP/1.1\nContent-Length: 0\n \r\n') * 500
+        shown = self.run_on(trace(('read', b''.join(heads))), 'show').stdout.splitlines()
+        self.assertEqual(shown, [
+            line for number, head in enumerate(heads, 1)
+            for line in (f'<- message {number}: request, {len(head)} bytes in 1 receive',
+                         '    POST /a HTTP/1.1', '    Content-Length: 0')])
+        shown = self.run_on(trace(('write', b'HTTP/1.1 100 x\n\nHTTP/1.1 204 y\nA: b\n\r\n')), 'show')
+        self.assertEqual(shown.stdout, '-> message 1: response, 16 bytes in 1 send\n'
+                         '    HTTP/1.1 100 x\n-> message 2: response, 22 bytes in 1 send\n'
+                         '    HTTP/1.1 204 y\n    A: b\n')
+
+    def test_nothing_of_a_peer_can_steer_the_terminal(self):
+        odd = b'\xc2\x9b\x1b\x9b\xc3\xa4'
+        data = b'POST /%b HTTP/1.1\r\nContent-Type: %b\r\nContent-Length: 6\r\n\r\n%b' % (odd, odd, odd)
+        shown = self.run_on(trace(('read', data)), 'show').stdout
+        self.assertEqual(shown.splitlines()[1:], [
+            '    POST /???\xe4 HTTP/1.1', '    Content-Type: ???\xe4', '    Content-Length: 6',
+            '    6 bytes: ???\xe4'])
+
     def test_stats_counts_each_direction(self):
         lines = self.run_on(EXCHANGE, 'stats').stdout.splitlines()
         self.assertEqual(['received', '2', str(2 * len(REQUEST)), '3', '1.50'], lines[1].split())
@@ -64,7 +73,7 @@ class TraceTest(unittest.TestCase):
 
     def test_parts_without_a_length_end_at_their_delimiters(self):
         body = b'--B\r\n\r\n<a/>\r\n--B\r\n\r\n1\r\n2\r\n--B--\r\n'
-        shown = self.run_on(trace(('read', programs.request(
+        shown = self.run_on(trace(('read', request(
             body, 'Content-Type: multipart/related; boundary=B') + REQUEST)), 'show')
         self.assertIn('      4 bytes: <a/>\n    part 2: \n      4 bytes: 1??2\n<- message 2: ',
                       shown.stdout)
@@ -82,10 +91,11 @@ class TraceTest(unittest.TestCase):
                 failed = self.run_on(content, 'show')
                 self.assertEqual(2, failed.returncode)
                 self.assertRegex(failed.stderr, 'not a socket trace|damaged at byte 12')
-        for path in self.folder.name, self.folder.name + '/none':
-            missing = subprocess.run([PROGRAM, 'show', path], capture_output=True)
-            self.assertEqual((2, b''), (missing.returncode, missing.stdout))
-            self.assertIn(path.encode(), missing.stderr)
+        folder = self.folder()
+        for path in folder, folder / 'none':
+            missing = self.run_program('postwire-trace', 'show', path)
+            self.assertEqual((2, ''), (missing.returncode, missing.stdout))
+            self.assertIn(str(path), missing.stderr)
 
     def test_a_trace_cut_at_any_byte_is_used_as_far_as_it_goes(self):
         content = trace(('read', REQUEST), ('write', RESPONSE))
@@ -96,33 +106,36 @@ class TraceTest(unittest.TestCase):
                 whole = cut == len(trace(('read', REQUEST)))
                 self.assertRegex(done.stderr, '^$' if whole else 'lacks|ends inside')
 
-    @unittest.skipUnless(shutil.which('tshark'), 'Debian package tshark')
     def test_tshark_dissects_the_capture_down_to_the_parts(self):
-        capture = pathlib.Path(self.folder.name) / 'out.pcap'
-        big = programs.request(programs.multipart('B', ([], bytes(100000)), ([], b'')),
-                               'Content-Type: multipart/related; boundary=B')
+        capture = self.folder() / 'out.pcap'
+        big = request(multipart('B', ([], bytes(100000)), ([], b'')),
+                      'Content-Type: multipart/related; boundary=B')
         made = self.run_on(EXCHANGE + trace(('read', big), ('write', RESPONSE)), 'pcap', capture,
                            '--client-address', '127.0.0.2', '--server-port', '8080')
         self.assertEqual((0, ''), (made.returncode, made.stderr))
+        self.assertEqual(capture.stat().st_mode & 0o777, 0o600)
         fields = ['tcp.dstport', 'http.request.method', 'http.response.code',
                   'mime_multipart.header.content-type']
         rows = subprocess.run(
-            ['tshark', '-r', capture, '-d', 'tcp.port==8080,http', '-o', 'tcp.check_checksum:TRUE',
+            [programs.needed('tshark'), '-r', capture, '-d', 'tcp.port==8080,http', '-o',
+             'tcp.check_checksum:TRUE',
              '-Y', 'http or _ws.malformed or tcp.analysis.flags or tcp.checksum.status == 0',
              '-T', 'fields', '-E', 'separator=;', *(f for n in fields for f in ('-e', n))],
             capture_output=True, text=True, check=True).stdout.splitlines()
-        request, response = '8080;POST;;text/xml', '49152;;200;'
-        self.assertEqual([request, response, '49152;;100;', request, response, '8080;POST;;',
-                          response], rows)
+        whole, response = '8080;POST;;text/xml', '49152;;200;'
+        self.assertEqual([whole, response, '49152;;100;', whole, response, '8080;POST;;', response],
+                         rows)
 
     def test_output_that_cannot_be_written_ends_with_1(self):
-        for content, out in (EXCHANGE, self.folder.name + '/no/out'), (EXCHANGE, '/dev/full'), \
-                (EXCHANGE * 99, '/dev/full'):
+        readable = self.file(b'')
+        for content, out in (EXCHANGE, '/none/out'), (EXCHANGE, '/dev/full'), \
+                (EXCHANGE * 99, '/dev/full'), (EXCHANGE, readable):
             self.assertEqual(1, self.run_on(content, 'pcap', out).returncode)
-        for command in 'show', 'stats':
-            with open('/dev/full', 'wb') as full:
+        self.assertEqual(readable.read_bytes(), b'')
+        with open('/dev/full', 'wb') as full:
+            for command in 'show', 'stats':
                 self.assertEqual(1, self.run_on(EXCHANGE, command, stdout=full).returncode)
 
 
 if __name__ == '__main__':
-    unittest.main(argv=sys.argv[:1] + sys.argv[2:])
+    programs.main()

@@ -6,6 +6,7 @@
 #include "foundation/ZULBufferedInputStream.h"
 #include "foundation/ZULInputStream.h"
 
+#include "foundation/AsciiText.h"
 #include "parser/HTTPParser.h"
 #include "parser/HTTPReadPolicy.h"
 
@@ -33,9 +34,23 @@ private:
     std::size_t m_taken = 0;
 };
 
-std::string_view headOf(std::string_view bytes) {
-    std::size_t const end = bytes.find("\r\n\r\n");
-    return end == bytes.npos ? bytes : bytes.substr(0, end);
+struct Head {
+    std::string_view text;
+    std::size_t size;  // with the empty lines around it
+};
+
+// As the parser sees it: from the first line that is not empty to the next that is, white space
+// aside.
+Head headOf(std::string_view bytes) {
+    std::size_t begin = bytes.npos;
+    for (std::size_t at = 0; at < bytes.size();) {
+        std::size_t const end = std::min(bytes.find('\n', at), bytes.size() - 1) + 1;
+        bool const empty = withoutSpaces(bytes.substr(at, end - at)).empty();
+        if (empty && begin != bytes.npos) return {bytes.substr(begin, at - begin), end};
+        if (!empty) begin = std::min(begin, at);
+        at = end;
+    }
+    return {bytes.substr(std::min(begin, bytes.size())), bytes.size()};
 }
 
 // RFC 9110 sections 15.2, 15.3.5 and 15.4.5: 1xx, 204 and 304 end with their head.
@@ -78,9 +93,10 @@ void Conversation::readMessages(Direction const& direction, bool read) {
 TracedMessage Conversation::readMessage(Direction const& direction, std::size_t begin,
                                         bool request) const {
     std::string_view const rest = std::string_view(direction.bytes).substr(begin);
-    TracedMessage message{request, false, rest, headOf(rest), 0, 0, nullptr, {}};
-    if (!request && endsWithHead(message.head)) {
-        message.bytes = rest.substr(0, message.head.size() + 4);
+    Head const head = headOf(rest);
+    TracedMessage message{request, false, rest, head.text, 0, 0, nullptr, {}};
+    if (!request && endsWithHead(head.text)) {
+        message.bytes = rest.substr(0, head.size);
         return message;
     }
     message.tree = std::make_unique<HTTPMessage>();

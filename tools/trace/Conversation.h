@@ -14,7 +14,7 @@ struct TracedMessage {
     bool request;
     bool read;                          // received by the traced side
     std::string_view bytes;             // as they were on the wire
-    std::string_view head;              // start line and header lines, without the empty line
+    std::string_view head;              // start line and header lines
     std::size_t firstBlock;             // of the trace, by which messages are put in order
     std::size_t calls;                  // sends or receives that carried a byte of it
     std::unique_ptr<HTTPMessage> tree;  // null for a message without a body, such as 100 Continue

@@ -2,9 +2,14 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <system_error>
 
 #include <pcap/pcap.h>
+#include <unistd.h>
+
+#include "tools/common/PrivateFile.h"
 
 namespace {
 
@@ -33,6 +38,13 @@ std::uint32_t checksum(Packet const& bytes, std::size_t from, std::size_t to, st
     return ~sum & 0xFFFF;
 }
 
+std::FILE* openForWriting(std::string const& path) {
+    int const descriptor = path == "-" ? ::dup(STDOUT_FILENO) : openPrivately(path);
+    std::FILE* const file = descriptor == -1 ? nullptr : ::fdopen(descriptor, "wb");
+    if (!file) throw std::system_error(errno, std::generic_category(), path);
+    return file;
+}
+
 }  // namespace
 
 void PcapFile::Closer::operator()(struct pcap* handle) const { pcap_close(handle); }
@@ -42,7 +54,7 @@ PcapFile::PcapFile(std::string const& path, PcapEndpoint client, PcapEndpoint se
     : m_path(path), m_client{client, 1000}, m_server{server, 5000} {
     m_handle.reset(pcap_open_dead(DLT_RAW, 65535));
     if (!m_handle) throw PcapError("out of memory");
-    m_dumper.reset(pcap_dump_open(m_handle.get(), path.c_str()));
+    m_dumper.reset(pcap_dump_fopen(m_handle.get(), openForWriting(path)));
     if (!m_dumper) throw PcapError(pcap_geterr(m_handle.get()));
     packet(true, kSyn, {});
     packet(false, kSyn | kAck, {});

@@ -22,7 +22,8 @@ public:
 // trace does not hold; bytes and their order are.
 class PcapFile {
 public:
-    // Creates the file and writes the handshake.
+    // Creates the file, which its owner alone may read, and writes the handshake; "-" stands for
+    // standard output.
     PcapFile(std::string const& path, PcapEndpoint client, PcapEndpoint server);
     PcapFile(PcapFile const&) = delete;
     PcapFile& operator=(PcapFile const&) = delete;

@@ -67,7 +67,8 @@ void show(Options const& options, TraceFile const& trace) {
                   << (message.calls == 1 ? "" : "s") << '\n';
         printHead(message.head);
         if (message.tree) printBody(*message.tree);
-        if (!message.error.empty()) std::cout << "    stopped here: " << message.error << '\n';
+        if (!message.error.empty())
+            std::cout << "    stopped here: " << printable(message.error) << '\n';
     }
 }
 
