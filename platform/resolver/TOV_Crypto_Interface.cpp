@@ -21,7 +21,6 @@
 namespace {
 
 constexpr sa_family_t kNoAddress = 0xFFFF;
-constexpr int kListening = 1;
 
 // Stands for the list of a host without addresses, which is null and would look like no handle.
 addrinfo emptyList;
@@ -39,12 +38,12 @@ addrinfo* listOf(unsigned long handle) {
 }
 
 // The system would look an empty host up like a name, and take a missing one for this machine.
-addrinfo* resolve(char const* host, unsigned short port, int flags) {
+addrinfo* resolve(char const* host, unsigned short port) {
     if (!host || !*host) return nullptr;
     addrinfo wanted{};
     wanted.ai_family = AF_INET;
     wanted.ai_socktype = SOCK_STREAM;  // each address once, not once a protocol
-    wanted.ai_flags = AI_NUMERICSERV | (flags == kListening ? AI_PASSIVE : 0);
+    wanted.ai_flags = AI_NUMERICSERV;
     char service[8];
     std::snprintf(service, sizeof service, "%d", port);
     addrinfo* list = nullptr;
@@ -72,7 +71,7 @@ bool readPort(std::string_view scheme, std::string_view text, unsigned short& po
     return error == std::errc() && end == text.end();
 }
 
-addrinfo* resolveURI(std::string_view uri, int flags) {
+addrinfo* resolveURI(std::string_view uri) {
     std::size_t const schemeEnd = uri.find("://");
     if (schemeEnd == std::string_view::npos) return nullptr;
     std::string_view authority = upTo(uri.substr(schemeEnd + 3), "/?#");
@@ -85,15 +84,15 @@ addrinfo* resolveURI(std::string_view uri, int flags) {
     if (!readPort(uri.substr(0, schemeEnd), authority.substr(authority.empty() ? 0 : 1), port))
         return nullptr;
     name.copy(host, name.size());
-    return resolve(host, port, flags);
+    return resolve(host, port);
 }
 
 }  // namespace
 
 extern "C" {
 
-// 1 and status 0 when the host has an address, else 0 and status 1. Flags: 1 for a listening
-// socket, 0 for an address to connect to.
+// 1 and status 0 when the host has an address, else 0 and status 1. The flags tell a listening
+// socket from an address to connect to; there is always a host, so that makes no difference.
 POSTWIRE_EXPORT int TOV_ResolveAddress(unsigned long* resolution, char* host, unsigned short port,
                                        int flags, unsigned long* status);
 
@@ -110,14 +109,13 @@ POSTWIRE_EXPORT int TOV_GetAddressAsText(sockaddr_storage* address, char* text, 
 
 POSTWIRE_EXPORT void TOV_ResolveAddressFree(unsigned long resolution);
 
-int TOV_ResolveAddress(unsigned long* resolution, char* host, unsigned short port, int flags,
+int TOV_ResolveAddress(unsigned long* resolution, char* host, unsigned short port, int,
                        unsigned long* status) {
-    return store(resolve(host, port, flags), resolution, status);
+    return store(resolve(host, port), resolution, status);
 }
 
-int TOV_ResolveAddressFromURI(unsigned long* resolution, char* uri, int flags,
-                              unsigned long* status) {
-    return store(resolveURI(uri ? uri : "", flags), resolution, status);
+int TOV_ResolveAddressFromURI(unsigned long* resolution, char* uri, int, unsigned long* status) {
+    return store(resolveURI(uri ? uri : ""), resolution, status);
 }
 
 int TOV_GetAddress(unsigned long resolution, unsigned long index, sockaddr_storage* address) {

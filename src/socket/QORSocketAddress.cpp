@@ -1,5 +1,6 @@
 #include "socket/QORSocketAddress.h"
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -75,7 +76,10 @@ int QORSocketAddress::TOV_GetAddressAsText(sockaddr_storage* address, char* text
     return m_getAsText ? m_getAsText(address, text, size) : -1;
 }
 
+// Within a failed Open, whose error is still to be reported.
 void QORSocketAddress::releaseResolution() {
+    int const error = errno;
     unsigned long const resolution = std::exchange(m_resolution, 0);
     if (resolution != 0) runQuietly([this, resolution] { m_free(resolution); });
+    errno = error;
 }

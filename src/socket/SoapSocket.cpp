@@ -119,7 +119,11 @@ void sendWithoutDelay(int descriptor) {
 
 SoapSocketException::SoapSocketException(char const* fileName, int line, int id,
                                          char const* details)
-    : m_id(id), m_line(line), m_fileName{}, m_details{} {
+    : SoapSocketException(fileName, line, id, details, 0) {}
+
+SoapSocketException::SoapSocketException(char const* fileName, int line, int id,
+                                         char const* details, int systemError)
+    : m_id(id), m_line(line), m_fileName{}, m_details{}, m_systemError(systemError) {
     std::string_view(fileName ? fileName : "null").copy(m_fileName, sizeof m_fileName - 1);
     std::string_view(details ? details : "").copy(m_details, sizeof m_details - 1);
 }
@@ -254,6 +258,10 @@ void SoapSocket::ReadBuffer(unsigned char* pInputBuff, int size, int* pBytesRead
 // The callback may turn itself off; then the receive is what waits.
 void SoapSocket::waitForInput() {
     while (m_timeLimitCallback) {
+        if (m_ioSocket == -1 && m_timeLimitInterval < 0) {
+            errno = EBADF;  // poll takes -1 for a descriptor to wait for in vain
+            raiseSysError(__LINE__, SoapSocketException::SOAP_ERR_READ);
+        }
         pollfd input{m_ioSocket, POLLIN, 0};
         int const ready = uninterrupted([&] { return ::poll(&input, 1, m_timeLimitInterval); });
         if (ready == -1) raiseSysError(__LINE__, SoapSocketException::SOAP_ERR_READ);
@@ -340,7 +348,7 @@ void SoapSocket::prepare(int port, sockaddr_storage address) {
 
 void SoapSocket::echo(char const* path) {
     if (m_echoFile) std::fclose(m_echoFile);
-    m_echoFile = path && *path ? std::fopen(path, "wb") : nullptr;
+    m_echoFile = path && *path ? std::fopen(path, "wbe") : nullptr;
 }
 
 int SoapSocket::SwitchToNonBlocking() {
@@ -363,16 +371,18 @@ void SoapSocket::GetInternetMachineName(char* name, unsigned int length) {
     int const error = errno;
     QORByteBuffer details(256, 256);
     details << "SoapSocket::GetInternetMachineName: gethostname failed, code " << error;
-    raise(__LINE__, SoapSocketException::SOAP_ERR_HOST_NAME, details.str());
+    raise(__LINE__, SoapSocketException::SOAP_ERR_HOST_NAME, details.str(), error);
 }
 
-void SoapSocket::raise(int line, int id, char const* details) {
-    throw SoapSocketException(kSourceFile, line, id, details);
+void SoapSocket::raise(int line, int id, char const* details, int systemError) {
+    if (systemError != 0) errno = systemError;
+    throw SoapSocketException(kSourceFile, line, id, details, systemError);
 }
 
 void SoapSocket::raiseSysError(int line, int id) {
+    int const error = errno;
     saveSysError();
-    raise(line, id, m_lastError.str());
+    raise(line, id, m_lastError.str(), error);
 }
 
 SoapServerSocket::SoapServerSocket() : m_peerAddress{}, m_boundPort(0) {}
@@ -415,9 +425,8 @@ int SoapServerSocket::AwaitCommunicationAttempt() {
 }
 
 int SoapServerSocket::AwaitCommunicationAttempt(int limit) {
-    if (limit == 0) return AwaitCommunicationAttempt();
     int const accepted = acceptConnection(limit);
-    if (accepted == 0) raise(__LINE__, SoapSocketException::SOAP_ERR_TIMEOUT, "SOCKET_TIMEOUT");
+    if (accepted == 0) raise(__LINE__, SoapSocketException::SOAP_ERR_TIMEOUT, "SOCKET_TIMEOUT", 0);
     return accepted;
 }
 

@@ -32,6 +32,8 @@ public:
     // A null file name is kept as "null", null details as an empty text; details are cut at 128
     // characters.
     SoapSocketException(char const* fileName, int line, int id, char const* details);
+    SoapSocketException(char const* fileName, int line, int id, char const* details,
+                        int systemError);
     SoapSocketException(SoapSocketException const&);
     SoapSocketException& operator=(SoapSocketException const&);
     virtual ~SoapSocketException();
@@ -47,11 +49,15 @@ public:
     char const* getDetails() { return m_details; }
     int id() { return m_id; }
 
+    // The failing call's errno, which also stands in errno at the catch; 0: none.
+    int systemError() { return m_systemError; }
+
 protected:
     int m_id;
     int m_line;
     char m_fileName[4096];
     char m_details[129];
+    int m_systemError;
 };
 
 // For callers that want the end of a stream as an exception. The library never raises it: there,
@@ -80,7 +86,8 @@ public:
 // Ownership: the socket is borrowed and must outlive the last read; close() leaves it open.
 // Raises: SoapSocketException; what the socket's time-limit callback raises; without a socket
 //   QORAssertError "QOR_ASSERT(mp_soap_socket);".
-// Rule: a receive of 0 bytes is the end and reads as -1, and so does a read of 0 bytes.
+// Rule: a receive of 0 bytes is the end and reads as -1, and so does a read of 0 bytes, which waits
+//   like any other.
 class POSTWIRE_EXPORT SoapSocketInputStream : public ZULInputStream {
 public:
     SoapSocketInputStream();
@@ -121,10 +128,11 @@ protected:
 //
 // Ownership: owns its descriptors, streams and trace file.
 // Units: sizes and counts are bytes, intervals milliseconds; ports are in host byte order, but in
-//   network byte order within an address.
+//   network byte order within an address. Of a port 16 bits count: 65616 is port 80.
 // Raises: SoapSocketException with the system's text when a call of the system fails;
 //   QORIllegalStateError when a host has no address; QORAssertError for null pointers and negative
-//   sizes. A call that a signal interrupted is repeated, and never raised.
+//   sizes; std::bad_alloc where a host is set or opened. A call that a signal interrupted is
+//   repeated, and never raised.
 // Rule: one thread at a time. Names are turned into addresses by the address module alone. Sends
 //   do not suppress SIGPIPE: a program that embeds the library ignores that signal. TCP_NODELAY is
 //   set on connections that Open made, since a message leaves in several sends, which must not wait
@@ -154,15 +162,16 @@ public:
     virtual void Close();
 
     // While a read waits, `callback` is run with `argument` each time `interval` has passed without
-    // a byte; it ends the wait by raising, and the socket stays usable. Below 0 it never runs, at 0
-    // it runs again and again without waiting. Null turns it off. Writes have no limit.
+    // a byte; it ends the wait by raising, and the socket stays usable. Below 0 it never runs, and
+    // a read without a descriptor raises SOAP_ERR_READ, since nothing could end it; at 0 it runs
+    // again and again without waiting. Null turns it off. Writes have no limit.
     virtual void setTimeLimitCallback(void (*callback)(void*), void* argument, int interval);
 
     // Keeps the system's text for errno as the details of the next exception.
     virtual void saveSysError();
 
     // One receive of at most `size` bytes; their number in *pBytesRead, 0 at the end of the
-    // stream, -1 after a failed receive.
+    // stream, -1 after a failed receive. A size of 0 waits like any other, and gives 0.
     virtual void ReadBuffer(unsigned char* pInputBuff, int size, int* pBytesRead);
 
     // Sends all `size` bytes. *pBytesWritten is then `size`; after a failure it is 0, even if part
@@ -189,12 +198,16 @@ public:
 
     // From now on every receive and every send leaves a header line and its bytes in this file,
     // which is emptied first; null or an empty path ends it. A file that can't be opened means no
-    // trace. The trace holds every secret that goes over the connection.
+    // trace. The trace holds every secret that goes over the connection; it is closed on exec.
     void echo(char const* path);
 
     // A read or send that would have to wait then raises, unless a time-limit callback lets the
     // read wait. Gives what ioctl gave: 0, or -1.
     int SwitchToNonBlocking();
+
+    // The descriptor that reads and writes use, of a server the listening one; -1: none. It stays
+    // the socket's.
+    int getDescriptor() { return m_ioSocket != -1 ? m_ioSocket : m_socket; }
 
     // The socket's own, good as long as it is.
     SoapSocketInputStream* getInputStream() { return &m_inputStream; }
@@ -227,7 +240,7 @@ protected:
     FILE* m_echoFile;
 
     // The one place that raises, so that the 4 KiB of the exception stand in no other frame.
-    [[noreturn]] static void raise(int line, int id, char const* details);
+    [[noreturn]] static void raise(int line, int id, char const* details, int systemError);
 
     // The same with the system's text for errno.
     [[noreturn]] void raiseSysError(int line, int id);
@@ -251,7 +264,8 @@ public:
     SoapServerSocket();
     ~SoapServerSocket() override;
 
-    // Listens on the port, 0: one that the system chooses; m_boundPort tells which. Opened again,
+    // Listens on the port, 0: one that the system chooses; m_boundPort is then that one, else the
+    // number that was asked for. Opened again,
     // it listens on a second descriptor and forgets the first, which is not closed. After a failure
     // the descriptor made stays until Close.
     void Open(int port);

@@ -1,6 +1,7 @@
 // An address module that records its calls. The host "nowhere" has no address, every other one is
 // this machine. Releasing a resolution also raises, which must reach no one.
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -57,6 +58,7 @@ int TOV_GetAddressAsText(sockaddr_storage*, char*, long size) { return static_ca
 
 void TOV_ResolveAddressFree(unsigned long handle) {
     add(handle == kHandle ? "free" : "free of another");
+    errno = 0;
     throw handle;
 }
 

@@ -6,9 +6,6 @@
 #include <netinet/in.h>
 
 #include "socket/QORSocketAddress.h"
-#include "support/SocketScript.h"
-
-TEST(QORSocketAddress, UsesAModuleInFullOrNotAtAll) { checkSocketScripts("address_module.txt"); }
 
 TEST(QORSocketAddressResolver, ServesSeveralThreads) {
     std::vector<std::thread> threads;
