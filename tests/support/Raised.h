@@ -43,14 +43,6 @@ std::string raisedText(Call const& call) {
     return t ? textOf(*t) : "";
 }
 
-// The text of the assertion that failed, as "QOR_ASSERT(is);"; another throwable gives its name.
-template <class Call>
-std::string failedAssertion(Call const& call) {
-    auto const t = raised(call);
-    if (!t) return "";
-    return dynamic_cast<QORAssertError*>(t.get()) ? textOf(*t) : t->getThrowableName();
-}
-
 // One line a station, oldest first: macro, source file, and the method where there is one.
 inline std::string backTraceText(QORThrowable const& t) {
     std::string text;

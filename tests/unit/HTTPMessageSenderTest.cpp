@@ -119,25 +119,6 @@ TEST_ROWS(HTTPMessageSender, NeverEndsABodyThatLostBytesWell, "writer_shapes.txt
             }
 }
 
-TEST(HTTPMessageSender, TellsWhereMemoryRanOut) {
-    std::set<std::string> traces;
-    forEachFailingAllocation([&] {
-        OriginCounter os;
-        try {
-            MultipartHttpMsg(os, 5, "b1").addOnePiece(5);
-        } catch (QOROutOfMemoryError const& e) {
-            AllocationPause const pause;
-            traces.insert(backTraceText(e));
-            throw;
-        }
-    });
-    std::string const thrown = "QOR_THROW HTTPMessageSender\n";
-    std::string const passed = "QOR_RETHROW HTTPMessageSender\n";
-    // A body stream or a part; an encoder, or a part's stream; a part's encoder.
-    for (std::string const& trace : {thrown, thrown + passed, thrown + passed + passed})
-        EXPECT_EQ(1u, traces.count(trace)) << trace;
-}
-
 TEST(HTTPMessageSender, ReadsTheMachineNameOnceAndAgainAfterAFailure) {
     RecordingOutputStream os;
     OnePieceHttpMsg node(os, 0);

@@ -65,12 +65,12 @@ TEST(HTTPParser, RefusesAMissingStreamOrHandler) {
     QORByteBuffer line(16, 16);
     for (auto const op :
          {&P::parseRequest, &P::parseResponse, &P::processHeaders, &P::processEntities})
-        EXPECT_EQ(failedAssertion([&] { (p.parser.*op)(nullptr); }), "QOR_ASSERT(is);");
+        EXPECT_EQ(raisedText([&] { (p.parser.*op)(nullptr); }), "QOR_ASSERT(is);");
     for (auto const op :
          {&P::parseRequest, &P::parseResponse, &P::processEntities, &P::processPart})
-        EXPECT_EQ(failedAssertion([&] { (p.parser.*op)(&p.stream); }), "QOR_ASSERT(m_pHandler);");
+        EXPECT_EQ(raisedText([&] { (p.parser.*op)(&p.stream); }), "QOR_ASSERT(m_pHandler);");
     for (auto const op : {&P::validateRequestLine, &P::validateResponseLine, &P::processHeader})
-        EXPECT_EQ(failedAssertion([&] { (p.parser.*op)(line); }), "QOR_ASSERT(m_pHandler);");
+        EXPECT_EQ(raisedText([&] { (p.parser.*op)(line); }), "QOR_ASSERT(m_pHandler);");
 }
 
 TEST(HTTPParser, ReadsAHeaderBlockABodyAndALineOnTheirOwn) {

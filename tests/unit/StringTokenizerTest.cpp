@@ -31,8 +31,7 @@ TEST(StringTokenizer, UsesANewDelimiterSetFromTheNextTokenOn) {
     EXPECT_THROW(t.theRest(), NoSuchElementExceptionST);
     EXPECT_THROW(QORStringTokenizer(nullptr, " ", 1).nextToken(), NoSuchElementExceptionST);
     EXPECT_EQ(0, QORStringTokenizer(nullptr, -1, " ", 0).hasMoreTokens());
-    EXPECT_EQ("QOR_ASSERT(length >= 0);",
-              failedAssertion([] { QORStringTokenizer("", -1, "", 0); }));
+    EXPECT_EQ("QOR_ASSERT(length >= 0);", raisedText([] { QORStringTokenizer("", -1, "", 0); }));
 }
 
 }  // namespace
