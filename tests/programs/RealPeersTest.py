@@ -5,15 +5,11 @@ usage: RealPeersTest.py PROGRAM_FOLDER [TEST...]
 """
 import concurrent.futures
 import contextlib
-import hashlib
-import http.client
-import http.server
 import pathlib
 import random
 import re
 import socket
 import struct
-import threading
 
 import requests
 
@@ -83,20 +79,6 @@ class Direct(Sending):
                                        self.url), status)
         self.assertEqual(self.curl('-d', 'x', '-w', '%{num_connects}', '-o', '/dev/null',
                                    f'{self.url}/[1-100]'), b'1' + b'0' * 99)
-
-    def test_http_client_100_requests_on_one_connection(self):
-        connection = http.client.HTTPConnection('127.0.0.1', self.port, timeout=programs.TIMEOUT)
-        self.addCleanup(connection.close)
-        connection.connect()
-        only = connection.sock
-        for i in range(100):
-            body = LARGE if i in (50, 51) else b'%d' % i
-            connection.request('POST', '/x', body, encode_chunked=i % 2 == 1,
-                               headers={'Transfer-Encoding': 'chunked'} if i % 2 else {})
-            answer = connection.getresponse()
-            self.assertEqual(answer.status, 200)
-            self.is_receipt(answer.read(), body)
-            self.assertIs(connection.sock, only)
 
     def test_requests(self):
         with requests.Session() as session:
@@ -216,49 +198,16 @@ class Fronted(programs.TestCase):
         self.sees_what_is_passed_on(peers.logging_nginx)
 
 
-class Digest(http.server.BaseHTTPRequestHandler):
-    """Answers the digest of the body; chunks are taken apart here, by rules of its own."""
-
-    def do_POST(self):
-        digest = hashlib.sha256()
-        if self.headers['Transfer-Encoding'] == 'chunked':
-            while size := int(self.rfile.readline(), 16):
-                digest.update(self.rfile.read(size))
-                self.rfile.readline()
-            self.rfile.readline()
-        else:
-            digest.update(self.rfile.read(int(self.headers['Content-Length'])))
-        self.send_response(200)
-        self.send_header('Content-Length', '64')
-        self.end_headers()
-        self.wfile.write(digest.hexdigest().encode())
-
-    def log_message(self, *_):
-        pass
-
-
 class Servers(Sending):
-    MODES = (), ('--chunked', '10'), ('--attach', __file__), ('--attach', __file__, '--direct')
-
     def test_nginx_and_apache_answer(self):
         for command, configuration in (peers.NGINX, NGINX), (peers.APACHE, APACHE):
             with peers.peer(command, configuration) as (port, folder):
                 pathlib.Path(folder, 'own').write_bytes(b'0123456789')  # what Apache answers
-                for mode in self.MODES:
+                for mode in (), ('--chunked', '10'), ('--attach', __file__), \
+                        ('--attach', __file__, '--direct'):
                     with self.subTest(command=command[0], mode=mode):
                         self.assertRegex(self.send(f'http://127.0.0.1:{port}/own', *mode),
                                          r'^200 OK\n.* 10 bytes  sha256 ')
-
-    def test_http_server_reads_what_was_sent(self):
-        server = self.enterContext(http.server.ThreadingHTTPServer(('127.0.0.1', 0), Digest))
-        threading.Thread(target=server.serve_forever).start()
-        self.addCleanup(server.shutdown)
-        own = sha256(pathlib.Path(__file__).read_bytes())
-        for mode in self.MODES:
-            answer = self.folder()
-            self.send(f'http://127.0.0.1:{server.server_port}', *mode, '--save', answer)
-            # Of a body with parts only the parts' bytes are known here.
-            self.assertEqual((answer / 'part-1').read_text() == own, '--attach' not in mode)
 
 
 if __name__ == '__main__':
