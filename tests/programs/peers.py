@@ -81,6 +81,6 @@ def logging_haproxy(back, log):
 def logging_nginx(back, log):
     return peer(NGINX, documented('nginx.conf', [back]).replace(
         'access_log off;',
-        # Without lingering: a connection that it refuses would else stay for 5 seconds.
-        'lingering_close off; log_format passed "passed to $upstream_addr"; '
+        # A connection that it refuses would else stay for 5 seconds.
+        'lingering_timeout 100ms; log_format passed "passed to $upstream_addr"; '
         f'access_log {log}.requests passed;'), log)
