@@ -64,6 +64,12 @@ public:
     // As parse of the line's text into a new header. For HTTPHeaders, which keeps lines.
     explicit HTTPHeader(postwire::internal::HeaderLine const& line);
 
+    // The text of the line as it came, for a header that a parser's event gave and that no one has
+    // asked or changed yet; else empty. Good as long as the event.
+    std::string_view lineText() const {
+        return m_borrowed ? m_borrowed->text() : std::string_view();
+    }
+
 private:
     friend class HTTPHeaders;
     friend class HTTPParser;
@@ -135,7 +141,7 @@ public:
 
     // As setHeader, but moves what the header holds instead of copying it, and leaves it empty,
     // unless it is the stored one.
-    HTTPHeader* moveHeader(char const* name, HTTPHeader& header);
+    HTTPHeader* takeHeader(char const* name, HTTPHeader& header);
 
     // The number of bytes that dump appends.
     std::size_t dumpSize();
