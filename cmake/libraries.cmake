@@ -29,9 +29,11 @@ function(postwire_add_library name map)
   set(POSTWIRE_LIBRARIES ${POSTWIRE_LIBRARIES} ${name} PARENT_SCOPE)
 endfunction()
 
+set(POSTWIRE_FOLDERS src/foundation src/message src/parser src/sender src/socket)
 postwire_add_library(qorcore platform.map platform/core/*.cpp)
 postwire_add_library(zulstream platform.map platform/stream/*.cpp)
-postwire_add_library(postwire postwire.map src/*/*.cpp)
+list(TRANSFORM POSTWIRE_FOLDERS APPEND /*.cpp OUTPUT_VARIABLE sources)
+postwire_add_library(postwire postwire.map ${sources})
 target_link_libraries(zulstream PUBLIC qorcore)
 target_link_libraries(postwire PUBLIC zulstream qorcore)
 

@@ -38,7 +38,8 @@ def check_headers(include, compiler):
     """What a header of src/ shows to others is installed, nothing else is, and each compiles
     alone."""
     shown = {str(path.relative_to(SOURCES / 'src')) for path in SOURCES.glob('src/*/*.h')
-             if 'POSTWIRE_EXPORT' in path.read_text()} | {'message/HeaderLines.h'}  # a member's class
+             if 'POSTWIRE_EXPORT' in path.read_text() and path.parent.name != 'service'}
+    shown.add('message/HeaderLines.h')  # a member's class
     assert files_under(include) == shown, files_under(include) ^ shown
     run(*compiler, '-std=c++17', '-fsyntax-only', f'-I{include}', '-x', 'c++-header',
         *(include / name for name in sorted(shown)))

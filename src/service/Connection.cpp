@@ -1,0 +1,102 @@
+#include "service/Connection.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include "service/ServiceError.h"
+
+namespace postwire {
+
+std::string PeerAddress::host() const {
+    char text[INET6_ADDRSTRLEN] = "";
+    if (any.sa_family == AF_INET) ::inet_ntop(AF_INET, &v4.sin_addr, text, sizeof text);
+    // A client of IPv4 on a socket of both kinds.
+    if (any.sa_family == AF_INET6 && IN6_IS_ADDR_V4MAPPED(&v6.sin6_addr))
+        ::inet_ntop(AF_INET, &v6.sin6_addr.s6_addr[12], text, sizeof text);
+    else if (any.sa_family == AF_INET6)
+        ::inet_ntop(AF_INET6, &v6.sin6_addr, text, sizeof text);
+    return text;
+}
+
+int PeerAddress::port() const {
+    if (any.sa_family == AF_INET) return ntohs(v4.sin_port);
+    return any.sa_family == AF_INET6 ? ntohs(v6.sin6_port) : 0;
+}
+
+// What a peer that was given up has not taken goes with it, instead of staying in the system.
+Connection::~Connection() {
+    linger const atOnce{1, 0};
+    if (failed) ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+    ::close(fd);
+}
+
+int Connection::receive(char* bytes, std::size_t size) noexcept {
+    for (;;) {
+        ssize_t const n = ::recv(fd, bytes, std::min<std::size_t>(size, INT_MAX), MSG_DONTWAIT);
+        if (n > 0) return static_cast<int>(n);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN)) return -1;
+        ended = true;
+        failed = failed || n < 0;
+        return 0;
+    }
+}
+
+std::size_t Connection::transmit(char const* first, std::size_t firstSize, char const* second,
+                                 std::size_t secondSize) {
+    iovec pieces[2] = {{const_cast<char*>(first), firstSize},
+                       {const_cast<char*>(second), secondSize}};
+    msghdr message{};
+    message.msg_iov = pieces;
+    message.msg_iovlen = secondSize > 0 ? 2 : 1;
+    for (;;) {
+        ssize_t const n = ::sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n >= 0) return static_cast<std::size_t>(n);
+        if (errno == EINTR) continue;
+        if (errno == EAGAIN) return 0;
+        failed = true;
+        throw ServiceError(ServiceError::Code::peerGone, "can't send", errno);
+    }
+}
+
+bool Connection::await(short events, Clock::time_point until) const noexcept {
+    for (;;) {
+        auto const left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
+        if (left.count() <= 0) return false;
+        pollfd wanted{fd, events, 0};
+        auto const limit = std::min<long long>(left.count(), INT_MAX);
+        if (::poll(&wanted, 1, static_cast<int>(limit)) > 0) return true;
+    }
+}
+
+bool Connection::isHalfClosed() const noexcept {
+    pollfd wanted{fd, POLLRDHUP, 0};
+    return ended || ::poll(&wanted, 1, 0) > 0;
+}
+
+void ConnectionList::append(Connection& connection) {
+    connection.previous = m_last;
+    connection.next = nullptr;
+    (m_last ? m_last->next : m_first) = &connection;
+    m_last = &connection;
+}
+
+void ConnectionList::remove(Connection& connection) {
+    (connection.previous ? connection.previous->next : m_first) = connection.next;
+    (connection.next ? connection.next->previous : m_last) = connection.previous;
+    connection.previous = connection.next = nullptr;
+}
+
+Connection* ConnectionList::take() {
+    Connection* const first = m_first;
+    if (first) remove(*first);
+    return first;
+}
+
+}  // namespace postwire

@@ -1,0 +1,20 @@
+#include "service/Request.h"
+
+#include "service/Exchange.h"
+
+namespace postwire {
+
+std::string_view Request::uri() const { return m_exchange.reader.uri(); }
+int Request::minorVersion() const { return m_exchange.reader.minorVersion(); }
+std::string Request::peerAddress() const { return m_exchange.connection->peer.host(); }
+int Request::peerPort() const { return m_exchange.connection->peer.port(); }
+HTTPMessage& Request::message() { return m_exchange.reader.message(); }
+int Request::headCount() const { return m_exchange.reader.headCount(); }
+
+std::vector<HeadLine> Request::headLines(int head) const {
+    return m_exchange.reader.headLines(head);
+}
+
+bool Request::cancelled() const { return m_exchange.connection->isHalfClosed(); }
+
+}  // namespace postwire

@@ -1,0 +1,221 @@
+#include "service/ServerCore.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <thread>
+#include <utility>
+
+#include <poll.h>
+#include <sched.h>
+#include <sys/socket.h>
+
+#include "service/ServiceError.h"
+
+namespace postwire {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// How often loops are looked at while they run handlers, and so about half of the longest time that
+// a handler holds up others.
+constexpr milliseconds kTick{1};
+// A handler that takes longer is not quick: it costs more than its hand-over.
+constexpr milliseconds kQuick{1};
+constexpr int kMostAccepted = 64;  // before the loops are looked at
+// Kept for the next burst.
+constexpr std::size_t kMostExchanges = 64;
+// Connections beyond the limit that are told so; more are closed at once.
+constexpr int kMostTurnedAway = 1000;
+
+int processors() {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (::sched_getaffinity(0, sizeof set, &set) == 0) return CPU_COUNT(&set);
+    return static_cast<int>(std::max(1U, std::thread::hardware_concurrency()));
+}
+
+ServerOptions checked(ServerOptions options) {
+    bool const good = options.loops >= 0 && options.handlers > 0 && options.maxConnections > 0 &&
+                      options.maxConnectionsOfAddress >= 0;
+    if (!good) throw ServiceError(ServiceError::Code::usage, "an option is out of range");
+    if (options.loops == 0) options.loops = processors();
+    return options;
+}
+
+}  // namespace
+
+ServerCore::ServerCore(ServerOptions const& options)
+    : m_options(checked(options)),
+      m_listener(m_options),
+      m_port(m_listener.port()),
+      m_budget(m_options.bodyBudget),
+      m_crew(3 * m_options.loops, m_options.handlers + 3 * m_options.loops,
+             [this](std::unique_ptr<Exchange> exchange) { answer(std::move(exchange)); }) {}
+
+ServerCore::~ServerCore() = default;
+
+void ServerCore::stop() noexcept {
+    m_stopWanted = true;
+    m_wakeUp.send();
+}
+
+void ServerCore::run(Exchange::Handler handler) {
+    if (m_handler) throw ServiceError(ServiceError::Code::usage, "a server runs once");
+    m_handler = std::move(handler);
+    startLoops();
+    while (!m_stopWanted) {
+        wait();
+        lookAfterLoops();
+        acceptAll();
+    }
+    beginToStop();
+    auto const until = m_stoppedAt + m_options.requestLimit + m_options.answerLimit;
+    while (m_connections > 0 && Clock::now() < until) {
+        wait();
+        lookAfterLoops();
+    }
+    endLoops();
+}
+
+void ServerCore::startLoops() {
+    for (int i = 0; i < m_options.loops; ++i) {
+        m_loops.push_back(std::make_unique<Loop>(*this));
+        m_lanes.push_back(std::make_unique<ReadLane>(*this));
+    }
+    for (auto const& loop : m_loops) m_crew.drive(*loop);
+}
+
+// Each loop ends by its own driver, which may first have to be found.
+void ServerCore::endLoops() {
+    for (auto const& lane : m_lanes) lane->end();
+    for (auto const& loop : m_loops) loop->end();
+    while (std::any_of(m_loops.begin(), m_loops.end(),
+                       [](auto const& loop) { return loop->isDriven(); })) {
+        wait();
+        lookAfterLoops();
+    }
+    m_crew.end();
+}
+
+// Until there is something to accept or to look after. Whoever begins something while this thread
+// sleeps rouses it: both sides write, then look, so that one of them sees the other.
+void ServerCore::wait() {
+    m_asleep = !m_isBusy;
+    for (auto const& loop : m_loops)
+        if (!loop->isQuiet()) m_asleep = false;
+    pollfd wanted[2] = {{m_wakeUp.descriptor(), POLLIN, 0}, {m_listener.descriptor(), POLLIN, 0}};
+    bool const forEver = m_asleep && !m_acceptsAgainLater && !isStopping();
+    ::poll(wanted, m_acceptsAgainLater ? 1 : 2, forEver ? -1 : static_cast<int>(kTick.count()));
+    m_asleep = false;
+    if (wanted[0].revents != 0) m_wakeUp.take();
+}
+
+void ServerCore::lookAfterLoops() {
+    for (auto const& loop : m_loops)
+        if (loop->takeOver()) m_crew.drive(*loop);
+    m_isBusy = m_crew.grow();
+}
+
+void ServerCore::acceptAll() {
+    m_acceptsAgainLater = false;
+    for (int i = 0; i < kMostAccepted && acceptOne(); ++i) {
+    }
+}
+
+// False when there was none.
+bool ServerCore::acceptOne() {
+    PeerAddress peer;
+    int const fd = m_listener.accept(peer);
+    if (fd == -1) {
+        bool const none = errno == EAGAIN;
+        bool const lacks =
+            errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
+        m_acceptsAgainLater = lacks;
+        return !none && !lacks;  // else it was the fault of that one connection
+    }
+    Loop& loop = *m_loops[m_nextLoop++ % m_loops.size()];
+    auto connection = std::make_unique<Connection>(fd, peer, loop);
+    if (admit(*connection))
+        loop.adopt(*connection.release());
+    else
+        turnAway(std::move(connection));
+    return true;
+}
+
+bool ServerCore::admit(Connection const& connection) {
+    bool const room = m_connections.fetch_add(1) < m_options.maxConnections;
+    if (m_options.maxConnectionsOfAddress == 0) return room;
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    return ++m_ofAddress[connection.peer.host()] <= m_options.maxConnectionsOfAddress && room;
+}
+
+void ServerCore::turnAway(std::unique_ptr<Connection> connection) {
+    if (m_connections > m_options.maxConnections + kMostTurnedAway)
+        return endConnection(std::move(connection));
+    std::unique_ptr<Exchange> exchange = takeExchange();
+    exchange->connection = connection.get();
+    exchange->refuse({503, "the server has too many connections"});
+    giveBack(std::move(exchange));
+    connection->home.adopt(*connection.release());
+}
+
+void ServerCore::endConnection(std::unique_ptr<Connection> connection) {
+    m_budget.giveBack(connection->budgeted);
+    if (m_options.maxConnectionsOfAddress > 0) {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        auto const found = m_ofAddress.find(connection->peer.host());
+        if (--found->second == 0) m_ofAddress.erase(found);
+    }
+    connection.reset();
+    if (m_connections.fetch_sub(1) == 1 && isStopping()) m_wakeUp.send();
+}
+
+// What waits to be accepted has arrived, too.
+void ServerCore::beginToStop() {
+    while (acceptOne()) {
+    }
+    m_listener.close();
+    m_stoppedAt = Clock::now();
+    m_stopping.store(true, std::memory_order_release);
+    for (auto const& loop : m_loops) loop->wake();
+}
+
+std::unique_ptr<Exchange> ServerCore::takeExchange() {
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        if (!m_exchanges.empty()) {
+            std::unique_ptr<Exchange> exchange = std::move(m_exchanges.back());
+            m_exchanges.pop_back();
+            return exchange;
+        }
+        m_exchanges.reserve(kMostExchanges);
+    }
+    return std::make_unique<Exchange>(m_options, m_budget);
+}
+
+void ServerCore::giveBack(std::unique_ptr<Exchange> exchange) {
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    if (m_exchanges.size() < kMostExchanges) m_exchanges.push_back(std::move(exchange));
+}
+
+void ServerCore::answerElsewhere(std::unique_ptr<Exchange> exchange) {
+    m_crew.answer(std::move(exchange));
+    rouse();
+}
+
+void ServerCore::readElsewhere(Connection& connection) {
+    for (std::size_t i = 0; i < m_loops.size(); ++i)
+        if (m_loops[i].get() == &connection.home) m_lanes[i]->read(connection);
+}
+
+void ServerCore::answer(std::unique_ptr<Exchange> exchange) {
+    Connection& connection = *exchange->connection;
+    Clock::time_point const begin = Clock::now();
+    exchange->run(m_handler, isStopping());
+    if (Clock::now() - begin > kQuick) connection.home.expectSlowHandlers();
+    giveBack(std::move(exchange));
+    connection.home.adopt(connection);
+}
+
+}  // namespace postwire

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+
+#include "foundation/Export.h"
+
+#include "parser/HTTPReadPolicy.h"
+
+namespace postwire {
+
+// What a Server is told before it listens. Every limit has a default that is safe on a port that
+// anyone may reach.
+//
+// Ownership: a descriptor that is handed over is the server's from then on.
+// Units: bytes, counts, milliseconds.
+// Rule: a server copies its options; what is changed afterwards changes nothing.
+struct POSTWIRE_EXPORT ServerOptions {
+    // Where to listen: an IPv4 or IPv6 address; empty for all addresses of both kinds.
+    std::string address;
+    int port = 0;         // 0: one that the system chooses; Server::port tells which
+    int descriptor = -1;  // a listening socket, instead of the two above
+    int backlog = 4096;   // connections that the system holds until they are accepted
+
+    // Threads that wait for connections and read from them; 0: one for each processor.
+    int loops = 0;
+    // Handlers that may run at once. A thread is started when one is wanted, and kept.
+    int handlers = 64;
+
+    // One connection more is answered 503 and closed.
+    int maxConnections = 20000;
+    // The same for one peer address; 0: no limit of its own. For servers that clients reach
+    // directly: behind a proxy all come from one address.
+    int maxConnectionsOfAddress = 0;
+
+    HTTPReadPolicy policy = HTTPReadPolicy::hardened();
+    // All bodies held in message trees together. A request that would go beyond it is answered 503
+    // at once: if it waited, it would keep what it has, and so might all others.
+    std::size_t bodyBudget = std::size_t{256} << 20;
+
+    // Until a request begins; then the connection is closed.
+    std::chrono::milliseconds idleLimit{60000};
+    // From a request's first byte to the end of its head, and to the end of its body: else 408.
+    std::chrono::milliseconds headLimit{10000};
+    std::chrono::milliseconds requestLimit{60000};
+    // Until the peer has taken its answer; then the connection is closed.
+    std::chrono::milliseconds answerLimit{60000};
+};
+
+}  // namespace postwire

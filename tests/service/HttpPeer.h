@@ -1,0 +1,49 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// A client that sends bytes as it is told, and takes answers apart as far as tests ask.
+class HttpPeer {
+public:
+    struct Answer {
+        int status = 0;  // 0: the connection ended before an answer was here
+        std::string head;
+        std::string body;
+
+        [[nodiscard]] bool says(std::string_view line) const {
+            return head.find(std::string(line) + "\r\n") != std::string::npos;
+        }
+    };
+
+    explicit HttpPeer(int port, int receiveBuffer = 0);
+    HttpPeer(HttpPeer const&) = delete;
+    HttpPeer& operator=(HttpPeer const&) = delete;
+    ~HttpPeer();
+
+    void send(std::string_view bytes) const;
+    void finish() const;  // sends no more
+    void reset();         // gone at once
+
+    // Waits for the answer; 20 s at most.
+    Answer receive();
+    Answer exchange(std::string_view bytes) {
+        send(bytes);
+        return receive();
+    }
+
+    // Waits until the server closes; true when nothing came before.
+    bool isClosed();
+
+    // Waits, without taking anything, until the server resets the connection.
+    bool isCutOff();
+
+private:
+    bool more();
+
+    int m_socket;
+    std::string m_got;
+};
+
+// A request for `uri` with a body and further head lines.
+std::string post(std::string_view uri, std::string_view body = {}, std::string_view lines = {});
