@@ -7,6 +7,10 @@
 #include <cstring>
 #include <string_view>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 // Characters, tokens and lists as HTTP sees them: ASCII, whatever the process's locale.
 
 // Blank, \t, \n, \v, \f and \r: what isspace takes in the POSIX locale.
@@ -127,4 +131,74 @@ inline void toLowerCase(char* text, char* end) {
     std::uint64_t const last = eightBytes(end - 8);
     for (; end - text > 8; text += 8) storeLowerCase(eightBytes(text), text);
     storeLowerCase(last, end - 8);
+}
+
+#ifdef __SSE2__
+inline __m128i sixteenBytes(char const* text) {
+    return _mm_loadu_si128(reinterpret_cast<__m128i const*>(text));
+}
+
+// All bits of those bytes that lie from `first` to `last`.
+inline __m128i bytesFromTo(__m128i bytes, char first, char last) {
+    __m128i const above = _mm_sub_epi8(bytes, _mm_set1_epi8(first));
+    __m128i const most = _mm_set1_epi8(static_cast<char>(last - first));
+    return _mm_cmpeq_epi8(_mm_min_epu8(above, most), above);
+}
+#endif
+
+// Both of these go over a text once, sixteen bytes at a time where the processor has instructions
+// for that. Up to as many bytes as the text has are written; only those copied have a meaning.
+
+// Copies the token that the text begins with, in lower case; its size. `to` may be the text.
+inline std::size_t copyTokenInLowerCase(char const* text, char const* end, char* to) {
+    char const* at = text;
+#ifdef __SSE2__
+    // Letters, digits and hyphens, which have the bit of lower case or get it: other characters of
+    // tokens are left to the table. Behind the token nothing changes.
+    __m128i const place = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    __m128i const bit = _mm_set1_epi8('a' - 'A'), blank = _mm_set1_epi8(' ');
+    for (int n = 16; n == 16 && end - at >= 16; at += n) {
+        __m128i const bytes = sixteenBytes(at), lower = _mm_or_si128(bytes, bit);
+        __m128i const usual =
+            _mm_or_si128(_mm_or_si128(bytesFromTo(lower, 'a', 'z'), bytesFromTo(lower, '0', '9')),
+                         _mm_cmpeq_epi8(lower, _mm_set1_epi8('-')));
+        int const found = _mm_movemask_epi8(_mm_and_si128(usual, _mm_cmpgt_epi8(bytes, blank)));
+        n = __builtin_ctz(~static_cast<unsigned>(found));
+        __m128i const within = _mm_cmplt_epi8(place, _mm_set1_epi8(static_cast<char>(n)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + (at - text)),
+                         _mm_or_si128(bytes, _mm_and_si128(bit, within)));
+    }
+#endif
+    for (char c; at != end && (c = tokenLowerCase(*at)) != 0; ++at) to[at - text] = c;
+    return static_cast<std::size_t>(at - text);
+}
+
+// Copies the text up to its first control character; the number of bytes before that.
+inline std::size_t copyToControlCharacter(char const* text, char const* end, char* to) {
+    char const* at = text;
+#ifdef __SSE2__
+    // One comparison finds them, and the tab and what is not ASCII, which are looked at again.
+    __m128i const one = _mm_set1_epi8(1), most = _mm_set1_epi8(' ' + 1);
+    while (end - at >= 16) {
+        __m128i const bytes = sixteenBytes(at);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + (at - text)), bytes);
+        int const found = _mm_movemask_epi8(_mm_cmplt_epi8(_mm_add_epi8(bytes, one), most));
+        at += found == 0 ? 16 : __builtin_ctz(static_cast<unsigned>(found));
+        if (found == 0) continue;
+        if (isControlCharacter(*at)) return static_cast<std::size_t>(at - text);
+        ++at;
+    }
+#else
+    // The sums set a byte's highest bit from the blank on, and at 0x7F.
+    using Word = std::uintptr_t;
+    constexpr Word kEach = ~Word{0} / 0xFF;
+    for (Word word; end - at >= static_cast<std::ptrdiff_t>(sizeof word); at += sizeof word) {
+        std::memcpy(&word, at, sizeof word);
+        Word const low = word & kEach * 0x7F;
+        if ((~(low + kEach * (0x80 - ' ')) | (low + kEach)) & ~word & kEach * 0x80) break;
+        std::memcpy(to + (at - text), &word, sizeof word);
+    }
+#endif
+    for (; at != end && !isControlCharacter(*at); ++at) to[at - text] = *at;
+    return static_cast<std::size_t>(at - text);
 }

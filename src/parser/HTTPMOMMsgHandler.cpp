@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <memory>
 
 #include "foundation/QORByteBuffer.h"
@@ -8,6 +9,8 @@
 #include "parser/HTTPParser.h"
 
 static char const kSourceFile[] = "HTTPParser";
+
+static constexpr int kFirstRoom = 256;  // of a body, by contract
 
 HTTPMOMMsgHandler::HTTPMOMMsgHandler()
     : m_pCurrentMessage(nullptr),
@@ -46,22 +49,23 @@ void HTTPMOMMsgHandler::header(char const* name, HTTPHeader* value) {
 
 void HTTPMOMMsgHandler::content(ZULInputStream& is, int length) {
     QOR_ASSERT(m_pCurrentMessage);
-    // No room is taken for the length: it is only declared, and may be far from what comes.
-    is.readFully(contentBuffer(), length);
+    // The length is only declared, and may be far from what comes: room is taken for it as far as
+    // a small body goes, so that that one is not moved.
+    is.readFully(contentBuffer(std::clamp(length, kFirstRoom, 4 * kFirstRoom)), length);
 }
 
 void HTTPMOMMsgHandler::content(ZULInputStream& is) {
     QOR_ASSERT(m_pCurrentMessage);
-    QORByteBuffer& bytes = contentBuffer();
+    QORByteBuffer& bytes = contentBuffer(kFirstRoom);
     while (is.read(bytes, 4096) != -1) {
     }
 }
 
-QORByteBuffer& HTTPMOMMsgHandler::contentBuffer() {
+QORByteBuffer& HTTPMOMMsgHandler::contentBuffer(int room) {
     QORByteBuffer*& content = m_pCurrentMessage->m_pContent;
     if (!content) {
         QORFileLocation const here(kSourceFile, __LINE__);
-        content = guardedNew<QORByteBuffer>(here, 256U, 256U).release();
+        content = guardedNew<QORByteBuffer>(here, static_cast<unsigned int>(room), 256U).release();
     }
     return *content;
 }

@@ -31,8 +31,8 @@ public:
     void getResponse(HTTPMessage* msg, HTTPMessage::StatusCode* status,
                      std::string* status_message);
 
-    // How messages are read from the next one on, instead of the default. To be called between
-    // messages: within one that is read by a policy it fails an assertion and changes nothing.
+    // How messages are read from the next one on, instead of the default: one that is being read
+    // goes on as it began.
     void setReadPolicy(HTTPReadPolicy const& policy);
 
     // As HTTPParser has them: of the message read last, and for those to come.

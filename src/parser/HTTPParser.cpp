@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdint>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -15,54 +15,61 @@
 #include "foundation/AsciiText.h"
 #include "foundation/GuardedAllocation.h"
 #include "foundation/HTTPException.h"
-#include "foundation/StringTokenizer.h"
-#include "parser/HTTPParseError.h"
-#include "parser/HTTPPolicyParser.h"
+#include "parser/BoundaryStream.h"
+#include "parser/FramedStream.h"
+#include "parser/HeadRules.h"
+#include "parser/LineSource.h"
+#include "parser/MessageReading.h"
+#include "parser/ParseError.h"
 
 static char const kSourceFile[] = "HTTPParser";
 
+using namespace postwire::internal;
+
 namespace {
 
-using parseError::kParseRequest;
-using parseError::kParseResponse;
-using parseError::kProcessEntities;
-using parseError::kProcessHeaders;
-using parseError::kValidateResponseLine;
-using parseError::raise;
+using Policy = HTTPPolicyException;
 
-constexpr char kValidateRequestLine[] =
-    "void HTTPParser::validateRequestLine( QORByteBuffer &line )";
-constexpr char kProcessHeader[] = "void HTTPParser::processHeader( QORByteBuffer &osline )";
+// The read-ahead of a level in chunks or of parts, by contract.
+constexpr int kReadAhead = 4096;
 
-// The words of a start line; a missing one is the error of that line.
-class StartLine {
+// What may be left of a body is read, so that the next message is found, rather than the connection
+// given up: as much as a peer may have under way.
+constexpr int kMaxUnread = 64 << 10;
+
+[[noreturn]] void refuse(Policy::PolicyErrorCode code, int line) {
+    postwire::internal::refuse(code, QORFileLocation(kSourceFile, line));
+}
+
+// The words of a start line, with blanks and tabs between them; each is ended by a zero byte where
+// it stands, and empty where there is none.
+class Words {
 public:
-    StartLine(QORByteBuffer& line, HTTPException::plexaErrorCode missing, char const* method)
-        : m_words(line.str(), " \t", 0), m_missing(missing), m_method(method) {}
+    explicit Words(char* line) : m_next(line) {}
 
-    char const* next() {
-        requireWord();
-        return m_words.nextToken();
+    std::string_view next() {
+        char* const word = rest();
+        m_next = ::strchrnul(word, ' ');
+        auto size = static_cast<std::size_t>(m_next - word);
+        if (void* const tab = std::memchr(word, '\t', size)) {
+            m_next = static_cast<char*>(tab);
+            size = static_cast<std::size_t>(m_next - word);
+        }
+        if (*m_next != '\0') *m_next++ = '\0';
+        return {word, size};
     }
-    char const* rest() {
-        requireWord();
-        return m_words.theRest();
+    char* rest() {
+        while (isBlank(*m_next)) ++m_next;
+        return m_next;
     }
 
 private:
-    void requireWord() {
-        if (!m_words.hasMoreTokens()) raise(m_missing, m_method, __LINE__);
-    }
-
-    QORStringTokenizer m_words;
-    HTTPException::plexaErrorCode m_missing;
-    char const* m_method;
+    char* m_next;
 };
 
-// Whether HTTPMessage::trim could take something off the text: hardly ever for a header's name.
-bool mayNeedTrimming(char const* text, char const* end) {
-    auto const isTrimmed = [](char c) { return isAsciiSpace(c) || c == '"'; };
-    return text != end && (isTrimmed(*text) || isTrimmed(end[-1]));
+// -1 for a version that is not known.
+int minorVersionOf(std::string_view word) {
+    return word == "HTTP/1.1" || word == "HTTP/1.0" ? word.back() - '0' : -1;
 }
 
 struct Number {
@@ -117,27 +124,6 @@ private:
 
 }  // namespace
 
-void parseError::raise(HTTPException::plexaErrorCode code, char const* method, int line) {
-    HTTPException error(code);
-    error << QORMessage(
-        I18NString(HTTPException::getMessageString(code), nullptr, -1, nullptr, nullptr));
-    error.hurl(QORFileLocation(kSourceFile, line), method, "QOR_THROW");
-}
-
-void parseError::raise(HTTPPolicyException::PolicyErrorCode code, QORFileLocation const& where) {
-    HTTPPolicyException(code).hurl(where, nullptr, "QOR_THROW");
-}
-
-HTTPMsgHandler::~HTTPMsgHandler() = default;
-
-void HTTPMsgHandler::startMultiParts(char const*) {}
-
-void HTTPMsgHandler::startPart() {}
-
-void HTTPMsgHandler::endPart() {}
-
-void HTTPMsgHandler::endMultiParts(char const*) {}
-
 HTTPParser::HTTPParser()
     : m_pHandler(nullptr),
       m_bChunking(),
@@ -149,7 +135,6 @@ HTTPParser::HTTPParser()
       m_continueCallback(nullptr),
       m_continueContext(nullptr),
       m_minorVersion(1),
-      m_isRequest(false),
       m_saysClose(false),
       m_saysKeepAlive(false),
       m_expectsContinue(false),
@@ -160,14 +145,7 @@ HTTPParser::~HTTPParser() { m_pHandler = nullptr; }
 
 void HTTPParser::setMsgHandler(HTTPMsgHandler* handler) { m_pHandler = handler; }
 
-void HTTPParser::setReadPolicy(HTTPReadPolicy const& policy) {
-    QOR_ASSERT(!m_policy || !m_policy->isReading());
-    std::unique_ptr<HTTPPolicyParser> reading;
-    if (HTTPPolicyParser::changesReading(policy))
-        reading =
-            guardedNew<HTTPPolicyParser>(QORFileLocation(kSourceFile, __LINE__), *this, policy);
-    m_policy = std::move(reading);
-}
+void HTTPParser::setReadPolicy(HTTPReadPolicy const& policy) { m_policy = policy; }
 
 void HTTPParser::setContinueCallback(void (*callback)(void*), void* context) {
     m_continueCallback = callback;
@@ -178,50 +156,23 @@ bool HTTPParser::keepAlive() const {
     return m_wasRead && !m_tookAll && !m_saysClose && (m_minorVersion > 0 || m_saysKeepAlive);
 }
 
-void HTTPParser::parseRequest(ZULBufferedInputStream* is) {
-    startMessage(is, true);
-    if (m_policy) {
-        m_policy->readRequestLine(*is);
-    } else {
-        readStartLine(*is, kParseRequest);
-        validateRequestLine(m_line);
-    }
-    endMessage(is);
-}
+void HTTPParser::parseRequest(ZULBufferedInputStream* is) { parse(is, true); }
 
-void HTTPParser::parseResponse(ZULBufferedInputStream* is) {
-    startMessage(is, false);
-    if (m_policy) {
-        m_policy->readStatusLine(*is);
-    } else {
-        readStartLine(*is, kParseResponse);
-        validateResponseLine(m_line);
-    }
-    endMessage(is);
-}
+void HTTPParser::parseResponse(ZULBufferedInputStream* is) { parse(is, false); }
 
-void HTTPParser::startMessage(ZULBufferedInputStream* is, bool isRequest) {
+void HTTPParser::parse(ZULBufferedInputStream* is, bool isRequest) {
     QOR_ASSERT(is);
     QOR_ASSERT(m_pHandler);
     m_idepth = 0;
     resetLevel();
     m_boundaries.clear();
-    m_isRequest = isRequest;
     m_saysClose = m_saysKeepAlive = m_expectsContinue = m_tookAll = m_wasRead = false;
-    if (m_policy) m_policy->startMessage();
+    MessageReading r(m_policy);
+    r.isRequest = isRequest;
     m_pHandler->reset();
-}
-
-// Left in m_line.
-void HTTPParser::readStartLine(ZULBufferedInputStream& is, char const* method) {
-    do {
-        if (!readLine(is)) raise(HTTPException::HTTP_ERR_END_OF_STREAM, method, __LINE__);
-    } while (m_line.pcount() == 0);
-}
-
-void HTTPParser::endMessage(ZULBufferedInputStream* is) {
-    processHeaders(is);
-    processEntities(is);
+    readStartLine(*is, r);
+    readHead(*is, r);
+    readBody(*is, r);
     m_pHandler->endMessage();
     m_wasRead = true;
 }
@@ -233,94 +184,199 @@ void HTTPParser::resetLevel() {
     m_bLengthDeclared[m_idepth] = false;
 }
 
-// The next line without white space at its ends; false at the end of the stream.
-bool HTTPParser::readLine(ZULBufferedInputStream& is) {
-    m_line.reset();
-    if (is.readLine(m_line) == -1) return false;
-    unsigned int const length = m_line.pcount();
-    char const* const text = m_line.str();
-    if (length > 0 && (isAsciiSpace(text[0]) || isAsciiSpace(text[length - 1]))) m_line.trim();
-    return true;
+// Start lines
+
+// Empty lines in front of one are passed over, RFC 9112 section 2.2. Of a response that is read to
+// the letter only the last head is told of, RFC 9110 section 15.2.
+void HTTPParser::readStartLine(ZULBufferedInputStream& is, Reading& r) {
+    LineSource lines(is, m_line, r.lineRules(false), r.policy.maxLine, r.head,
+                     Policy::HTTP_ERR_START_LINE_TOO_LONG);
+    char const* const method = r.isRequest ? kParseRequest : kParseResponse;
+    for (;;) {
+        do {
+            if (!lines.readLine()) raise(HTTPException::HTTP_ERR_END_OF_STREAM, method, __LINE__);
+        } while (m_line.pcount() == 0);
+        if (r.isRequest) return reportRequestLine(r);
+        if (r.policy.strictFraming) r.status = judgeStatus();
+        if (r.status / 100 != 1) return reportStatusLine(r);
+        skipInterimHead(is, r);
+    }
 }
 
-bool HTTPParser::recordVersion(std::string_view word) {
-    if (word != "HTTP/1.1" && word != "HTTP/1.0") return false;
-    m_minorVersion = word.back() - '0';
-    return true;
+void HTTPParser::skipInterimHead(ZULBufferedInputStream& is, Reading& r) {
+    LineSource lines(is, m_line, LineSource::Rules::Http, r.policy.maxLine, r.head,
+                     Policy::HTTP_ERR_HEADER_LINE_TOO_LONG);
+    while (lines.readLine()) {
+        if (m_line.pcount() == 0) return;
+        char* const name = m_line.str();
+        char* const end = name + m_line.pcount();
+        judgeFieldLine(name, name + copyTokenInLowerCase(name, end, name), end);
+    }
+    raise(HTTPException::HTTP_ERR_END_OF_STREAM, kProcessHeaders, __LINE__);
 }
 
 void HTTPParser::validateRequestLine(QORByteBuffer& line) {
     QOR_ASSERT(m_pHandler);
-    StartLine words(line, HTTPException::HTTP_ERR_BAD_REQUEST_LINE, kValidateRequestLine);
-    if (std::strcmp(words.next(), "POST") != 0)
-        raise(HTTPException::HTTP_ERR_METHOD_NOT_POST, kValidateRequestLine, __LINE__);
-    m_pHandler->setURI(words.next());
-    if (!recordVersion(words.next()))
-        raise(HTTPException::HTTP_ERR_VERSION, kValidateRequestLine, __LINE__);
+    keepLine(line);
+    reportRequestLine(MessageReading(m_policy));
 }
 
 void HTTPParser::validateResponseLine(QORByteBuffer& line) {
     QOR_ASSERT(m_pHandler);
-    StartLine words(line, HTTPException::HTTP_ERR_BAD_RESPONSE_LINE, kValidateResponseLine);
-    if (!recordVersion(words.next()))
-        raise(HTTPException::HTTP_ERR_VERSION, kValidateResponseLine, __LINE__);
-    int const status = readNumber(words.next()).value;
-    m_pHandler->setStatusCode(static_cast<HTTPMessage::StatusCode>(status));
-    m_pHandler->setStatusMessage(words.rest());
+    keepLine(line);
+    MessageReading r(m_policy);
+    if (r.policy.strictFraming) r.status = judgeStatus();
+    reportStatusLine(r);
 }
+
+// A caller's line is left alone: ours is cut where it stands.
+void HTTPParser::keepLine(QORByteBuffer& line) {
+    if (&line == &m_line) return;
+    m_line.reset();
+    m_line << line.str();
+}
+
+void HTTPParser::reportRequestLine(Reading const& r) {
+    constexpr auto kMissing = HTTPException::HTTP_ERR_BAD_REQUEST_LINE;
+    bool const isStrict = r.policy.strictFraming;
+    if (isStrict && !isPrintable({m_line.str(), m_line.pcount()}))
+        refuse(Policy::HTTP_ERR_START_LINE, __LINE__);
+    Words words(m_line.str());
+    std::string_view const method = words.next(), target = words.next(), version = words.next();
+    // RFC 9112 section 3 allows a recipient to take more than a single blank between words, and
+    // warns of what comes of it.
+    std::size_t const blanks = (target.empty() ? 0U : 1U) + (version.empty() ? 0U : 1U);
+    if (isStrict && method.size() + target.size() + version.size() + blanks != m_line.pcount())
+        refuse(Policy::HTTP_ERR_START_LINE, __LINE__);
+    if (method.empty()) raise(kMissing, kValidateRequestLine, __LINE__);
+    if (method != "POST")
+        raise(HTTPException::HTTP_ERR_METHOD_NOT_POST, kValidateRequestLine, __LINE__);
+    if (target.empty()) raise(kMissing, kValidateRequestLine, __LINE__);
+    if (isStrict) judgeTarget(target);
+    int const minorVersion = minorVersionOf(version);
+    bool const hasVersion = !version.empty();
+    m_pHandler->setURI(target.data());
+    if (!hasVersion) raise(kMissing, kValidateRequestLine, __LINE__);
+    if (minorVersion < 0) raise(HTTPException::HTTP_ERR_VERSION, kValidateRequestLine, __LINE__);
+    m_minorVersion = minorVersion;
+}
+
+// The number of a status line that is read to the letter.
+int HTTPParser::judgeStatus() {
+    std::string_view const line(m_line.str(), m_line.pcount());
+    std::string_view const version = line.substr(0, line.find(' '));
+    if (minorVersionOf(version) < 0)
+        raise(HTTPException::HTTP_ERR_VERSION, kValidateResponseLine, __LINE__);
+    return judgeStatusLine(line, version.size());
+}
+
+void HTTPParser::reportStatusLine(Reading const& r) {
+    constexpr auto kMissing = HTTPException::HTTP_ERR_BAD_RESPONSE_LINE;
+    if (r.policy.strictFraming) m_line.trim();
+    Words words(m_line.str());
+    std::string_view const version = words.next();
+    if (version.empty()) raise(kMissing, kValidateResponseLine, __LINE__);
+    int const minorVersion = minorVersionOf(version);
+    if (minorVersion < 0) raise(HTTPException::HTTP_ERR_VERSION, kValidateResponseLine, __LINE__);
+    m_minorVersion = minorVersion;
+    std::string_view const number = words.next();
+    if (number.empty()) raise(kMissing, kValidateResponseLine, __LINE__);
+    std::string const reason = words.rest();
+    int const status = readNumber(number.data()).value;
+    m_pHandler->setStatusCode(static_cast<HTTPMessage::StatusCode>(status));
+    // RFC 9112 section 4 allows an empty one.
+    if (reason.empty() && !r.policy.strictFraming) raise(kMissing, kValidateResponseLine, __LINE__);
+    m_pHandler->setStatusMessage(reason.c_str());
+}
+
+// Heads
 
 void HTTPParser::processHeaders(ZULBufferedInputStream* is) {
     QOR_ASSERT(is);
-    if (m_policy) return m_policy->readHead(*is);
-    for (;;) {
-        if (!readLine(*is)) raise(HTTPException::HTTP_ERR_END_OF_STREAM, kProcessHeaders, __LINE__);
-        if (m_line.pcount() == 0) return;
-        processHeader(m_line);
+    MessageReading r(m_policy);
+    readHead(*is, r);
+}
+
+void HTTPParser::readHead(ZULBufferedInputStream& is, Reading& r) {
+    bool const isPart = m_idepth > 0;
+    bool const isStrict = r.policy.strictFraming;
+    r.rules = HeadRules();
+    Budget fields(r.policy.maxHeaders, Policy::HTTP_ERR_TOO_MANY_HEADERS);
+    LineSource lines(is, m_line, r.lineRules(isPart), r.policy.maxLine,
+                     isPart ? r.partHead : r.head, Policy::HTTP_ERR_HEADER_LINE_TOO_LONG);
+    for (HeaderLine field;;) {
+        bool const isGood = isStrict && lines.readGoodField(field);
+        if (!isGood && !lines.readLine())
+            raise(HTTPException::HTTP_ERR_END_OF_STREAM, kProcessHeaders, __LINE__);
+        if (!isGood && m_line.pcount() == 0) break;
+        QOR_ASSERT(m_pHandler);
+        fields.take(1);
+        if (isGood || cutField(r, field)) reportField(r, field);
     }
+    if (isStrict) r.rules.judgeHead(!isPart, m_minorVersion, r.isRequest);
 }
 
 void HTTPParser::processHeader(QORByteBuffer& osline) {
     QOR_ASSERT(m_pHandler);
-    // The line is cut in two where it stands; a caller's is left alone.
-    if (&osline != &m_line) {
-        m_line.reset();
-        m_line << osline.str();
-    }
-    char* const name = m_line.str();
-    char* const colon = std::strchr(name, ':');
-    if (!colon) return;
-    *colon = '\0';
-    bool const needsTrimming = mayNeedTrimming(name, colon);  // its letters do not matter
-    toLowerCase(name, colon);
-    if (needsTrimming) {
-        std::string trimmed(name, colon);
-        HTTPMessage::trim(trimmed);
-        char* const moved = colon - trimmed.size();  // so that one zero byte parts it from the text
-        trimmed.copy(moved, trimmed.size());
-        reportHeader({moved, trimmed.size()}, colon + 1);
-    } else {
-        reportHeader({name, static_cast<std::size_t>(colon - name)}, colon + 1);
-    }
+    keepLine(osline);
+    MessageReading r(m_policy);
+    HeaderLine field;
+    if (cutField(r, field)) reportField(r, field);
 }
 
-// The name, in lower case, and the text behind the colon, each followed by a zero byte.
-void HTTPParser::reportHeader(std::string_view name, char const* text) {
-    postwire::internal::HeaderLine const line{name.data(), name.size(), std::strlen(text)};
-    m_header.borrow(line);
+// The line is cut in two where it stands. False for one without a colon, which is ignored.
+bool HTTPParser::cutField(Reading const& r, HeaderLine& field) {
+    char* name = m_line.str();
+    char* const end = name + m_line.pcount();
+    char* colon = name + copyTokenInLowerCase(name, end, name);
+    if (r.policy.strictFraming) {
+        judgeFieldLine(name, colon, end);
+    } else if (*colon != ':') {
+        colon = std::strchr(colon, ':');
+        if (!colon) return false;
+        std::string trimmed(name, colon);
+        HTTPMessage::trim(trimmed);
+        name = colon - trimmed.size();  // so that one zero byte parts it from the text
+        trimmed.copy(name, trimmed.size());
+        toLowerCase(name, colon);
+    }
+    *colon = '\0';
+    field = {name, static_cast<std::size_t>(colon - name), std::strlen(colon + 1)};
+    return true;
+}
+
+void HTTPParser::reportField(Reading& r, HeaderLine const& field) {
+    m_header.borrow(field);
+    // Names are told apart by their length first: few have one of these.
+    switch (field.nameSize) {
+        case sizeof "content-type" - 1:
+        case sizeof "content-length" - 1:
+        case sizeof "transfer-encoding" - 1:
+            recordFraming(r, field.name(), field.text().data());
+            m_header.borrow(field);  // again, where it was taken apart
+            break;
+        case sizeof "host" - 1:
+        case sizeof "expect" - 1:
+        case sizeof "connection" - 1:
+            if (m_idepth == 0) recordConnection(r, field.name(), field.text());
+            break;
+        default:
+            break;
+    }
+    m_pHandler->header(field.bytes, &m_header);
+}
+
+void HTTPParser::recordFraming(Reading& r, std::string_view name, char const* text) {
     if (name == "content-type")
-        recordContentType(text);
+        recordContentType(r, text);
     else if (name == "content-length")
-        recordContentLength(text);
+        recordContentLength(r, text);
     else if (name == "transfer-encoding")
-        recordTransferEncoding(text);
-    else if (m_idepth == 0)
-        recordConnection(name, text);
-    m_header.borrow(line);  // again, where its text has been taken apart
-    m_pHandler->header(name.data(), &m_header);
+        recordTransferEncoding(r, text);
 }
 
 // What a message says of its connection.
-void HTTPParser::recordConnection(std::string_view name, char const* text) {
+void HTTPParser::recordConnection(Reading& r, std::string_view name, std::string_view text) {
     if (name == "connection") {
         forEachItem(text, [this](std::string_view item) {
             m_saysClose = m_saysClose || equalsInAnyCase(item, "close");
@@ -330,8 +386,8 @@ void HTTPParser::recordConnection(std::string_view name, char const* text) {
         forEachItem(text, [this](std::string_view item) {
             m_expectsContinue = m_expectsContinue || equalsInAnyCase(item, "100-continue");
         });
-    } else if (m_policy && name == "host") {
-        m_policy->judgeHost();
+    } else if (r.policy.strictFraming && name == "host") {
+        r.rules.judgeHost(text);
     }
 }
 
@@ -343,15 +399,18 @@ char const* HTTPParser::startOfValue(char const* text) {
     return isPlain ? text : m_header.getValue();
 }
 
-void HTTPParser::recordContentType(char const* text) {
-    if (m_policy) m_policy->judgeContentType();
+void HTTPParser::recordContentType(Reading& r, char const* text) {
+    bool const isStrict = r.policy.strictFraming;
+    if (isStrict) r.rules.judgeContentType();
     char const* const type = startOfValue(text);
     if (!*type) raise(HTTPException::HTTP_ERR_BAD_CONTENT_TYPE, kProcessHeader, __LINE__);
     if (!beginsInAnyCase(type, "multipart/")) return;
-    char const* const boundary =
-        m_policy ? m_policy->boundaryOf(m_header, text) : m_header.getAttribute("boundary");
-    if (!boundary || !*boundary)
-        raise(HTTPException::HTTP_ERR_NO_BOUNDARY, kProcessHeader, __LINE__);
+    std::string_view boundary;
+    if (isStrict)
+        boundary = HeadRules::readBoundary(text);
+    else if (char const* const value = m_header.getAttribute("boundary"))
+        boundary = value;
+    if (boundary.empty()) raise(HTTPException::HTTP_ERR_NO_BOUNDARY, kProcessHeader, __LINE__);
     // One boundary a level: a second would be taken for that of the level around it.
     if (m_bMultipart[m_idepth] && !m_boundaries.empty())
         m_boundaries.back() = boundary;
@@ -360,47 +419,77 @@ void HTTPParser::recordContentType(char const* text) {
     m_bMultipart[m_idepth] = true;
 }
 
-void HTTPParser::recordContentLength(char const* text) {
-    if (m_policy) m_policy->judgeContentLength(text);
+void HTTPParser::recordContentLength(Reading& r, char const* text) {
     char const* const value = startOfValue(text);
     if (!*value) raise(HTTPException::HTTP_ERR_BAD_CONTENT_LENGTH, kProcessHeader, __LINE__);
-    Number const length = readNumber(value);
+    Number const length =
+        r.policy.strictFraming ? Number{r.rules.readContentLength(text), true} : readNumber(value);
     m_contentlength[m_idepth] = length.value;
     m_bLengthDeclared[m_idepth] = length.hasDigits;
 }
 
-void HTTPParser::recordTransferEncoding(char const* text) {
-    if (m_policy) m_policy->judgeTransferEncoding(text);
-    std::string_view const coding = m_header.getValue();
-    if (coding.empty())
+void HTTPParser::recordTransferEncoding(Reading& r, char const* text) {
+    if (!*startOfValue(text))
         raise(HTTPException::HTTP_ERR_BAD_TRANSFER_ENCODING, kProcessHeader, __LINE__);
-    m_bChunking[m_idepth] = equalsInAnyCase(coding, "chunked");
+    if (r.policy.strictFraming) r.rules.judgeTransferEncoding(text);
+    m_bChunking[m_idepth] =
+        r.policy.strictFraming || equalsInAnyCase(m_header.getValue(), "chunked");
 }
+
+// Bodies
 
 void HTTPParser::processEntities(ZULBufferedInputStream* is) {
     QOR_ASSERT(is);
     QOR_ASSERT(m_pHandler);
-    if (m_policy) return m_policy->readBody(*is);
+    MessageReading r(m_policy);
+    std::optional<Delimiter> around;
+    std::size_t const own = m_bMultipart[m_idepth] ? 1 : 0;
+    if (m_idepth > 0) setDelimiterAround(r, around, own);
+    readBody(*is, r);
+}
+
+// RFC 9112 section 6.3, in its order. A length of 0 yields to chunked coding, any other may not
+// stand beside it: two servers in a row could each believe another one of the two.
+HTTPParser::Framing HTTPParser::framing(Reading const& r) const {
+    bool const isDeclared = m_bLengthDeclared[m_idepth];
+    bool const isMultipart = m_bMultipart[m_idepth];
     int const length = m_contentlength[m_idepth];
-    // A length of 0 yields to chunked coding, any other may not stand beside it: two servers in a
-    // row could each believe another one of the two (RFC 9112 section 6.3).
-    bool const byLength = length != 0 || (m_bLengthDeclared[m_idepth] && !m_bChunking[m_idepth]);
-    if (m_continueCallback && (length > 0 || m_bChunking[m_idepth])) askForBody(*is);
-    if (byLength && !m_bMultipart[m_idepth]) {
-        QOR_ASSERT(!m_bChunking[m_idepth]);
-        m_pHandler->content(*is, length);
-        return;
+    if (r.policy.strictFraming && m_idepth == 0) {
+        bool const hasNone =
+            r.isRequest ? !m_bChunking[0] && !isDeclared : r.status == 204 || r.status == 304;
+        if (hasNone) return Framing::None;
     }
+    if (m_bChunking[m_idepth]) {
+        if (length != 0 && !r.byDefault) refuse(Policy::HTTP_ERR_LENGTH_AND_CODING, __LINE__);
+        if (!isMultipart && length != 0) QOR_ASSERT(!m_bChunking[m_idepth]);
+        QOR_ASSERT(m_contentlength[m_idepth] == 0);
+        return Framing::Chunks;
+    }
+    // Unless its level is bound, the length of a multipart body is not used.
+    if (isDeclared && (!isMultipart || r.policy.boundMessage)) {
+        if (length < 0 && !r.byDefault) refuse(Policy::HTTP_ERR_LENGTH_NOT_DIGITS, __LINE__);
+        r.body.require(length);
+        return Framing::Length;
+    }
+    return r.delimiter ? Framing::Boundary : Framing::Rest;
+}
+
+void HTTPParser::readBody(ZULBufferedInputStream& is, Reading& r) {
+    Framing const framing = this->framing(r);
+    if (m_contentlength[m_idepth] > 0 || m_bChunking[m_idepth]) askForBody(is, r);
+    if (framing == Framing::Length && !m_bMultipart[m_idepth]) return readLength(is, r);
     try {
-        if (m_bChunking[m_idepth]) {
-            QOR_ASSERT(m_contentlength[m_idepth] == 0);
-            ChunkedBody body(*is);
-            processBody(body.stream());
-            body.drain();
-        } else {
-            bool const endsByItself = m_bMultipart[0] && (m_isRequest || m_bLengthDeclared[0]);
-            m_tookAll = m_tookAll || (m_idepth == 0 && !endsByItself);
-            processBody(*is);
+        switch (framing) {
+            case Framing::None:
+                return readNone(is, r);
+            case Framing::Length:
+                return readLength(is, r);
+            case Framing::Chunks:
+                return readChunks(is, r);
+            case Framing::Boundary:
+                return readToBoundary(is, r);
+            case Framing::Rest:
+                return readRest(is, r);
         }
     } catch (HTTPException& e) {
         e.addBackTrace(QORFileLocation(kSourceFile, __LINE__), kProcessEntities, "QOR_RETHROW");
@@ -409,50 +498,174 @@ void HTTPParser::processEntities(ZULBufferedInputStream* is) {
 }
 
 // The head has been read and the body is wanted.
-void HTTPParser::askForBody(ZULBufferedInputStream const& is) {
-    bool const waits = m_isRequest && m_expectsContinue && m_minorVersion > 0;
+void HTTPParser::askForBody(ZULBufferedInputStream const& is, Reading const& r) {
+    bool const waits = r.isRequest && m_expectsContinue && m_minorVersion > 0;
     if (waits && m_idepth == 0 && m_continueCallback && is.buffered() == 0)
         m_continueCallback(m_continueContext);
 }
 
-// A body whose end the stream or the closing boundary line tells.
-void HTTPParser::processBody(ZULBufferedInputStream& is) {
+void HTTPParser::readNone(ZULBufferedInputStream& is, Reading& r) {
+    LengthStream body(is, 0, Policy::HTTP_ERR_BODY_CUT, r.body);
+    m_pHandler->content(body, 0);
+}
+
+// The delimiter around a part is looked for within its length, too, since a reader that goes by
+// delimiters would end the part there: the two must agree.
+void HTTPParser::readLength(ZULBufferedInputStream& is, Reading& r) {
+    int const length = m_contentlength[m_idepth];
+    if (r.byDefault) return m_pHandler->content(is, length);
+    if (!r.delimiter) {
+        // Within a body that ends by itself only that end can be met: the input's is told there.
+        auto const cut = r.isBounded ? Policy::HTTP_ERR_BODY_OVERRUN : Policy::HTTP_ERR_BODY_CUT;
+        LengthStream body(is, length, cut, budget(r));
+        return deliver(body, r, length);
+    }
+    Delimiter& delimiter = *r.delimiter;
+    if (delimiter.mayBeWithin(is, length)) {
+        BoundaryStream part(is, delimiter, true, r.uncounted);
+        LengthStream body(part, length, Policy::HTTP_ERR_NO_DELIMITER, budget(r));
+        deliver(body, r, length);
+    } else {
+        LengthStream body(is, length, Policy::HTTP_ERR_NO_DELIMITER, budget(r));
+        deliver(body, r, length);
+    }
+    requireDelimiter(is, r, length == 0);
+}
+
+void HTTPParser::readChunks(ZULBufferedInputStream& is, Reading& r) {
+    if (r.byDefault) {
+        ChunkedBody body(is);
+        readOpenBody(body.stream(), r);
+        return body.drain();
+    }
+    ZULChunkedInputStream decoder(is);
+    if (r.policy.strictFraming) decoder.setStrict();
+    if (r.policy.maxChunkFraming > 0 || r.policy.maxChunkFramingRatio > 0)
+        decoder.setMaxFraming(r.policy.maxChunkFraming, r.policy.maxChunkFramingRatio);
+    FramedStream body(decoder, budget(r));
+    deliver(body, r);
+    if (r.delimiter) requireDelimiter(is, r, true);
+}
+
+void HTTPParser::readToBoundary(ZULBufferedInputStream& is, Reading& r) {
+    BoundaryStream body(is, *r.delimiter, true, budget(r));
+    deliver(body, r);
+}
+
+// To the end of the stream, or to the closing delimiter.
+void HTTPParser::readRest(ZULBufferedInputStream& is, Reading& r) {
+    bool const isMultipart = m_bMultipart[m_idepth];
+    bool const endsByItself = isMultipart && (r.isRequest || m_bLengthDeclared[m_idepth]);
+    if (m_idepth == 0) m_tookAll = !endsByItself;
+    if (isMultipart || r.byDefault) return readOpenBody(is, r);
+    FramedStream body(is, r.body);
+    m_pHandler->content(body);
+}
+
+// A body whose end the stream or the closing delimiter tells.
+void HTTPParser::readOpenBody(ZULBufferedInputStream& is, Reading& r) {
     if (m_bMultipart[m_idepth])
-        processParts(is);
+        readParts(is, r);
     else
         m_pHandler->content(is);
 }
 
-// RFC 2046 section 5.1.1, but for white space around a boundary line and for the line end before
-// it, which is taken for an empty line: where a part ends is for its own framing to say.
-void HTTPParser::processParts(ZULBufferedInputStream& is) {
+// What is read of a multipart level is counted where its parts are read.
+Budget& HTTPParser::budget(Reading& r) const {
+    return m_bMultipart[m_idepth] ? r.uncounted : r.body;
+}
+
+// To the handler, which is told the length where there is one, or part by part. What it leaves is
+// dropped, but for that of a length in a message that is not bound: that is read as what follows.
+void HTTPParser::deliver(FramedStream& body, Reading& r, int length) {
+    Budget unread(r.policy.boundMessage ? kMaxUnread : 0, Policy::HTTP_ERR_BODY_LEFT);
+    if (m_bMultipart[m_idepth]) {
+        ZULBufferedInputStream buffered(body, kReadAhead);
+        bool const wasBounded = std::exchange(r.isBounded, true);
+        readParts(buffered, r);
+        r.isBounded = wasBounded;
+        return drain(buffered, unread, r.body);
+    }
+    if (length >= 0)
+        m_pHandler->content(body, length);
+    else
+        m_pHandler->content(body);
+    if (length < 0 || r.policy.boundMessage) drain(body, unread, r.uncounted);
+}
+
+// Parts
+
+void HTTPParser::processPart(ZULBufferedInputStream* is) {
+    QOR_ASSERT(m_pHandler);
+    MessageReading r(m_policy);
+    std::optional<Delimiter> around;
+    setDelimiterAround(r, around, 0);
+    readPart(is, r);
+}
+
+// For a part that is read on its own: of the boundary that so many others stand on.
+void HTTPParser::setDelimiterAround(Reading& r, std::optional<Delimiter>& around,
+                                    std::size_t inner) const {
+    if (!r.policy.partsEndAtBoundary || m_boundaries.size() <= inner) return;
+    r.delimiter = &around.emplace(m_boundaries[m_boundaries.size() - inner - 1]);
+}
+
+void HTTPParser::readParts(ZULBufferedInputStream& is, Reading& r) {
     QOR_ASSERT(!m_boundaries.empty());
     m_pHandler->startMultiParts(m_boundaries.back().c_str());
-    std::string const closing = "--" + m_boundaries.back() + "--";
-    std::string_view const separator(closing.data(), closing.size() - 2);
-    for (;;) {
-        if (!readLine(is))
-            raise(HTTPException::HTTP_ERR_MISSING_BOUNDARY, kProcessEntities, __LINE__);
-        std::string_view const line(m_line.str(), m_line.pcount());
-        if (line == separator) {
-            processPart(&is);
-        } else if (line == closing) {
-            break;
-        }
-    }
+    Delimiter delimiter(m_boundaries.back());
+    Delimiter* const around = r.delimiter;
+    if (r.policy.partsEndAtBoundary) r.delimiter = &delimiter;
+    while (!takeDelimiter(is, r, delimiter)) readPart(&is, r);
+    r.delimiter = around;
     m_pHandler->endMultiParts(m_boundaries.back().c_str());
     m_boundaries.pop_back();
 }
 
-void HTTPParser::processPart(ZULBufferedInputStream* is) {
-    QOR_ASSERT(m_pHandler);
-    if (m_policy) return m_policy->readPart(*is);
+// Passes over what stands before the next delimiter, and takes it; whether it is the closing one.
+bool HTTPParser::takeDelimiter(ZULBufferedInputStream& is, Reading& r, Delimiter& delimiter) {
+    if (!r.policy.partsEndAtBoundary) return takeDelimiterLine(is, r, delimiter);
+    if (!delimiter.isNext(is, true)) {
+        BoundaryStream skipped(is, delimiter, true, r.body);
+        drain(skipped, r.uncounted, r.uncounted);
+    }
+    return delimiter.take(is);
+}
+
+// RFC 2046 section 5.1.1, but for white space around a boundary line and for the line end before
+// it, which is taken for an empty line: where a part ends is for its own framing to say.
+bool HTTPParser::takeDelimiterLine(ZULBufferedInputStream& is, Reading& r,
+                                   Delimiter const& delimiter) {
+    auto const rules = r.byDefault ? LineSource::Rules::Default : LineSource::Rules::Limits;
+    LineSource lines(is, m_line, rules, r.policy.maxLine, r.body,
+                     Policy::HTTP_ERR_HEADER_LINE_TOO_LONG);
+    for (;;) {
+        if (!lines.readLine())
+            raise(HTTPException::HTTP_ERR_MISSING_BOUNDARY, kProcessEntities, __LINE__);
+        std::string_view const line(m_line.str(), m_line.pcount());
+        if (line == delimiter.separator()) return false;
+        if (line == delimiter.closing()) return true;
+    }
+}
+
+void HTTPParser::requireDelimiter(ZULBufferedInputStream& is, Reading& r, bool atLineStart) {
+    Delimiter& delimiter = *r.delimiter;
+    if (!delimiter.isNext(is, atLineStart) &&
+        !BoundaryStream(is, delimiter, atLineStart, r.uncounted).atDelimiter())
+        refuse(Policy::HTTP_ERR_NO_DELIMITER, __LINE__);
+}
+
+void HTTPParser::readPart(ZULBufferedInputStream* is, Reading& r) {
+    if (!r.byDefault && m_idepth + 1 == HTTP_MAX_DEPTH) refuse(Policy::HTTP_ERR_NESTING, __LINE__);
     QOR_ASSERT(m_idepth + 1 < HTTP_MAX_DEPTH);
+    r.parts.take(1);
     ++m_idepth;
     resetLevel();
+    r.partHead = Budget(r.policy.maxPartHead, Policy::HTTP_ERR_PART_HEAD_TOO_LARGE);
     m_pHandler->startPart();
-    processHeaders(is);
-    processEntities(is);
+    QOR_ASSERT(is);
+    readHead(*is, r);
+    readBody(*is, r);
     --m_idepth;
     m_pHandler->endPart();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <memory>
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -10,11 +11,17 @@
 
 #include "message/HTTPMessage.h"
 #include "parser/HTTPMsgHandler.h"
+#include "parser/HTTPReadPolicy.h"
 
 class HTTPMessageReader;
-class HTTPPolicyParser;
-struct HTTPReadPolicy;
 class ZULBufferedInputStream;
+
+namespace postwire::internal {
+class Budget;
+class Delimiter;
+class FramedStream;
+struct MessageReading;
+}  // namespace postwire::internal
 
 // Reads one HTTP/1.0 or HTTP/1.1 message and reports it to a handler while it reads.
 //
@@ -42,8 +49,9 @@ public:
     // The receiver of all further events.
     void setMsgHandler(HTTPMsgHandler* handler);
 
-    // How messages are read from the next one on, instead of the default. To be called between
-    // messages: within one that is read by a policy it fails an assertion and changes nothing.
+    // How messages are read from the next one on, instead of the default: one that is being read
+    // goes on as it began. A step of a parse that is called on its own is read by it as well, with
+    // limits of its own.
     void setReadPolicy(HTTPReadPolicy const& policy);
 
     // What to run, with what, before the first body byte of an HTTP/1.1 request that expects
@@ -89,23 +97,50 @@ public:
     void processPart(ZULBufferedInputStream* is);
 
 private:
-    friend class HTTPPolicyParser;
+    using Reading = postwire::internal::MessageReading;
+    enum class Framing { None, Length, Chunks, Boundary, Rest };
 
-    void startMessage(ZULBufferedInputStream* is, bool isRequest);
-    void readStartLine(ZULBufferedInputStream& is, char const* method);
-    void endMessage(ZULBufferedInputStream* is);
+    void parse(ZULBufferedInputStream* is, bool isRequest);
     void resetLevel();
-    bool readLine(ZULBufferedInputStream& is);
-    bool recordVersion(std::string_view word);
-    void reportHeader(std::string_view name, char const* text);
+
+    void readStartLine(ZULBufferedInputStream& is, Reading& r);
+    void skipInterimHead(ZULBufferedInputStream& is, Reading& r);
+    void keepLine(QORByteBuffer& line);
+    void reportRequestLine(Reading const& r);
+    int judgeStatus();
+    void reportStatusLine(Reading const& r);
+
+    void readHead(ZULBufferedInputStream& is, Reading& r);
+    bool cutField(Reading const& r, postwire::internal::HeaderLine& field);
+    void reportField(Reading& r, postwire::internal::HeaderLine const& field);
+    void recordFraming(Reading& r, std::string_view name, char const* text);
+    void recordConnection(Reading& r, std::string_view name, std::string_view text);
     char const* startOfValue(char const* text);
-    void recordContentType(char const* text);
-    void recordContentLength(char const* text);
-    void recordTransferEncoding(char const* text);
-    void recordConnection(std::string_view name, char const* text);
-    void askForBody(ZULBufferedInputStream const& is);
-    void processBody(ZULBufferedInputStream& is);
-    void processParts(ZULBufferedInputStream& is);
+    void recordContentType(Reading& r, char const* text);
+    void recordContentLength(Reading& r, char const* text);
+    void recordTransferEncoding(Reading& r, char const* text);
+
+    Framing framing(Reading const& r) const;
+    void readBody(ZULBufferedInputStream& is, Reading& r);
+    void askForBody(ZULBufferedInputStream const& is, Reading const& r);
+    void readNone(ZULBufferedInputStream& is, Reading& r);
+    void readLength(ZULBufferedInputStream& is, Reading& r);
+    void readChunks(ZULBufferedInputStream& is, Reading& r);
+    void readToBoundary(ZULBufferedInputStream& is, Reading& r);
+    void readRest(ZULBufferedInputStream& is, Reading& r);
+    void readOpenBody(ZULBufferedInputStream& is, Reading& r);
+    postwire::internal::Budget& budget(Reading& r) const;
+    void deliver(postwire::internal::FramedStream& body, Reading& r, int length = -1);
+
+    void setDelimiterAround(Reading& r, std::optional<postwire::internal::Delimiter>& around,
+                            std::size_t inner) const;
+    void readParts(ZULBufferedInputStream& is, Reading& r);
+    bool takeDelimiter(ZULBufferedInputStream& is, Reading& r,
+                       postwire::internal::Delimiter& delimiter);
+    bool takeDelimiterLine(ZULBufferedInputStream& is, Reading& r,
+                           postwire::internal::Delimiter const& delimiter);
+    void requireDelimiter(ZULBufferedInputStream& is, Reading& r, bool atLineStart);
+    void readPart(ZULBufferedInputStream* is, Reading& r);
 
     std::vector<std::string> m_boundaries;  // of the open multipart levels, the innermost last
     HTTPMsgHandler* m_pHandler;
@@ -118,12 +153,11 @@ private:
     // the value of a header line.
     QORByteBuffer m_line;
     HTTPHeader m_header;
-    std::unique_ptr<HTTPPolicyParser> m_policy;  // null: the default reading
+    HTTPReadPolicy m_policy;  // of the next message
     void (*m_continueCallback)(void*);
     void* m_continueContext;
     // Of the message being read, or read last.
     int m_minorVersion;
-    bool m_isRequest;
     bool m_saysClose;
     bool m_saysKeepAlive;
     bool m_expectsContinue;
@@ -171,8 +205,8 @@ public:
 private:
     friend class HTTPMessageReader;
 
-    // The current message's content buffer, made at the first call.
-    QORByteBuffer& contentBuffer();
+    // The current message's content buffer, made at the first call with that much room.
+    QORByteBuffer& contentBuffer(int room);
 
     HTTPMessage* m_pCurrentMessage;  // the root, or a part that is still ours
     HTTPMessage* m_pRootMessage;

@@ -170,7 +170,7 @@ class Echoes(programs.TestCase):
 
     def test_boundary_that_occurs_in_a_part_is_not_used_again(self):
         for boundary in 'b', 'b:1':
-            data = multipart(boundary, ([], b'x\r\n--%s\r\ny' % boundary.encode()))
+            data = multipart(boundary, ([], b'x\r\n --%s\r\ny' % boundary.encode()))
             with self.server('--echo').connect() as client:
                 client.send(request(data, f'Content-Type: multipart/mixed; boundary="{boundary}"'))
                 _, head, got = client.answer()

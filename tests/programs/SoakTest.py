@@ -93,7 +93,7 @@ def refused(client, rng):
         (b'GET / HTTP/1.1\r\n\r\n', 405), (b'POST / HTTP/1.1\r\nContent-Length: -1\r\n\r\n', 400),
         (request(parts(rng)[:-4], TYPE), 400),
         (request(b'zz\r\n', 'Transfer-Encoding: chunked', length=False), 400),
-        (b'POST / HTTP/1.1\r\nContent-Length: 20000001\r\n\r\n', 413),
+        (b'POST / HTTP/1.1\r\nHost:\r\nContent-Length: 20000001\r\n\r\n', 413),
         (b'POST / HTTP/1.1\r\n' + b''.join(b'X%d: x\r\n' % i for i in range(101)) + b'\r\n', 431)))
     client.send(data)
     expect(client, status)

@@ -10,7 +10,7 @@ from programs import multipart, request
 
 REQUEST = request(
     multipart('B', (['Content-Type: text/xml'], b'<a/>'),
-              (['Content-ID: <x@y>'], b'\0\r\n--B--\r\n\n<read[3]>\nzzz')),
+              (['Content-ID: <x@y>'], b'\0\r\n--B-x\r\n\n<read[3]>\nzzz')),
     'Content-Type: multipart/related; boundary=B; type="text/xml"')
 RESPONSE = b'HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n' + programs.chunked(b'hello', 2)
 CONTINUE = b'HTTP/1.1 100 Continue\r\n\r\n'
