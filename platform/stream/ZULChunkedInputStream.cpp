@@ -29,6 +29,7 @@ ZULChunkedInputStream::ZULChunkedInputStream(ZULBufferedInputStream& in)
       m_count(0),
       m_strict(false),
       m_inName(false),
+      m_inExtension(InExtension::BeforeName),
       m_framingLeft(LLONG_MAX),
       m_framingRatio(0) {}
 
@@ -180,20 +181,68 @@ void ZULChunkedInputStream::takeSizeByte(char byte) {
     takeByteBehindSize(byte);
 }
 
-// White space, then perhaps ";" and an extension, which may hold anything but a line's end.
+// White space, then perhaps ";" and an extension, which may hold anything but a line's end where it
+// is not read to the letter.
 void ZULChunkedInputStream::takeByteBehindSize(char byte) {
     if (byte == '\r') {
         if (m_strict && m_state == State::BehindSize && m_count > 0)
             return fail(ZULStreamException::ZUL_ERR_CHUNK_SIZE);
+        if (m_strict && m_state == State::Extension && !mayEndExtension())
+            return fail(ZULStreamException::ZUL_ERR_CHUNK_EXTENSION);
         return enter(State::SizeLf);
     }
     if (byte == '\n') return fail(ZULStreamException::ZUL_ERR_CHUNK_END);
-    if (m_strict && isControlCharacter(byte))
-        return fail(ZULStreamException::ZUL_ERR_CHUNK_EXTENSION);
     if (++m_count > kMaxExtension) return fail(ZULStreamException::ZUL_ERR_CHUNK_EXTENSION);
-    if (m_state == State::Extension || byte == ' ' || byte == '\t') return;
+    if (m_state == State::Extension) {
+        if (m_strict && !fitsExtension(byte)) fail(ZULStreamException::ZUL_ERR_CHUNK_EXTENSION);
+        return;
+    }
+    if (isBlank(byte)) return;
     if (byte != ';') return fail(ZULStreamException::ZUL_ERR_CHUNK_SIZE);
     m_state = State::Extension;
+    m_inExtension = InExtension::BeforeName;
+}
+
+// RFC 9112 section 7.1.1: after each ";" a name, and perhaps "=" and a token or a text in quotes;
+// white space may stand in front of each of them.
+bool ZULChunkedInputStream::fitsExtension(char byte) {
+    using In = InExtension;
+    In const in = m_inExtension;
+    if (in == In::Quoted || in == In::QuotedPair) {
+        if (in == In::Quoted && byte == '"')
+            m_inExtension = In::BehindQuotes;
+        else
+            m_inExtension = in == In::Quoted && byte == '\\' ? In::QuotedPair : In::Quoted;
+        return !isControlCharacter(byte);
+    }
+    bool const behindName = in == In::Name || in == In::BehindName;
+    bool const behindValue = in == In::Value || in == In::BehindQuotes || in == In::BehindValue;
+    if (isBlank(byte)) {
+        if (behindName) m_inExtension = In::BehindName;
+        if (behindValue) m_inExtension = In::BehindValue;
+        return true;
+    }
+    if (byte == ';' && (behindName || behindValue)) {
+        m_inExtension = In::BeforeName;
+        return true;
+    }
+    if (byte == '=' && behindName) {
+        m_inExtension = In::BeforeValue;
+        return true;
+    }
+    if (byte == '"' && in == In::BeforeValue) {
+        m_inExtension = In::Quoted;
+        return true;
+    }
+    if (in == In::BeforeName) m_inExtension = In::Name;
+    if (in == In::BeforeValue) m_inExtension = In::Value;
+    return isTokenCharacter(byte) && (m_inExtension == In::Name || m_inExtension == In::Value);
+}
+
+bool ZULChunkedInputStream::mayEndExtension() const {
+    using In = InExtension;
+    return m_inExtension == In::Name || m_inExtension == In::Value ||
+           m_inExtension == In::BehindQuotes;
 }
 
 // Byte by byte, so that it does not depend on the reads beneath which fault is met first.
@@ -218,7 +267,7 @@ void ZULChunkedInputStream::takeTrailerByte(char byte) {
     }
 }
 
-// Whether the line can still be a field line: a name, a colon, a value without control characters.
+// Whether the line can still be a field line: a token, a colon, a value without control characters.
 bool ZULChunkedInputStream::fitsTrailerLine(char byte) {
     if (m_state == State::TrailerLineLf) return true;
     bool const first = m_state == State::Trailer;
@@ -228,7 +277,7 @@ bool ZULChunkedInputStream::fitsTrailerLine(char byte) {
         m_inName = false;
         return !first;
     }
-    return byte > ' ' && byte < '\x7f';
+    return isTokenCharacter(byte);
 }
 
 void ZULChunkedInputStream::expect(char wanted, char byte, State next) {

@@ -58,6 +58,19 @@ private:
         Failed
     };
 
+    // Where the next byte of an extension that is read to the letter stands.
+    enum class InExtension {
+        BeforeName,
+        Name,
+        BehindName,
+        BeforeValue,
+        Value,
+        Quoted,
+        QuotedPair,
+        BehindQuotes,
+        BehindValue
+    };
+
     bool inFraming() const;
     bool findData();
     int readData(char* bytes, int n);
@@ -68,6 +81,8 @@ private:
     void takeSizeByte(char byte);
     void takeByteBehindSize(char byte);
     void takeTrailerByte(char byte);
+    bool fitsExtension(char byte);
+    bool mayEndExtension() const;
     bool fitsTrailerLine(char byte);
     void expect(char wanted, char byte, State next);
     void enter(State state);
@@ -80,7 +95,8 @@ private:
     unsigned int m_left;                // bytes of the current chunk still to be read
     int m_count;                        // bytes of a length-limited piece of framing so far
     bool m_strict;
-    bool m_inName;            // of a trailer line
+    bool m_inName;  // of a trailer line
+    InExtension m_inExtension;
     long long m_framingLeft;  // until the limit
     int m_framingRatio;
 };
