@@ -61,16 +61,42 @@ TEST(HTTPParserHandler, MayLeaveBytesOfAChunkedBodyUnread) {
 
 TEST(HTTPParser, RefusesAMissingStreamOrHandler) {
     using P = HTTPParser;
-    Parsing p("", nullptr);
-    QORByteBuffer line(16, 16);
-    for (auto const op :
-         {&P::parseRequest, &P::parseResponse, &P::processHeaders, &P::processEntities})
-        EXPECT_EQ(raisedText([&] { (p.parser.*op)(nullptr); }), "QOR_ASSERT(is);");
-    for (auto const op :
-         {&P::parseRequest, &P::parseResponse, &P::processEntities, &P::processPart})
-        EXPECT_EQ(raisedText([&] { (p.parser.*op)(&p.stream); }), "QOR_ASSERT(m_pHandler);");
-    for (auto const op : {&P::validateRequestLine, &P::validateResponseLine, &P::processHeader})
-        EXPECT_EQ(raisedText([&] { (p.parser.*op)(line); }), "QOR_ASSERT(m_pHandler);");
+    HTTPReadPolicy limited;
+    limited.maxBody = 1;
+    for (HTTPReadPolicy const& policy : {HTTPReadPolicy(), limited, HTTPReadPolicy::hardened()}) {
+        EventLog log;
+        Parsing p("A: 1\r\n\r\n", nullptr);
+        p.parser.setReadPolicy(policy);
+        QORByteBuffer line(16, 16);
+        for (auto const op :
+             {&P::parseRequest, &P::parseResponse, &P::processHeaders, &P::processEntities})
+            EXPECT_EQ(raisedText([&] { (p.parser.*op)(nullptr); }), "QOR_ASSERT(is);");
+        for (auto const op : {&P::parseRequest, &P::parseResponse, &P::processEntities,
+                              &P::processPart, &P::processHeaders})
+            EXPECT_EQ(raisedText([&] { (p.parser.*op)(&p.stream); }), "QOR_ASSERT(m_pHandler);");
+        for (auto const op : {&P::validateRequestLine, &P::validateResponseLine, &P::processHeader})
+            EXPECT_EQ(raisedText([&] { (p.parser.*op)(line); }), "QOR_ASSERT(m_pHandler);");
+        p.parser.setMsgHandler(&log);
+        EXPECT_EQ(raisedText([&] { p.parser.processPart(nullptr); }), "QOR_ASSERT(is);");
+    }
+}
+
+TEST(HTTPParser, ReadsEachStepByThePolicyLastSetWithLimitsOfItsOwn) {
+    EventLog log;
+    std::string heads = "Content-Type: multipart/x; boundary=B\r\n\r\n";
+    for (int i = 0; i < 6000; ++i) heads += "A: 12345678\r\n\r\n";
+    Parsing p(heads + "\r\na\r\n--B\r\n", &log);
+    p.parser.setReadPolicy(HTTPReadPolicy::hardened());
+    for (int i = 0; i <= 6000; ++i) p.parser.processHeaders(&p.stream);
+    log.clear();
+    p.parser.processPart(&p.stream);
+    EXPECT_EQ(log.text(), "[startPart][content]a[endPart]");
+    QORByteBuffer line(64, 64);
+    line << "Content-Type: text/xml";
+    for (int i = 0; i < 2; ++i) p.parser.processHeader(line);
+    line << '\x01';
+    EXPECT_EQ(raisedCode([&] { p.parser.processHeader(line); }),
+              HTTPPolicyException::HTTP_ERR_CONTROL_CHARACTER);
 }
 
 TEST(HTTPParser, ReadsAHeaderBlockABodyAndALineOnTheirOwn) {
