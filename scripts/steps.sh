@@ -16,7 +16,12 @@ step() {
     mkdir -p build/log
     log=build/log/$(tr -cs '[:alnum:]\n' '-' <<<"$title" | sed 's/-*$//').txt
     printf '%s ... ' "$title"
-    if "$@" </dev/null >"$log" 2>&1; then
+    # Asked for its result in an if, a function would go on after a command that failed.
+    set +e
+    (set -e && "$@") </dev/null >"$log" 2>&1
+    local result=$?
+    set -e
+    if [ $result -eq 0 ]; then
         printf '%d s\n' $((SECONDS - begin))
     else
         printf 'FAILED after %d s\n' $((SECONDS - begin))

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "foundation/ZULStreamException.h"
+
 #include "foundation/GuardedAllocation.h"
 #include "foundation/HTTPException.h"
 #include "foundation/StringTokenizer.h"
@@ -15,9 +17,12 @@ namespace {
 
 QORFileLocation const kHere("Here", 7);
 
-TEST_ROWS(HTTPException, HasATextForEachCode, "http_errors.txt") {
-    auto const code = static_cast<HTTPException::plexaErrorCode>(c.number("code"));
-    char const* const text = HTTPException::getMessageString(code);
+TEST_ROWS(HTTPException, HasATextForEachCodeAsStreamsHave, "error_texts.txt") {
+    int const code = static_cast<int>(c.number("code"));
+    char const* const text =
+        code / 1000 == 2
+            ? ZULStreamException::getMessageString(static_cast<ZULStreamException::Fault>(code))
+            : HTTPException::getMessageString(static_cast<HTTPException::plexaErrorCode>(code));
     EXPECT_EQ(c["text"], text ? text : "null");
 }
 

@@ -31,14 +31,10 @@ void expectNextRequest(ReaderConnection& c) {
 }  // namespace
 
 TEST(HTTPMessageReader, GoesOnWithTheReadAheadItWasGiven) {
-    FragmentingStream wire("xPOST /1 HTTP/1.1\r\n\r\n");
-    ZULBufferedInputStream buffered(wire, 4096);
-    EXPECT_EQ(buffered.read(), 'x');
-    HTTPMessageReader reader(buffered);
-    HTTPMessage message;
-    std::string text;
-    reader.getRequest(&message, &text);
-    EXPECT_EQ(text, "/1");
+    ReaderConnection c("xPOST /1 HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(c.buffered.read(), 'x');
+    HTTPMessageReader(c.buffered).getRequest(&c.message, &c.text);
+    EXPECT_EQ(c.text, "/1");
 }
 
 TEST(HTTPMessageReader, RefusesNullResultsBeforeItReads) {

@@ -1,5 +1,6 @@
 #include <cstring>
 #include <set>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -135,6 +136,24 @@ TEST(HTTPMessageSender, ReadsTheMachineNameOnceAndAgainAfterAFailure) {
     char name[256] = "";
     ::gethostname(name, 255);
     EXPECT_STREQ(name, host_name);
+}
+
+TEST(HTTPMessageSender, ReadsTheMachineNameInSeveralThreads) {
+    char name[256] = "";
+    ::gethostname(name, 255);
+    for (int i = 0; i < 50; ++i) {
+        host_name[0] = '\0';
+        std::vector<std::thread> threads(8);
+        for (std::thread& thread : threads)
+            thread = std::thread([&name] {
+                RecordingOutputStream os;
+                OnePieceHttpMsg(os, 0).finish();
+                EXPECT_EQ(std::string("Content-Length: 0\r\nHost: ") + name + "\r\n\r\n",
+                          os.joined());
+            });
+        for (std::thread& thread : threads) thread.join();
+        EXPECT_STREQ(name, host_name);
+    }
 }
 
 TEST(HTTPMessageSender, PassesADirectPartOnFromTheCallersMemory) {

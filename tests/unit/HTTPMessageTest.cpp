@@ -43,8 +43,11 @@ struct Model : HTTPMOMMsgHandler {
     void say(char const* text) { gave.emplace_back(text ? text : "null"); }
     template <class Item, class... Args>
     void write(Item* item, Args... args) {
-        QORByteBuffer buf(16, 1);
+        QORByteBuffer buf(0, 1);
         if (item) item->dump(buf, args...);
+        if constexpr (std::is_same_v<Item, HTTPMessage>) {
+            EXPECT_TRUE(!item || buf.pcount() == buf.capacity()) << "room for it at once";
+        }
         say(item ? buf.str() : nullptr);
     }
     void describe(HTTPMessage& m) {

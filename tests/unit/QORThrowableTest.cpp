@@ -64,6 +64,9 @@ TEST(QORThrowable, KeepsTheOldest32StationsInOrder) {
                  text.getText());
     t.toString(nullptr, nullptr, text, 0);
     EXPECT_STREQ("QORThrowable", text.getText());
+    QORThrowable copy;
+    copy = t;
+    EXPECT_EQ(backTraceText(t), backTraceText(copy));
 }
 
 TEST(QORException, GivesItsTextElseItsFirstMessage) {

@@ -1,12 +1,9 @@
-#include <cerrno>
-#include <csignal>
-#include <cstring>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include "socket/QORSocketAddress.h"
 #include "socket/SoapSocket.h"
 #include "support/AllocationFaults.h"
 
@@ -29,47 +26,6 @@ TEST(SoapSocketException, KeepsItsTextsWithinTheirRoom) {
     EXPECT_STREQ("SoapExEndofStream", copy.getDetails());
 }
 
-// A peer that reads byte by byte, and one that resets while bytes are still to come.
-TEST(SoapSocketPeer, TakesAllThatIsWrittenOrResets) {
-    std::signal(SIGPIPE, SIG_IGN);
-    std::string body(8 << 20, '\0');
-    for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i % 251);
-    for (bool resets : {false, true}) {
-        SoapServerSocket server;
-        server.Open(0);
-        SoapSocket near;
-        near.Open(server.m_boundPort, SoapSocket::GetIPAddress(std::string("localhost").data()));
-        int const far = server.AwaitCommunicationAttempt();
-        std::string arrived;
-        std::thread peer([&] {
-            char piece[65536];
-            // Long enough that the writer waits for it.
-            std::size_t const singly = resets ? 5000 : 500000;
-            while (arrived.size() < singly && ::recv(far, piece, 1, 0) == 1) arrived += *piece;
-            linger const atOnce{1, 0};
-            if (resets) ::setsockopt(far, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
-            for (ssize_t n; !resets && (n = ::recv(far, piece, sizeof piece, 0)) > 0;)
-                arrived.append(piece, static_cast<std::size_t>(n));
-            ::close(far);
-        });
-        int written = 7, id = 0;
-        std::string details;
-        try {
-            near.WriteBuffer(reinterpret_cast<unsigned char const*>(body.data()),
-                             static_cast<int>(body.size()), &written);
-        } catch (SoapSocketException& e) {
-            id = e.id();
-            details = e.getDetails();
-        }
-        near.Close();
-        peer.join();
-        EXPECT_EQ(resets ? 1004 : 0, id);
-        EXPECT_EQ(resets ? 0 : 8 << 20, written);
-        EXPECT_TRUE(!resets || details == std::strerror(ECONNRESET)) << details;
-        EXPECT_TRUE(resets || arrived == body);
-    }
-}
-
 TEST(SoapSocketMemory, IsReleasedWhenAllocationsFail) {
     EXPECT_LT(5, forEachFailingAllocation([] {
                   SoapServerSocket server;
@@ -81,4 +37,22 @@ TEST(SoapSocketMemory, IsReleasedWhenAllocationsFail) {
                   far.getOutputStream()->write("hello", 5);
                   near.getInputStream()->read(buf, 100);
               }));
+}
+
+TEST(QORSocketAddressResolver, ServesSeveralThreads) {
+    std::vector<std::thread> threads;
+    for (unsigned short port = 1; port <= 8; ++port)
+        threads.emplace_back([port] {
+            for (int i = 0; i < 100; ++i) {
+                QORSocketAddress module("TOV_Crypto_Interface");
+                char host[] = "localhost", text[32] = "";
+                unsigned long status = 7;
+                sockaddr_storage address;
+                module.TOV_ResolveAddress(host, port, 0, &status);
+                module.TOV_GetAddress(0, &address);
+                module.TOV_GetAddressAsText(&address, text, sizeof text);
+                EXPECT_EQ("127.0.0.1:" + std::to_string(port), text);
+            }
+        });
+    for (std::thread& t : threads) t.join();
 }
