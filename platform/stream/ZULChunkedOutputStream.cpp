@@ -75,10 +75,9 @@ void ZULChunkedOutputStream::reset() {
 
 void ZULChunkedOutputStream::giveUp() { m_state = State::Broken; }
 
-void ZULChunkedOutputStream::requireWhole() const {
-    if (m_state == State::Broken)
-        ZULStreamException::raise(ZULStreamException::ZUL_ERR_BROKEN,
-                                  QORFileLocation(kSourceFile, __LINE__));
+void ZULChunkedOutputStream::raiseBroken() {
+    ZULStreamException::raise(ZULStreamException::ZUL_ERR_BROKEN,
+                              QORFileLocation(kSourceFile, __LINE__));
 }
 
 void ZULChunkedOutputStream::beginAt(unsigned int place) {
@@ -108,10 +107,4 @@ void ZULChunkedOutputStream::writeHeld() {
     std::memcpy(chunk, line, static_cast<unsigned int>(lineLength));
     send(chunk, length);
     m_chunk.setLength(m_begin);
-}
-
-void ZULChunkedOutputStream::send(char const* bytes, int length) {
-    m_state = State::Broken;  // stays so where the write raises
-    m_out.write(bytes, length);
-    m_state = State::Open;
 }

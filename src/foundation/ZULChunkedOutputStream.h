@@ -40,13 +40,20 @@ public:
     void giveUp();
 
     // Raises ZUL_ERR_BROKEN where the body is broken.
-    void requireWhole() const;
+    void requireWhole() const {
+        if (m_state == State::Broken) raiseBroken();
+    }
 
 private:
     enum class State { Open, Closed, Broken };
 
+    [[noreturn]] static void raiseBroken();
     void writeHeld();
-    void send(char const* bytes, int length);
+    void send(char const* bytes, int length) {
+        m_state = State::Broken;  // stays so where the write raises
+        m_out.write(bytes, length);
+        m_state = State::Open;
+    }
     int held() const { return static_cast<int>(m_chunk.pcount() - m_begin); }
     void beginAt(unsigned int place);
     void beginApart(char const* data);

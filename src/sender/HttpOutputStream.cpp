@@ -79,11 +79,13 @@ HttpChunkedOutputStream::~HttpChunkedOutputStream() { dropQuietly(m_os_chunked);
 void HttpChunkedOutputStream::write(char const* data, int length) {
     QOR_ASSERT(m_os_chunked);
     QOR_ASSERT(p_msg_node);
-    if (!headers_written) {
-        headers_written = 1;
-        writeOnce(*this, [this] { p_msg_node->writeHeaders(); });
-    }
+    if (!headers_written) writeNodeHeaders();
     m_os_chunked->write(data, length);
+}
+
+void HttpChunkedOutputStream::writeNodeHeaders() {
+    headers_written = 1;
+    writeOnce(*this, [this] { p_msg_node->writeHeaders(); });
 }
 
 void HttpChunkedOutputStream::flush() {

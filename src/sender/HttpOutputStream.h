@@ -73,6 +73,9 @@ public:
     ZULChunkedOutputStream* getChunkedStream();
 
 protected:
+    // Apart from write, which else makes room for a guard at each call.
+    [[gnu::noinline]] void writeNodeHeaders();
+
     ZULChunkedOutputStream* m_os_chunked;  // owned
     HttpMsgNode* p_msg_node;
     int headers_written;
