@@ -35,22 +35,28 @@ Character firstOf(std::string_view text) {
     return {point, text.substr(0, size), true};
 }
 
-template <class Escape>
-std::string escaped(std::string_view text, Escape const& escape) {
+// Printable ASCII stays but for what is special to the format; all else goes through `escape`.
+template <class Special, class Escape>
+std::string escaped(std::string_view text, Special const& isSpecial, Escape const& escape) {
+    auto const stays = [&](char c) { return c >= ' ' && c < '\x7F' && !isSpecial(c); };
     std::string result;
     result.reserve(text.size());
-    while (!text.empty()) {
+    for (;;) {
+        auto const end = std::find_if_not(text.begin(), text.end(), stays);
+        result.append(text.begin(), end);
+        text.remove_prefix(static_cast<std::size_t>(end - text.begin()));
+        if (text.empty()) return result;
         Character const character = firstOf(text);
         escape(result, character);
         text.remove_prefix(character.bytes.size());
     }
-    return result;
 }
 
 }  // namespace
 
 std::string escapedForXml(std::string_view text) {
-    return escaped(text, [](std::string& to, Character const& c) {
+    auto const isSpecial = [](char c) { return c == '<' || c == '>' || c == '&' || c == '"'; };
+    return escaped(text, isSpecial, [](std::string& to, Character const& c) {
         switch (c.point) {
             case '<':
                 to += "&lt;";
@@ -67,18 +73,14 @@ std::string escapedForXml(std::string_view text) {
             default:
                 break;
         }
-        if (c.point < 0x20 || c.point == 0x7F || c.point == 0xFFFE || c.point == 0xFFFF) {
-            to += '?';
-        } else if (c.point < 0x80) {
-            to += c.bytes;
-        } else {
-            to += "&#" + std::to_string(c.point) + ";";
-        }
+        bool const stands = c.point > 0x7F && c.point != 0xFFFE && c.point != 0xFFFF;
+        to += stands ? "&#" + std::to_string(c.point) + ";" : "?";
     });
 }
 
 std::string escapedForJson(std::string_view text) {
-    return escaped(text, [](std::string& to, Character const& c) {
+    auto const isSpecial = [](char c) { return c == '"' || c == '\\'; };
+    return escaped(text, isSpecial, [](std::string& to, Character const& c) {
         if (c.point == '"' || c.point == '\\') {
             to += '\\';
             to += c.bytes;
@@ -93,7 +95,8 @@ std::string escapedForJson(std::string_view text) {
 }
 
 std::string printable(std::string_view text) {
-    return escaped(text, [](std::string& to, Character const& c) {
+    auto const isSpecial = [](char) { return false; };
+    return escaped(text, isSpecial, [](std::string& to, Character const& c) {
         to += c.isControl() || !c.valid ? std::string_view("?") : c.bytes;
     });
 }
