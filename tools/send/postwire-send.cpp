@@ -66,12 +66,6 @@ struct CommandLine {
     bool json = false;
 };
 
-// Tells its descriptor, which is connected from Open on.
-class ClientSocket : public TracedSocket {
-public:
-    int descriptor() const { return m_ioSocket; }
-};
-
 struct Answer {
     HTTPMessage message;
     HTTPMessage::StatusCode status{};
@@ -200,11 +194,11 @@ void readAnswer(CommandLine const& line, SoapSocket& socket, Answer& answer) {
 }
 
 void exchange(CommandLine& line, Answer& answer) {
-    ClientSocket socket;
+    TracedSocket socket;
     Trace const trace(socket, line.traceFile, answer.traceLost);
     socket.SetServerHostInfo(line.request.url.host.data());
     socket.Open(line.request.url.port);
-    limitSends(socket.descriptor(), line.timeLimit);
+    limitSends(socket.getDescriptor(), line.timeLimit);
     auto const begin = Deadline::Clock::now();
     std::optional<SoapSocketException> const failure = sendRequest(line, socket, answer);
     try {
