@@ -14,7 +14,7 @@ import sys
 import tempfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / 'programs'))
-from programs import Server  # noqa: E402
+import programs  # noqa: E402
 
 SOURCES = pathlib.Path(__file__).resolve().parents[2]
 PROGRAM = SOURCES / 'examples/read_request.cpp'
@@ -61,10 +61,11 @@ def check_pkg_config(prefix, compiler, program):
     assert run(program) == SAYS
 
 
-def check_programs(programs):
+def check_programs(folder):
     """Names are resolved by the module that stands beside the libraries."""
-    with Server(programs) as server:
-        run(programs / 'postwire-send', f'http://localhost:{server.port}/', '--body', PROGRAM,
+    programs.FOLDER = folder
+    with programs.Server() as server:
+        run(folder / 'postwire-send', f'http://localhost:{server.port}/', '--body', PROGRAM,
             env={name: value for name, value in os.environ.items() if name != 'QOR_MODULE_PATH'})
 
 
