@@ -229,10 +229,10 @@ HTTPHeader* HTTPHeaders::setHeader(char const* name, HTTPHeader* phdr) {
     QOR_ASSERT(phdr);
     if (!isRepeatable(name) && getHeader(name) == phdr) return phdr;
     HTTPHeader copy(*phdr);
-    return takeHeader(name, copy);
+    return moveHeader(name, copy);
 }
 
-HTTPHeader* HTTPHeaders::takeHeader(char const* name, HTTPHeader& header) {
+HTTPHeader* HTTPHeaders::moveHeader(char const* name, HTTPHeader& header) {
     QOR_ASSERT(name);
     header.parseBorrowed();
     HTTPHeader& stored = entryToSet(name)->second;
@@ -267,7 +267,7 @@ void HTTPHeaders::addLine(char const* name, char const* pvalue) {
     if (!hasEntry(name)) return m_lines.add(name, pvalue);
     HTTPHeader header;
     header.parse(pvalue);
-    takeHeader(name, header);
+    moveHeader(name, header);
 }
 
 bool HTTPHeaders::hasEntry(char const* name) const {
@@ -317,7 +317,7 @@ void HTTPHeaders::storeLines() {
     HTTPHeaders stored;
     for (HeaderLine const line : m_lines) {
         HTTPHeader header(line);
-        stored.takeHeader(line.bytes, header);
+        stored.moveHeader(line.bytes, header);
     }
     m_headers.merge(stored.m_headers);
     m_lines.release();
@@ -430,7 +430,7 @@ HTTPHeader* HTTPMessage::setHeader(char const* field, char const* pvalue) {
     QOR_ASSERT(pvalue);
     HTTPHeader header;
     header.parse(pvalue);
-    return m_headers.takeHeader(field, header);
+    return m_headers.moveHeader(field, header);
 }
 
 void HTTPMessage::reset() {

@@ -141,7 +141,7 @@ public:
 
     // As setHeader, but moves what the header holds instead of copying it, and leaves it empty,
     // unless it is the stored one.
-    HTTPHeader* takeHeader(char const* name, HTTPHeader& header);
+    HTTPHeader* moveHeader(char const* name, HTTPHeader& header);
 
     // The number of bytes that dump appends.
     std::size_t dumpSize();

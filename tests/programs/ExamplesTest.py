@@ -3,18 +3,13 @@
 
 usage: ExamplesTest.py PROGRAM_FOLDER [TEST...]
 """
-import pathlib
 import socket
 import struct
 import subprocess
-import sys
-import tempfile
-import unittest
 
 import programs
-from programs import chunked, multipart, request
+from programs import in_chunks, multipart, request
 
-FOLDER = pathlib.Path(sys.argv[1])
 PARTS = multipart('B', (['Content-Type: text/xml'], b'<soap/>'), ([], b'\0\r\n--A'))
 BARE = b'--B\r\n\r\n<soap/>\r\n--B\r\n\r\n\0\r\n--A\r\n--B--'  # as most SOAP stacks write it
 TYPE = 'Content-Type: multipart/related; boundary=B; type="text/xml"'
@@ -25,23 +20,19 @@ ANSWER = (
     b'2 parts for /svc\n\r\n--answer-part--\r\n')
 
 
-class Examples(unittest.TestCase):
+class Examples(programs.TestCase):
     def start(self, *command, pipe):
-        process = subprocess.Popen([FOLDER / command[0], *command[1:]], **{pipe: subprocess.PIPE})
+        process = subprocess.Popen([programs.FOLDER / command[0], *command[1:]],
+                                   **{pipe: subprocess.PIPE})
         self.addCleanup(process.__exit__, None, None, None)
         self.addCleanup(process.kill)
         return process, getattr(process, pipe)
-
-    def run_program(self, name, *arguments):
-        return subprocess.run([FOLDER / name, *arguments], capture_output=True,
-                              timeout=programs.TIMEOUT, check=True).stdout.decode()
 
     def test_soap_server_answers_with_an_attachment(self):
         _, errors = self.start('soap_server', pipe='stderr')
         port = int(errors.readline().split(b':')[2].rstrip(b'/\n'))
         self.enterContext(programs.Client(port))  # says nothing, and holds up nobody
-        for wire in request(PARTS, TYPE), request(BARE, TYPE), \
-                request(chunked(PARTS, 9), TYPE, 'Transfer-Encoding: chunked', length=False):
+        for wire in request(PARTS, TYPE), request(BARE, TYPE), in_chunks(PARTS, 9, TYPE):
             with programs.Client(port) as client:
                 client.send(wire)
                 status, head, body = client.answer()
@@ -63,36 +54,29 @@ class Examples(unittest.TestCase):
             (request(b'', 'Content-Length: 9', length=False), '400 '),
             (request(PARTS[:-9], TYPE), '400 '),
             (request(b'x', 'Transfer-Encoding: chunked', length=False), '400 '))
-        with tempfile.TemporaryDirectory() as folder:
-            files = [pathlib.Path(folder, str(i)) for i in range(len(cases))]
-            for file, (wire, _) in zip(files, cases):
-                file.write_bytes(wire)
-            lines = self.run_program('catch_ladder', *files).splitlines()
-        self.assertEqual(len(lines), len(cases))
-        for line, (wire, expected) in zip(lines, cases):
+        lines = self.run_program('catch_ladder', *(self.file(wire) for wire, _ in cases))
+        for line, (wire, expected) in zip(lines.stdout.splitlines(), cases, strict=True):
             self.assertTrue(line.startswith(expected), (wire, line))
 
     def test_client_and_server_of_the_writing_page(self):
-        empty = self.enterContext(tempfile.NamedTemporaryFile()).name
         _, output = self.start('answer_request', '0', '3', pipe='stdout')
         port = output.readline().decode().strip()
         for said in b'no HTTP\r\n', b'':  # neither one ends the server
-            with socket.create_connection(('127.0.0.1', int(port))) as client:
-                client.sendall(said)
-                client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
-                                  struct.pack('ii', not said, 0))
-        self.assertEqual(
-            self.run_program('post_with_attachments', '127.0.0.1', port, __file__, empty),
-            '200 OK\n0 bytes and 3 parts for /\n')
+            with programs.Client(int(port)) as client:
+                client.send(said)
+                client.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                                         struct.pack('ii', not said, 0))
+        self.assertEqual(self.run_program('post_with_attachments', '127.0.0.1', port, __file__,
+                                          self.file(b'')).stdout,
+                         '200 OK\n0 bytes and 3 parts for /\n')
 
     def test_a_failed_connection_is_reported(self):
         with socket.create_server(('127.0.0.1', 0)) as taken:
             port = str(taken.getsockname()[1])
-            busy = subprocess.run([FOLDER / 'answer_request', port], capture_output=True)
-        gone = subprocess.run([FOLDER / 'post_with_attachments', '127.0.0.1', port, __file__],
-                              capture_output=True)
+            busy = self.run_program('answer_request', port)
+        gone = self.run_program('post_with_attachments', '127.0.0.1', port, __file__)
         self.assertEqual((busy.returncode, gone.returncode), (1, 1))
 
 
 if __name__ == '__main__':
-    unittest.main(argv=sys.argv[:1] + sys.argv[2:])
+    programs.main()

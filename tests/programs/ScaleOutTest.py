@@ -6,28 +6,17 @@ usage: ScaleOutTest.py PROGRAM_FOLDER [TEST...]
 """
 import collections
 import contextlib
-import hashlib
 import http.client
-import pathlib
 import random
-import sys
-import tempfile
 import threading
-import unittest
-import xml.etree.ElementTree
 
 import peers
 import programs
-from programs import multipart
+from programs import multipart, sha256
 
-FOLDER = sys.argv[1]
 CLIENTS = 8
 # How many exchanges are to be acknowledged before something happens.
 SOME = 300
-
-
-def sha256(data):
-    return hashlib.sha256(data).hexdigest()
 
 
 class Load:
@@ -64,12 +53,8 @@ class Load:
         connection.close()
 
     def exchange(self, connection, parts, in_chunks):
-        if len(parts) == 1:
-            body, kind = parts[0], 'application/octet-stream'
-        else:
-            body = multipart('postwire-load', *(([], part) for part in parts))
-            kind = 'multipart/mixed; boundary=postwire-load'
-        fields = {'Content-Type': kind, **({'Transfer-Encoding': 'chunked'} if in_chunks else {})}
+        body = multipart('postwire-load', *(([], part) for part in parts))
+        fields = {'Content-Type': 'multipart/mixed; boundary=postwire-load'}
         try:
             connection.request('POST', '/load', iter([body[:9999], body[9999:]]) if in_chunks
                                else body, fields, encode_chunked=in_chunks)
@@ -84,8 +69,7 @@ class Load:
             digests = [sha256(part) for part in parts]
             self.acknowledged += digests
             self.served_by[answer.headers['X-Served-By']] += 1
-            if [e.get('sha256') for e in xml.etree.ElementTree.fromstring(text).iter()
-                    if e.get('sha256')] != digests:
+            if [part.get('sha256') for part in programs.receipt(text)[1]] != digests:
                 self.wrong.append(text)
             self.changed.notify_all()
             return True
@@ -98,29 +82,29 @@ class Load:
                 raise AssertionError(f'{self.served_by - before}, {self.failures} failures')
 
 
-class ScaleOut(unittest.TestCase):
-    def start(self, stack, name, port=0):
-        return stack.enter_context(programs.Server(
-            '--port', str(port), '--workers', '64', '--idle-timeout', '90', '--save',
-            pathlib.Path(self.saved, name)))
-
+class ScaleOut(programs.TestCase):
     def run_behind(self, proxy):
-        self.saved = self.enterContext(tempfile.TemporaryDirectory())
+        saved = self.folder()
+
+        def start(name, port=0):
+            return stack.enter_context(programs.Server(
+                '--port', str(port), '--workers', '64', '--idle-timeout', '90', '--save',
+                saved / name))
         with contextlib.ExitStack() as stack:
-            first, second = self.start(stack, 'first'), self.start(stack, 'second')
+            first, second = start('first'), start('second')
             port, _ = stack.enter_context(proxy(first.port, second.port))
             with Load(port) as load:
                 load.until(lambda served: len(served) == 2 and served.total() >= SOME)
                 first.kill()
                 load.until(lambda served: served.total() >= SOME)
-                again = self.start(stack, 'again', first.port)
+                again = start('again', first.port)
                 load.until(lambda served: len(served) == 2 and served.total() >= SOME)
             self.assertEqual(load.wrong, [])
             # Each of the clients had at most a few exchanges under way.
             self.assertLess(load.failures, 20 * CLIENTS)
             self.assertEqual((second.stop(), again.stop()), (0, 0))
             self.assertEqual(second.complaints + again.complaints, '')
-        kept = {sha256(file.read_bytes()) for file in pathlib.Path(self.saved).glob('*/*')}
+        kept = {sha256(file.read_bytes()) for file in saved.glob('*/*')}
         self.assertEqual([digest for digest in load.acknowledged if digest not in kept], [])
 
     def test_haproxy(self):
@@ -131,4 +115,4 @@ class ScaleOut(unittest.TestCase):
 
 
 if __name__ == '__main__':
-    unittest.main(argv=sys.argv[:1] + sys.argv[2:])
+    programs.main()

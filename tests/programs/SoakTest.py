@@ -6,18 +6,16 @@ usage: SoakTest.py PROGRAM_FOLDER [EXCHANGES]
 Prints memory and descriptors after each tenth. The first tenths fill what is kept for good, such as
 the buffers of the memory allocator; from then on nothing may grow.
 """
-import pathlib
+import concurrent.futures
 import random
 import socket
 import struct
 import sys
-import threading
 import time
 
 import programs
-from programs import chunked, multipart, request
+from programs import in_chunks, multipart, request
 
-FOLDER = sys.argv[1]
 EXCHANGES = int(sys.argv[2]) if len(sys.argv) > 2 else 2000
 CLIENTS = 4
 PHASES, WARM = 10, 3
@@ -46,15 +44,16 @@ def any_request(rng):
     if kind == 0:
         return request(parts(rng), TYPE, *fields)
     if kind == 1:
-        return request(chunked(body(rng), rng.choice((100, 1000, 100_000))), *fields,
-                       'Transfer-Encoding: chunked', length=False)
+        return in_chunks(body(rng), rng.choice((100, 1000, 100_000)), *fields)
     return request(body(rng), *fields)
 
 
-def expect(client, *statuses):
+def expect(client, *statuses, ends=False):
     for status in statuses:
         got = client.answer()[0]
         assert got == status, f'{got} instead of {status}'
+    assert not ends or client.at_end()
+    return len(statuses)
 
 
 # Each gives the number of exchanges that it was.
@@ -67,37 +66,31 @@ def in_turn(client, rng):
 
 
 def without_waiting(client, rng):
-    data = b''.join(request(body(rng)[:1000]) for _ in range(10))
-    client.send(data)
-    expect(client, *[200] * 10)
-    return 10
+    client.send(b''.join(request(body(rng)[:1000]) for _ in range(10)))
+    return expect(client, *[200] * 10)
 
 
 def old(client, rng):
     client.send(request(body(rng), version='1.0'))
-    expect(client, 200)
-    assert client.at_end()
-    return 1
+    return expect(client, 200, ends=True)
 
 
 def half_closed(client, rng):
     client.send(any_request(rng))
     client.end()
-    expect(client, 200)
-    assert client.at_end()
-    return 1
+    return expect(client, 200, ends=True)
 
 
 def refused(client, rng):
     data, status = rng.choice((
-        (b'GET / HTTP/1.1\r\n\r\n', 405), (b'POST / HTTP/1.1\r\nContent-Length: -1\r\n\r\n', 400),
+        (b'GET / HTTP/1.1\r\nHost: h\r\n\r\n', 405),
+        (request(b'', 'Content-Length: -1', length=False), 400),
         (request(parts(rng)[:-4], TYPE), 400),
         (request(b'zz\r\n', 'Transfer-Encoding: chunked', length=False), 400),
-        (b'POST / HTTP/1.1\r\nHost:\r\nContent-Length: 20000001\r\n\r\n', 413),
-        (b'POST / HTTP/1.1\r\n' + b''.join(b'X%d: x\r\n' % i for i in range(101)) + b'\r\n', 431)))
+        (request(b'', 'Content-Length: 20000001', length=False), 413),
+        (request(b'', *(f'X{i}: x' for i in range(101))), 431)))
     client.send(data)
-    expect(client, status)
-    return 1
+    return expect(client, status)
 
 
 def aborted(client, rng):
@@ -117,41 +110,21 @@ KINDS = (in_turn,) * 8 + (without_waiting,) * 2 + (old, half_closed, refused, re
                                                    aborted, answer_not_taken)
 
 
-class Phase:
-    """Clients that go on until their exchanges together are enough."""
-
-    def __init__(self, servers, exchanges, number):
-        self.servers, self.left, self.done, self.error = servers, exchanges, 0, None
-        self.lock = threading.Lock()
-        # A short run, too, sees enough of them before it begins to compare.
-        share = max(0.002, min(0.05, 50 / exchanges)) if number <= WARM else 0.002
-        clients = [threading.Thread(target=self.work, args=(f'{number} {i}', share))
-                   for i in range(CLIENTS)]
-        for client in clients:
-            client.start()
-        for client in clients:
-            client.join()
-        if self.error:
-            raise self.error
-
-    def work(self, seed, share_of_large):
-        rng = random.Random(seed)
-        rng.share_of_large = share_of_large
+def work(servers, seed, share_of_large, enough):
+    """One client's exchanges; their number."""
+    rng, done = random.Random(seed), 0
+    rng.share_of_large = share_of_large
+    while done < enough:
+        kind = rng.choice(KINDS)
         try:
-            while self.done < self.left and not self.error:
-                kind = rng.choice(KINDS)
-                try:
-                    with rng.choice(self.servers).connect() as client:
-                        exchanges = kind(client, rng)
-                except (ConnectionError, EOFError):
-                    # A server that refuses a client may do so while that still sends.
-                    if kind not in (refused, answer_not_taken):
-                        raise
-                    exchanges = 1
-                with self.lock:
-                    self.done += exchanges
-        except Exception as error:
-            self.error = error
+            with rng.choice(servers).connect() as client:
+                done += kind(client, rng)
+        except (ConnectionError, EOFError):
+            # A server that refuses a client may do so while that still sends.
+            if kind not in (refused, answer_not_taken):
+                raise
+            done += 1
+    return done
 
 
 def settled(server, descriptors):
@@ -162,35 +135,32 @@ def settled(server, descriptors):
     return server.descriptors()
 
 
-def keeps_freed_memory():
-    """Whether this is a build with AddressSanitizer, which looks for leaks itself at the end."""
-    return b'__asan_init' in pathlib.Path(FOLDER, 'postwire-serve').read_bytes()
-
-
 def main():
-    exchanges, grown = 0, []
-    with programs.Server(*SERVERS[0]) as receipts, \
-            programs.Server(*SERVERS[1]) as echoes:
+    exchanges, grown, memory = 0, set(), []
+    with programs.Server(*SERVERS[0]) as receipts, programs.Server(*SERVERS[1]) as echoes, \
+            concurrent.futures.ThreadPoolExecutor(CLIENTS) as clients:
         servers = receipts, echoes
         before = [server.descriptors() for server in servers]
-        memory = []
         print('           ' + ''.join(f'{name:>26}' for name in ('receipts', 'echoes')))
         print(' exchanges ' + '   memory KiB  descriptors' * 2)
-        for phase in range(PHASES + 1):
-            if phase > 0:
-                exchanges += Phase(servers, EXCHANGES // PHASES, phase).done
+        for phase in range(1, PHASES + 1):
+            # A short run, too, sees enough large ones before it begins to compare.
+            share = max(0.002, min(0.05, 50 * PHASES / EXCHANGES)) if phase <= WARM else 0.002
+            exchanges += sum(clients.map(lambda i: work(
+                servers, f'{phase} {i}', share, EXCHANGES / PHASES / CLIENTS), range(CLIENTS)))
             descriptors = [settled(server, n) for server, n in zip(servers, before)]
             memory.append([server.resident() for server in servers])
             print(f'{exchanges:10} ' + ''.join(f'{m:13}{d:13}' for m, d in
                                                zip(memory[-1], descriptors)), flush=True)
             if descriptors != before:
-                grown.append('descriptors')
-        highest = [max(values) for values in zip(*memory[1:WARM + 1])]
-        if any(now > most + GROWTH for now, most in zip(memory[-1], highest)) and \
-                not keeps_freed_memory():
-            grown.append('memory')
+                grown.add('descriptors')
+        highest = [max(values) for values in zip(*memory[:WARM])]
+        # AddressSanitizer keeps what was freed, and looks for leaks itself at the end.
+        keeps = b'__asan_init' in (programs.FOLDER / 'postwire-serve').read_bytes()
+        if any(now > most + GROWTH for now, most in zip(memory[-1], highest)) and not keeps:
+            grown.add('memory')
     if grown:
-        sys.exit(f'grown: {", ".join(sorted(set(grown)))}')
+        sys.exit(f'grown: {", ".join(sorted(grown))}')
 
 
 if __name__ == '__main__':

@@ -17,7 +17,6 @@ import termios
 
 import programs
 
-FOLDER = pathlib.Path(sys.argv[1])
 SIZE = int(sys.argv[2] if len(sys.argv) > 2 else 256) << 20
 HEAD = programs.request(b'', 'Content-Type: multipart/related; boundary=B',
                         'Transfer-Encoding: chunked', length=False)
@@ -28,16 +27,6 @@ LIMIT = 4096  # KiB above the idle process
 
 def chunk(data):
     return b'%x\r\n%b\r\n' % (len(data), data)
-
-
-def blocks():
-    """SIZE bytes, in blocks of all sizes."""
-    source = random.Random(3)
-    data, left = source.randbytes(1 << 20), SIZE
-    while left > 0:
-        size = min(left, source.randint(1, len(data)))
-        yield data[:size]
-        left -= size
 
 
 def peak(process):
@@ -51,17 +40,20 @@ def peak(process):
 
 
 def main(folder):
-    with subprocess.Popen([FOLDER / 'stream_to_disk', folder], stdin=subprocess.PIPE,
-                          stdout=subprocess.PIPE, bufsize=0) as process:
+    rng = random.Random(3)
+    data, left, sent = rng.randbytes(1 << 20), SIZE, hashlib.sha256()
+    with subprocess.Popen([programs.FOLDER / 'stream_to_disk', folder], stdin=subprocess.PIPE,
+                          stdout=subprocess.PIPE) as process:
         def write(data):
-            while data:
-                data = data[process.stdin.write(data):]
+            process.stdin.write(data)
+            process.stdin.flush()
 
         write(HEAD)
         idle = peak(process)
         write(chunk(ENVELOPE) + chunk(ATTACHMENT))
-        sent = hashlib.sha256()
-        for block in blocks():
+        while left > 0:  # blocks of all sizes
+            block = data[:min(left, rng.randint(1, len(data)))]
+            left -= len(block)
             sent.update(block)
             write(chunk(chunk(block)))  # the part's own chunks, within those of the message
         write(chunk(b'0\r\n\r\n\r\n--B--\r\n'))

@@ -60,37 +60,31 @@ void* allocate(std::size_t size) {
     return block;
 }
 
-// Armed while it lives.
-class Arming {
-public:
-    Arming(int failAt, bool onwards) {
-        t_faults = Faults{};
-        t_faults.failAt = failAt;
-        t_faults.onwards = onwards;
-        t_faults.armed = true;
-    }
-    ~Arming() { end(); }
-    Faults end() {
-        t_faults.armed = false;
-        return t_faults;
-    }
-    Arming(Arming const&) = delete;
-    Arming& operator=(Arming const&) = delete;
-};
+// What the body's allocations were, those that failed included.
+template <class Body>
+Faults watched(Body const& body, int failAt = 0, bool onwards = false) {
+    struct Disarming {
+        ~Disarming() { t_faults.armed = false; }
+    } const disarming;
+    t_faults = {true, failAt, onwards, 0, 0, 0};
+    body();
+    return t_faults;
+}
 
-// One run; the calls it made, the failing ones included.
+// One run; the calls it made.
 int callsWithFailure(std::function<void()> const& body, int failAt, bool onwards) {
     SCOPED_TRACE("allocation " + std::to_string(failAt) + (onwards ? " and all later" : ""));
     bool outOfMemory = false;
-    Arming arming(failAt, onwards);  // to the end of the exception's life
-    try {
-        body();
-    } catch (QOROutOfMemoryError const&) {
-        outOfMemory = true;
-    } catch (std::bad_alloc const&) {
-        outOfMemory = true;
-    }
-    Faults const seen = arming.end();
+    auto const run = [&] {
+        try {
+            body();
+        } catch (QOROutOfMemoryError const&) {
+            outOfMemory = true;
+        } catch (std::bad_alloc const&) {
+            outOfMemory = true;
+        }
+    };
+    Faults const seen = watched(run, failAt, onwards);
     EXPECT_EQ(0, seen.bytes) << "left behind";
     EXPECT_TRUE(!outOfMemory || seen.calls >= failAt) << "raised, though no allocation failed";
     return seen.calls;
@@ -108,17 +102,8 @@ int forEachFailingAllocation(std::function<void()> const& body) {
     return allocations;
 }
 
-int allocationsOf(std::function<void()> const& body) {
-    Arming const arming(0, false);
-    body();
-    return t_faults.calls;
-}
-
-long peakHeapOf(std::function<void()> const& body) {
-    Arming const arming(0, false);
-    body();
-    return t_faults.peak;
-}
+int allocationsOf(std::function<void()> const& body) { return watched(body).calls; }
+long peakHeapOf(std::function<void()> const& body) { return watched(body).peak; }
 
 AllocationPause::AllocationPause() : m_armed(std::exchange(t_faults.armed, false)) {}
 AllocationPause::~AllocationPause() { t_faults.armed = m_armed; }

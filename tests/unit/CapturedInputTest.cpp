@@ -62,7 +62,7 @@ TEST_ROWS(CapturedInput, HasItsTreeAtEveryReadSizeAndAgainFromWhatDumpWrites, "c
         QORByteBuffer bytes(256, 256);
         bytes << "POST / HTTP/1.1\r\n";
         connection.message.dump(bytes, 125 * (step % 9));
-        ReaderConnection again(std::string(bytes.str(), bytes.pcount()), step);
+        ReaderConnection again(std::string(bytes.str(), bytes.pcount()));
         again.request();
         EXPECT_EQ(treeText(again.message), treeText(connection.message));
     });

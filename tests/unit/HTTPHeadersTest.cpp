@@ -25,7 +25,7 @@ TEST(HTTPHeaders, GiveTheFirstOfEqualEntries) {
     HTTPHeader* const host = headers.setHeader("Host", &header);
     char const* const text = host->getValue();
     EXPECT_EQ(0, allocationsOf([&] { EXPECT_EQ(host, headers.setHeader("HOST", host)); }));
-    EXPECT_EQ(0, allocationsOf([&] { *host = *headers.takeHeader("host", *host); }));
+    EXPECT_EQ(0, allocationsOf([&] { *host = *headers.moveHeader("host", *host); }));
     EXPECT_EQ(text, host->getValue());
     EXPECT_EQ(0, allocationsOf([&] { headers.getHeader("a-name-of-more-than-15-letters"); }));
 }

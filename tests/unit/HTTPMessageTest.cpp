@@ -105,7 +105,7 @@ struct Model : HTTPMOMMsgHandler {
         if (call.is("clear")) headers.reset();
         if (call.is("store")) headers.setHeader(a, &value);
         if (call.is("storenone")) headers.setHeader(a, nullptr);
-        if (call.is("take")) headers.takeHeader(a, value);
+        if (call.is("take")) headers.moveHeader(a, value);
         if (call.is("remove")) headers.removeHeader(a);
         if (call.is("find")) write(headers.getHeader(a));
         if (call.is("lines")) write(&headers);

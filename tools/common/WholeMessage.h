@@ -13,11 +13,11 @@ public:
 
     void setField(char const* name, char const* value) {
         HTTPHeader text(value);
-        this->headers.takeHeader(name, text);
+        this->headers.moveHeader(name, text);
     }
 
     // Leaves the field given empty.
-    void takeField(char const* name, HTTPHeader& value) { this->headers.takeHeader(name, value); }
+    void takeField(char const* name, HTTPHeader& value) { this->headers.moveHeader(name, value); }
 };
 
 using WholeOnePiece = WholeMessage<OnePieceHttpMsg>;
