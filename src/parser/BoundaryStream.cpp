@@ -106,6 +106,8 @@ bool Delimiter::mayBeWithin(ZULBufferedInputStream& is, int n) const {
     char const* const bytes = is.peek(have);
     if (have < n) return true;
     char const* const end = bytes + n;
+    // Its CRLF may be the end of them.
+    if (n > 0 && (end[-1] == '\r' || end[-1] == '\n')) return true;
     if (beginsWith(bytes, end, separator())) return true;
     for (char const* at = bytes; at != end; ++at) {
         void const* const lf = std::memchr(at, '\n', static_cast<std::size_t>(end - at));
