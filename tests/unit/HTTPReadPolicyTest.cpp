@@ -168,6 +168,7 @@ TEST_ROWS(HTTPReadPolicy, TellsOfTheConnectionWithAndWithoutIt, "policy_connecti
                 ++waiting.asked;
             },
             &peer);
+        EXPECT_FALSE(reader.keepAlive()) << "nothing was read";
         HTTPMessage message;
         HTTPMessage::StatusCode status;
         std::string text;
@@ -190,6 +191,7 @@ public:
     using EventLog::content;
     void content(ZULInputStream& is) override {
         QORByteBuffer bytes(0, 1);
+        EXPECT_EQ(2001, raisedCode([&] { is.read(bytes, -1); }));
         auto const readOn = [&] {
             while (is.read(bytes, INT_MAX) > 0) {
             }
@@ -201,6 +203,15 @@ public:
 };
 
 }  // namespace
+
+TEST(HTTPReadPolicy, HardenedHasTheLimitsThatAreTold) {
+    HTTPReadPolicy const p = HTTPReadPolicy::hardened();
+    std::vector<long long> const limits = {
+        p.maxLine,     p.maxHead, p.maxHeaders,      p.maxParts,
+        p.maxPartHead, p.maxBody, p.maxChunkFraming, p.maxChunkFramingRatio};
+    EXPECT_EQ((std::vector<long long>{16384, 65536, 100, 1000, 16384, 64 << 20, 65536, 16}),
+              limits);
+}
 
 TEST(HTTPReadPolicy, TakesMemoryForPartsInProportionToWhatCame) {
     std::string body;
