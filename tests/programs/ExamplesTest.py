@@ -1,8 +1,5 @@
 #!/usr/bin/env python3
-"""The examples that the documents show do what is said there.
-
-usage: ExamplesTest.py PROGRAM_FOLDER [TEST...]
-"""
+"""The examples that the documents show do what is said there."""
 import socket
 import struct
 import subprocess

@@ -1,8 +1,5 @@
 #!/usr/bin/env python3
-"""The programs among clients, proxies and servers of other makers.
-
-usage: RealPeersTest.py PROGRAM_FOLDER [TEST...]
-"""
+"""The programs among clients, proxies and servers of other makers."""
 import concurrent.futures
 import contextlib
 import pathlib
@@ -146,9 +143,8 @@ def hostile_messages():
         elif 'chunks' in row:
             yield start + b'Transfer-Encoding: chunked\r\n\r\n' + row['chunks']
         elif 'body' in row:
-            for framed in request(row['body'], Fronted.TYPE), in_chunks(row['body'], 1000,
-                                                                        Fronted.TYPE):
-                yield framed
+            yield request(row['body'], Fronted.TYPE)
+            yield in_chunks(row['body'], 1000, Fronted.TYPE)
 
 
 class Fronted(programs.TestCase):
@@ -169,7 +165,7 @@ class Fronted(programs.TestCase):
                 client.until(lambda _: False)
         logs, traces = self.folder(), self.folder()
         with programs.Server('--trace', traces, *options) as server, \
-                proxy(server.port, logs / 'log') as (port, _), \
+                proxy(server.port, log=logs / 'log') as (port, _), \
                 concurrent.futures.ThreadPoolExecutor(8) as threads:
             list(threads.map(say, messages))
         passed = sum(len(re.findall(r'^passed to (?!<|-)', file.read_text(), re.M))
@@ -192,10 +188,10 @@ class Fronted(programs.TestCase):
         self.assertLessEqual(answered, passed)
 
     def test_haproxy(self):
-        self.sees_what_is_passed_on(peers.logging_haproxy)
+        self.sees_what_is_passed_on(peers.haproxy)
 
     def test_nginx(self):
-        self.sees_what_is_passed_on(peers.logging_nginx)
+        self.sees_what_is_passed_on(peers.nginx)
 
 
 class Servers(Sending):

@@ -1,9 +1,6 @@
 #!/usr/bin/env python3
 """Two servers behind a proxy, under load, one of them killed and started again: what was
-acknowledged is intact. The proxies' configurations are those that docs/scale-out.md shows.
-
-usage: ScaleOutTest.py PROGRAM_FOLDER [TEST...]
-"""
+acknowledged is intact. The proxies' configurations are those that docs/scale-out.md shows."""
 import collections
 import contextlib
 import http.client

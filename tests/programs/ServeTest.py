@@ -1,8 +1,5 @@
 #!/usr/bin/env python3
-"""postwire-serve before clients of all kinds: usual ones, old ones, slow ones, hostile ones.
-
-usage: ServeTest.py PROGRAM_FOLDER [TEST...]
-"""
+"""postwire-serve before clients of all kinds: usual ones, old ones, slow ones, hostile ones."""
 import contextlib
 import ctypes
 import os
@@ -10,14 +7,14 @@ import pathlib
 import random
 import re
 import resource
-import signal
 import socket
+import string
 import struct
 import subprocess
 import threading
 
 import programs
-from programs import chunked, in_chunks, multipart, receipt, request, sha256
+from programs import multipart, receipt, request, sha256
 
 LARGE = random.Random(1).randbytes(3_000_000)
 NESTED = multipart('in', (['Content-ID: <deep>'], b'deep \0 --i\r'), (['X-Two: 2'], b''))
@@ -53,7 +50,8 @@ class Answers(programs.TestCase):
                             client.send(data[at:at + step])
                         client.end()
                     got = list(self.answers(client))
-                    self.assertEqual([answer[:len(e)] for answer, e in zip(got, expected)], expected)
+                    begin = [answer[:len(e)] for answer, e in zip(got, expected)]
+                    self.assertEqual(begin, expected)
                     self.assertEqual(len(got), len(expected), got)
 
     def answers(self, client):
@@ -351,18 +349,14 @@ class Saves(programs.TestCase):
         self.assertEqual(server.complaints.count(f'a trace in {traces} could not be written'), 1)
 
 
-class Program(programs.TestCase):
-    def test_exit_codes(self):
-        file, port = self.file(b''), str(self.server().port)
-        for options, code in ((['--help'], 0), (['--version'], 0), (['--port', '65536'], 2),
-                              (['--idle-timeout', 'nan'], 2), (['--request-timeout', 'nan'], 2),
-                              (['--chunked', '10'], 2), (['--nonsense'], 2), (['x'], 2),
-                              (['--save', file], 3), (['--answer', '/none'], 3),
-                              (['--answer', f'{file};"x"'], 2), (['--answer', file, '--echo'], 2),
-                              (['--trace', file], 3), (['--port', port, '--workers', '1'], 4)):
-            with self.subTest(options=options):
-                self.assertEqual(self.run_program('postwire-serve', *options).returncode, code)
+@programs.row_tests('serve_options.txt')
+class Options(programs.TestCase):
+    def check(self, code, options):
+        words = string.Template(options).substitute(file=self.file(b''), port=self.server().port)
+        self.assertEqual(self.run_program('postwire-serve', *words.split()).returncode, int(code))
 
+
+class Program(programs.TestCase):
     def test_says_nothing_of_listening_where_its_workers_cannot_run(self):
         # Of the size that a thread's stack is to have there is none.
         bits = 32 if (programs.FOLDER / 'postwire-serve').read_bytes()[4] == 1 else 64
@@ -372,8 +366,8 @@ class Program(programs.TestCase):
         self.assertEqual((done.returncode, done.stdout), (1, ''))
 
     def test_sends_no_client_what_it_prints_when_its_streams_are_closed(self):
-        with subprocess.Popen(['sh', '-c', 'exec "$0" <&- 2>&-', programs.FOLDER / 'postwire-serve'],
-                              stdout=subprocess.PIPE) as process:
+        command = 'sh', '-c', 'exec "$0" <&- 2>&-', programs.FOLDER / 'postwire-serve'
+        with subprocess.Popen(command, stdout=subprocess.PIPE) as process:
             process.stdout.readline()
             self.assertEqual({os.readlink(f'/proc/{process.pid}/fd/{n}') for n in (0, 2)},
                              {'/dev/null'})

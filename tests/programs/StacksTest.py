@@ -1,8 +1,6 @@
 #!/usr/bin/env python3
 """The server among MIME and SOAP libraries of other makers, each as writer and as reader.
 
-usage: StacksTest.py PROGRAM_FOLDER [TEST...]
-
 What a library writes must come out of the server's receipt; what the server's writer makes of it,
 as an echo, must come out of the library's reader.
 """
@@ -117,7 +115,8 @@ class Zeep(Stacks):
     def test_asks_and_reads_plain_and_multipart_answers(self):
         self.assertEqual(self.ask(TOLD, 'text/xml; charset=utf-8'), 'hello')
         told = self.ask(RELATED, 'multipart/related; type=text/xml; boundary=uuid-1')
-        self.assertEqual((told.root, [a.content for a in told.attachments]), ('hello', [b'attached']))
+        self.assertEqual((told.root, [a.content for a in told.attachments]),
+                         ('hello', [b'attached']))
 
 
 if __name__ == '__main__':

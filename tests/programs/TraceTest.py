@@ -1,8 +1,5 @@
 #!/usr/bin/env python3
-"""postwire-trace: what it prints and writes of a trace, and what it says of files that are none.
-
-usage: TraceTest.py PROGRAM_FOLDER [TEST...]
-"""
+"""postwire-trace: what it prints and writes of a trace, and what it says of files that are none."""
 import subprocess
 
 import programs
@@ -28,7 +25,8 @@ EXCHANGE = trace(('read', REQUEST), ('write', RESPONSE), ('read', REQUEST[:50]),
 
 class Trace(programs.TestCase):
     def run_on(self, content, command, *arguments, **options):
-        return self.run_program('postwire-trace', command, self.file(content), *arguments, **options)
+        return self.run_program('postwire-trace', command, self.file(content), *arguments,
+                                **options)
 
     def test_show_prints_the_messages_in_their_order(self):
         shown = self.run_on(EXCHANGE, 'show')
@@ -52,14 +50,16 @@ class Trace(programs.TestCase):
             line for number, head in enumerate(heads, 1)
             for line in (f'<- message {number}: request, {len(head)} bytes in 1 receive',
                          '    POST /a HTTP/1.1', '    Content-Length: 0')])
-        shown = self.run_on(trace(('write', b'HTTP/1.1 100 x\n\nHTTP/1.1 204 y\nA: b\n\r\n')), 'show')
+        responses = b'HTTP/1.1 100 x\n\nHTTP/1.1 204 y\nA: b\n\r\n'
+        shown = self.run_on(trace(('write', responses)), 'show')
         self.assertEqual(shown.stdout, '-> message 1: response, 16 bytes in 1 send\n'
                          '    HTTP/1.1 100 x\n-> message 2: response, 22 bytes in 1 send\n'
                          '    HTTP/1.1 204 y\n    A: b\n')
 
     def test_nothing_of_a_peer_can_steer_the_terminal(self):
         odd = b'\xc2\x9b\x1b\x9b\xc3\xa4'
-        data = b'POST /%b HTTP/1.1\r\nContent-Type: %b\r\nContent-Length: 6\r\n\r\n%b' % (odd, odd, odd)
+        data = (b'POST /%b HTTP/1.1\r\nContent-Type: %b\r\nContent-Length: 6\r\n\r\n%b'
+                % (odd, odd, odd))
         shown = self.run_on(trace(('read', data)), 'show').stdout
         self.assertEqual(shown.splitlines()[1:], [
             '    POST /???\xe4 HTTP/1.1', '    Content-Type: ???\xe4', '    Content-Length: 6',

@@ -62,25 +62,19 @@ def documented(name, backs):
     return text
 
 
-def haproxy(*backs):
-    return peer(HAPROXY, documented('haproxy.cfg', backs))
+def haproxy(*backs, log=None):
+    """Prints into the log, where there is one, a line for each request passed on; so does nginx."""
+    text = documented('haproxy.cfg', backs)
+    if log:
+        text = text.replace('mode http\n', 'mode http\n    log stdout format raw daemon\n'
+                            '    log-format "passed to %s"\n')
+    return peer(HAPROXY, text, log)
 
 
-def nginx(*backs):
-    return peer(NGINX, documented('nginx.conf', backs))
-
-
-# The same, but for one server behind them and printing each request that they pass on to it.
-
-def logging_haproxy(back, log):
-    return peer(HAPROXY, documented('haproxy.cfg', [back]).replace(
-        'mode http\n', 'mode http\n    log stdout format raw daemon\n    log-format "passed to %s"\n'),
-        log)
-
-
-def logging_nginx(back, log):
-    return peer(NGINX, documented('nginx.conf', [back]).replace(
-        'access_log off;',
+def nginx(*backs, log=None):
+    text = documented('nginx.conf', backs)
+    if log:
         # A connection that it refuses would else stay for 5 seconds.
-        'lingering_timeout 100ms; log_format passed "passed to $upstream_addr"; '
-        f'access_log {log}.requests passed;'), log)
+        text = text.replace('access_log off;', 'lingering_timeout 100ms; log_format passed '
+                            f'"passed to $upstream_addr"; access_log {log}.requests passed;')
+    return peer(NGINX, text, log)
