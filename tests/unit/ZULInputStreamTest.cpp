@@ -55,6 +55,8 @@ struct Streams {
         if (call.is("chunked")) made.push_back(std::make_unique<ZULChunkedInputStream>(*buffered));
         if (call.is("copy")) made.push_back(std::make_unique<ZULBufferedInputStream>(*buffered));
         if (call.is("detach")) dynamic_cast<ZULFilterInputStream&>(in).detach();
+        if (call.is("maxframing"))
+            dynamic_cast<ZULChunkedInputStream&>(in).setMaxFraming(n, std::atoi(call.rest()));
         if (call.is("read")) sayRead(in.read(memory, n), memory);
         if (call.is("readfully")) sayRead(in.readFully(memory, n), memory);
         if (call.is("tobuffer")) sayBuffer(in.read(buf, n));
