@@ -99,7 +99,7 @@ TEST(HTTPParser, ReadsEachStepByThePolicyLastSetWithLimitsOfItsOwn) {
               HTTPPolicyException::HTTP_ERR_CONTROL_CHARACTER);
 }
 
-TEST(HTTPParser, ReadsAHeaderBlockABodyAndALineOnTheirOwn) {
+TEST(HTTPParser, ReadsAHeaderBlockABodyAndLinesOnTheirOwn) {
     EventLog log;
     Parsing p("A: 1\r\nContent-Length: 2\r\n\r\nabc", &log);
     p.parser.processHeaders(&p.stream);
@@ -107,6 +107,10 @@ TEST(HTTPParser, ReadsAHeaderBlockABodyAndALineOnTheirOwn) {
     QORByteBuffer line(16, 16);
     line << "B: 2";
     p.parser.processHeader(line);
-    EXPECT_EQ(log.text(), "[a: 1][content-length: 2][content 2]ab[b: 2]");
     EXPECT_STREQ(line.str(), "B: 2");
+    line.reset();
+    line << "HTTP/1.1 200 OK";
+    p.parser.validateResponseLine(line);
+    EXPECT_EQ(log.text(), "[a: 1][content-length: 2][content 2]ab[b: 2][status 200][reason OK]");
+    EXPECT_STREQ(line.str(), "HTTP/1.1 200 OK");
 }
