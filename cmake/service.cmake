@@ -2,3 +2,4 @@
 # other one does not know.
 postwire_add_library(postwire-service postwire-service.map src/service/*.cpp)
 target_link_libraries(postwire-service PUBLIC postwire)
+list(REMOVE_ITEM POSTWIRE_LIBRARIES postwire-service)  # not installed yet

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <random>
 
 #include <poll.h>
 
@@ -67,6 +68,25 @@ bool isOurs(std::string_view name) {
                        [name](char const* ours) { return equalsInAnyCase(name, ours); });
 }
 
+// In pieces whose length a node can take.
+void writeTo(OnePieceHttpMsg& node, std::string_view bytes) {
+    constexpr std::size_t kPiece = 1 << 20;
+    for (; !bytes.empty(); bytes.remove_prefix(std::min(kPiece, bytes.size())))
+        node.write(bytes.data(), static_cast<int>(std::min(kPiece, bytes.size())));
+}
+
+// From random bits, so that no one who wrote a part could know it.
+std::string randomBoundary() {
+    std::random_device random;
+    std::string text = "part-";
+    char digits[9];
+    for (int i = 0; i < 4; ++i) {
+        std::snprintf(digits, sizeof digits, "%08x", random());
+        text += digits;
+    }
+    return text;
+}
+
 void requireText(std::string_view text) {
     constexpr std::string_view kLineBreakers("\r\n\0", 3);
     if (text.find_first_of(kLineBreakers) != std::string_view::npos)
@@ -84,7 +104,11 @@ void Answer::begin(Connection& connection, int minorVersion) {
     m_held.clear();
     m_sent = 0;
     m_given = m_left = false;
-    m_deadline = Clock::time_point::max();
+    m_onePiece.reset();
+    m_multipart.reset();
+    m_status = 0;
+    m_waitsSince = {};
+    m_taken = 0;
 }
 
 void Answer::setHeader(std::string_view name, std::string_view text) {
@@ -94,17 +118,75 @@ void Answer::setHeader(std::string_view name, std::string_view text) {
 }
 
 void Answer::send(int status, std::string_view type, std::string_view body) {
-    if (m_given) raiseUsage("the request has been answered already");
-    if (status < 200 || status > 599) raiseUsage("not the status of an answer");
-    requireText(type);
-    m_given = true;
+    begin(status, type);
     writeHead(status, type, body.size());
     put(body.data(), body.size());
 }
 
+void Answer::begin(int status, std::string_view type) {
+    if (m_given) raiseUsage("the request has been answered already");
+    if (status < 200 || status > 599) raiseUsage("not the status of an answer");
+    requireText(type);
+    m_given = true;
+    m_status = status;
+}
+
+OnePieceHttpMsg& Answer::onePiece(int status, std::string_view type, int chunkSize) {
+    begin(status, type);
+    m_onePiece = std::make_unique<OnePieceHttpMsg>(*this, chunkSizeFor(chunkSize));
+    startNode(*m_onePiece, status);
+    if (!type.empty()) m_onePiece->setHeader("Content-Type", std::string(type).c_str());
+    return *m_onePiece;
+}
+
+MultipartHttpMsg& Answer::multipart(int status, int chunkSize) {
+    begin(status, {});
+    m_multipart = std::make_unique<MultipartHttpMsg>(*this, chunkSizeFor(chunkSize),
+                                                     randomBoundary().c_str());
+    startNode(*m_multipart, status);
+    return *m_multipart;
+}
+
+void Answer::addPart(std::string_view type, std::string_view id, std::string_view bytes) {
+    if (!m_multipart) raiseUsage("no multipart answer has been begun");
+    requireText(type);
+    requireText(id);
+    OnePieceHttpMsg* const part = m_multipart->addOnePiece(0);
+    part->reset();
+    if (!type.empty()) part->setHeader("Content-Type", std::string(type).c_str());
+    if (!id.empty()) part->setHeader("Content-ID", std::string(id).c_str());
+    writeTo(*part, bytes);
+    m_multipart->endPart(part);
+}
+
+// HTTP/1.0 knows no chunks.
+int Answer::chunkSizeFor(int asked) const {
+    if (asked < 0) raiseUsage("a chunk size is negative");
+    return m_minorVersion == 0 ? 0 : asked;
+}
+
+void Answer::startNode(HttpMsgNode& node, int status) {
+    node.startResponse(status, reasonOf(status));
+    node.setHeader("Date", date());
+    if (m_connection->closing)
+        node.setHeader("Connection", "close");
+    else if (m_minorVersion == 0)
+        node.setHeader("Connection", "keep-alive");
+    for (std::size_t at = 0; at < m_fields.size();) {
+        std::size_t const colon = m_fields.find(':', at);
+        std::size_t const end = m_fields.find('\r', colon);
+        node.setHeader(m_fields.substr(at, colon - at).c_str(),
+                       m_fields.substr(colon + 2, end - colon - 2).c_str());
+        at = end + 2;
+    }
+}
+
 void Answer::refuse(Refusal const& refusal) {
+    m_onePiece.reset();
+    m_multipart.reset();
     m_held.clear();
     m_sent = 0;
+    m_status = refusal.status;
     m_fields = refusal.status == 405 ? "Allow: POST\r\n" : "";
     m_given = true;
     std::string const text = refusal.text + "\n";
@@ -117,7 +199,7 @@ void Answer::writeHead(int status, std::string_view type, std::size_t length) {
     char line[96];
     int n = std::snprintf(line, sizeof line, "HTTP/1.1 %d %s\r\n", status, reasonOf(status));
     m_held.append(line, static_cast<std::size_t>(n));
-    appendDate();
+    m_held.append("Date: ").append(date()).append("\r\n");
     if (m_connection->closing)
         m_held += "Connection: close\r\n";
     else if (m_minorVersion == 0)
@@ -131,7 +213,7 @@ void Answer::writeHead(int status, std::string_view type, std::size_t length) {
 }
 
 // RFC 9110 section 5.6.7; made anew once a second.
-void Answer::appendDate() {
+char const* Answer::date() {
     static constexpr char const* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
     static constexpr char const* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                               "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
@@ -147,7 +229,7 @@ void Answer::appendDate() {
                       static_cast<unsigned>(utc.tm_sec) % 100U);
         m_dateTime = now;
     }
-    m_held.append("Date: ").append(m_date).append("\r\n");
+    return m_date;
 }
 
 void Answer::write(char const* data, int length) {
@@ -169,6 +251,7 @@ void Answer::push(char const* data, std::size_t size) {
         std::size_t const held = m_held.size() - m_sent;
         std::size_t const taken = m_connection->transmit(m_held.data() + m_sent, held, data, size);
         m_sent += std::min(taken, held);
+        m_taken += static_cast<long long>(taken);
         std::size_t const ofData = taken - std::min(taken, held);
         data += ofData;
         size -= ofData;
@@ -176,10 +259,8 @@ void Answer::push(char const* data, std::size_t size) {
         bool const fits = left <= kHeld;
         if (!fits && taken > 0) continue;
         if (!fits && !m_budget.take(left)) {
-            if (m_deadline == Clock::time_point::max()) m_deadline = Clock::now() + m_limit;
-            if (m_connection->await(POLLOUT, m_deadline)) continue;
-            m_connection->failed = true;
-            throw ServiceError(ServiceError::Code::timeLimit, "the peer does not take its answer");
+            awaitPeer();
+            continue;
         }
         if (!fits) m_connection->budgeted += left;
         m_held.erase(0, m_sent);
@@ -189,12 +270,33 @@ void Answer::push(char const* data, std::size_t size) {
     }
 }
 
-void Answer::finish() {
+// The time for the answer begins when the peer first does not take what there is of it.
+void Answer::awaitPeer() {
+    constexpr std::chrono::seconds kTick{1};
+    Clock::time_point now = Clock::now();
+    if (m_waitsSince == Clock::time_point()) m_waitsSince = now;
+    Clock::time_point const end = m_waitsSince + m_options.answerLimit;
+    for (; now < end && !isTooSlow(m_options, now - m_waitsSince, m_taken); now = Clock::now())
+        if (m_connection->await(POLLOUT, std::min<Clock::time_point>(end, now + kTick))) return;
+    m_connection->failed = true;
+    throw ServiceError(ServiceError::Code::timeLimit, "the peer does not take its answer");
+}
+
+void Answer::complete() {
+    if (!m_given) return send(202, {}, {});
+    if (m_onePiece) m_onePiece->finish();
+    if (m_multipart) m_multipart->finish();
+    m_onePiece.reset();
+    m_multipart.reset();
+}
+
+void Answer::leave() {
     while (m_sent < m_held.size()) {
         m_left = true;
         std::size_t const taken =
             m_connection->transmit(m_held.data() + m_sent, m_held.size() - m_sent);
         m_sent += taken;
+        m_taken += static_cast<long long>(taken);
         if (taken == 0) {
             m_connection->output.assign(m_held, m_sent);
             m_connection->sent = 0;

@@ -2,11 +2,13 @@
 
 #include <cstddef>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "foundation/ZULOutputStream.h"
 
+#include "sender/HTTPMessageSender.h"
 #include "service/Budget.h"
 #include "service/Connection.h"
 #include "service/RequestReader.h"
@@ -22,7 +24,7 @@ public:
     // Above this many bytes an answer begins to leave while it is written.
     static constexpr std::size_t kHeld = 65536;
 
-    Answer(Budget& budget, std::chrono::milliseconds limit) : m_budget(budget), m_limit(limit) {}
+    Answer(ServerOptions const& options, Budget& budget) : m_options(options), m_budget(budget) {}
     ~Answer() override;
 
     void begin(Connection& connection, int minorVersion);
@@ -33,36 +35,56 @@ public:
     // The whole answer; an empty type is left out.
     void send(int status, std::string_view type, std::string_view body);
 
-    // The same for a request that was refused; it drops what was written but has not left.
+    // As Response says.
+    OnePieceHttpMsg& onePiece(int status, std::string_view type, int chunkSize);
+    MultipartHttpMsg& multipart(int status, int chunkSize);
+    void addPart(std::string_view type, std::string_view id, std::string_view bytes);
+
+    // The same as send for a request that was refused; it drops what was written but has not left.
     void refuse(Refusal const& refusal);
 
     // Bytes of the message.
     void write(char const* data, int length) override;
 
-    // Sends what the peer takes now; the rest becomes the connection's.
-    void finish();
+    // Ends the message; where none was begun it is 202.
+    void complete();
 
-    [[nodiscard]] bool isGiven() const { return m_given; }
+    // Sends what the peer takes now; the rest becomes the connection's.
+    void leave();
+
+    [[nodiscard]] int status() const { return m_status; }
+
+    // That the system has taken.
+    [[nodiscard]] long long taken() const { return m_taken; }
 
     // Whether a part of the answer has left, so that no other can be given.
     [[nodiscard]] bool hasLeft() const { return m_left; }
 
 private:
+    void begin(int status, std::string_view type);
     void writeHead(int status, std::string_view type, std::size_t length);
+    void startNode(HttpMsgNode& node, int status);
+    int chunkSizeFor(int asked) const;
+    char const* date();
     void put(char const* data, std::size_t size);
     void push(char const* data, std::size_t size);
-    void appendDate();
 
+    void awaitPeer();
+
+    ServerOptions const& m_options;
     Budget& m_budget;
-    std::chrono::milliseconds const m_limit;
     Connection* m_connection = nullptr;
     std::string m_fields;  // staged lines
     std::string m_held;    // from m_sent on still to be sent
     std::size_t m_sent = 0;
+    std::unique_ptr<OnePieceHttpMsg> m_onePiece;  // what the message is written with, if anything
+    std::unique_ptr<MultipartHttpMsg> m_multipart;
     int m_minorVersion = 1;
+    int m_status = 0;
     bool m_given = false;
     bool m_left = false;
-    Clock::time_point m_deadline{};
+    Clock::time_point m_waitsSince{};  // once it has waited for the peer
+    long long m_taken = 0;             // by the peer
     std::time_t m_dateTime = -1;
     char m_date[32] = "";  // of m_dateTime
 };

@@ -2,10 +2,14 @@
 
 #include <chrono>
 #include <cstddef>
+#include <memory>
 #include <string>
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+
+#include "service/BodyChoice.h"
+#include "service/ExchangeReport.h"
 
 namespace postwire {
 
@@ -70,14 +74,17 @@ struct Connection {
     bool watched = false;  // by the loop's epoll
     // An event came that has not been looked at, or there may be bytes that came without one.
     bool pending = false;
-    bool hungUp = false;        // the end of its input has come, and may not have been received yet
-    bool ended = false;         // the peer will send no more
-    bool failed = false;        // nothing more can be sent: it is only left to close
-    bool closing = false;       // no request follows the one under way
-    bool toldToGoOn = false;    // 100 was sent for the request that has begun
-    int attempts = 0;           // to read that request
-    int discarded = 0;          // bytes, while discarding
-    Clock::time_point began{};  // the request
+    bool hungUp = false;      // the end of its input has come, and may not have been received yet
+    bool ended = false;       // the peer will send no more
+    bool failed = false;      // nothing more can be sent: it is only left to close
+    bool closing = false;     // no request follows the one under way
+    bool toldToGoOn = false;  // 100 was sent for the request that has begun
+    int attempts = 0;         // to read that request
+    int discarded = 0;        // bytes, while discarding
+    std::unique_ptr<ExchangeReport> report;  // of an answer that is on its way, where it is wanted
+    std::shared_ptr<BodyChoice const> choice;  // for that request, once the program was asked
+    Clock::time_point answerBegan{};           // to leave, where exchanges are observed
+    Clock::time_point began{};                 // the request
     std::string input;  // what came of the next request: of one that has begun, from its first byte
     std::string output;  // the rest of an answer, from `sent` on
     std::size_t sent = 0;

@@ -36,14 +36,17 @@ void Crew::answer(std::unique_ptr<Exchange> exchange) {
         startOne();
 }
 
-bool Crew::grow() {
+bool Crew::isBehind() {
     std::lock_guard<std::mutex> const lock(m_mutex);
-    if (m_exchanges.empty()) return false;
+    return !m_exchanges.empty();
+}
+
+void Crew::grow() {
+    std::lock_guard<std::mutex> const lock(m_mutex);
     if (m_taken == m_lastTaken)
         for (std::size_t i = m_exchanges.size(); i > 0 && m_threads.size() < m_most; --i)
             startOne();
     m_lastTaken = m_taken;
-    return true;
 }
 
 void Crew::end() {

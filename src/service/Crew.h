@@ -40,8 +40,11 @@ public:
     void answer(std::unique_ptr<Exchange> exchange);
 
     // To be called now and then: starts threads where what waits has not become less since the last
-    // call. Quick handlers need no more threads than there are processors. True while some wait.
-    bool grow();
+    // call. Quick handlers need no more threads than there are processors.
+    void grow();
+
+    // Whether exchanges wait for a thread.
+    bool isBehind();
 
     // Whether the thread of a loop may run a handler itself: another one could take its place.
     [[nodiscard]] bool hasRoom() const { return m_busy.load(std::memory_order_relaxed) < m_most; }

@@ -29,6 +29,8 @@ constexpr milliseconds kDiscardTime{2000};
 // How long an idle connection has, when the server stops, to bring what is on its way.
 constexpr milliseconds kStopGrace{250};
 constexpr milliseconds kStopTick{50};
+// How often peers that take their answers too slowly are looked for.
+constexpr milliseconds kRateTick{1000};
 
 constexpr std::uint32_t kAllEvents = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
 constexpr std::uint32_t kEnd = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
@@ -55,6 +57,11 @@ void Loop::adopt(Connection& connection) {
 
 void Loop::end() {
     m_ended = true;
+    wake();
+}
+
+void Loop::giveWay(int connections) {
+    m_wayWanted = connections;
     wake();
 }
 
@@ -169,6 +176,11 @@ Loop::Turn Loop::converseWithin(Connection& connection) {
             case RequestReader::Outcome::notHere:
                 waitForRest(connection);
                 return Turn::kept;
+            case RequestReader::Outcome::headHere:
+                m_exchange->hasToChoose = true;
+                m_core.answerElsewhere(std::move(m_exchange));
+                return Turn::kept;
+            case RequestReader::Outcome::failed:
             case RequestReader::Outcome::refused:
                 m_exchange->refuse(m_exchange->reader.refusal());
                 break;
@@ -206,8 +218,13 @@ Loop::Turn Loop::answer(Connection& connection) {
 
 // Where a connection goes after what was done for it; true when its next request may be here.
 bool Loop::settle(Connection& connection) {
-    bool const written = connection.output.empty();
-    if (written) m_core.budget().giveBack(std::exchange(connection.budgeted, 0));
+    // Tried first: while it was away, the event that there is room again may have come and gone.
+    bool const written = writeOn(connection);
+    if (written) {
+        if (connection.report) m_core.report(connection);
+        connection.sent = 0;
+        m_core.budget().giveBack(std::exchange(connection.budgeted, 0));
+    }
     if (connection.failed || (connection.ended && connection.closing && written)) {
         close(connection);
     } else if (!written) {
@@ -276,8 +293,24 @@ void Loop::expire() {
     }
     while (!m_discarding.empty() && m_discarding.front()->deadline <= m_now)
         close(*m_discarding.front());
+    if (m_now - m_ratesSeen >= kRateTick) cutOffSlow();
+    for (int left = m_wayWanted.exchange(0); left > 0 && !m_idle.empty(); --left)
+        close(*m_idle.front());
     bool const stops = m_core.isStopping() && m_now >= m_core.stoppedAt() + kStopGrace;
     while (!m_idle.empty() && (stops || m_idle.front()->deadline <= m_now)) close(*m_idle.front());
+}
+
+// Who takes fewer bytes than the lowest rate. The deadline tells when an answer began to wait.
+void Loop::cutOffSlow() {
+    m_ratesSeen = m_now;
+    for (Connection* next = m_writing.front(); next != nullptr;) {
+        Connection& connection = *std::exchange(next, next->next);
+        Clock::time_point const began = connection.deadline - m_core.options().answerLimit;
+        auto const sent = static_cast<long long>(connection.sent);
+        if (!isTooSlow(m_core.options(), m_now - began, sent)) continue;
+        connection.failed = true;
+        close(connection);
+    }
 }
 
 void Loop::refuseLate(Connection& connection) {
@@ -293,6 +326,7 @@ int Loop::timeToWait() const {
     Clock::time_point next = Clock::time_point::max();
     for (ConnectionList const* const list : {&m_idle, &m_partial, &m_writing, &m_discarding})
         if (!list->empty()) next = std::min(next, list->front()->deadline);
+    if (!m_writing.empty()) next = std::min<Clock::time_point>(next, m_now + kRateTick);
     if (m_core.isStopping()) next = std::min(next, m_now + kStopTick);
     if (next == Clock::time_point::max()) return -1;
     auto const left = std::chrono::ceil<milliseconds>(next - m_now).count();

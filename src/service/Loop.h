@@ -48,6 +48,9 @@ public:
     // Whether the driver was in no handler at the last call of takeOver, nor since the one before.
     [[nodiscard]] bool isQuiet() const { return m_quiet && m_turn.load() == m_lastTurn; }
 
+    // Has the driver close the connections that have been idle for longest.
+    void giveWay(int connections);
+
     void expectSlowHandlers();
     void wake() const { m_wakeUp.send(); }
 
@@ -72,6 +75,7 @@ private:
     void discard(Connection& connection);
     void startDiscarding(Connection& connection);
     void expire();
+    void cutOffSlow();
     void refuseLate(Connection& connection);
     void enlist(Connection& connection, Connection::State state, Clock::duration limit);
     void takeOut(Connection& connection);
@@ -95,12 +99,14 @@ private:
     ConnectionList m_idle, m_partial, m_writing, m_discarding;
     std::unique_ptr<Exchange> m_exchange;
     Clock::time_point m_now{};
+    Clock::time_point m_ratesSeen{};  // when peers that write slowly were last looked for
 
     // Odd while the driver is in a handler; raised by it at both ends, or by takeOver.
     std::atomic<unsigned> m_turn{0};
     unsigned m_lastTurn = 0;  // that takeOver saw
     bool m_quiet = false;
     std::atomic<int> m_slowExpected{0};  // requests to come that are handed over
+    std::atomic<int> m_wayWanted{0};     // idle connections to close
     std::atomic<bool> m_ended{false};
     std::atomic<bool> m_driven{true};
 };

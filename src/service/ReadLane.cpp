@@ -27,10 +27,11 @@ constexpr std::chrono::milliseconds kTick{100};
 class ReadLane::Reading : public InputWait {
 public:
     Reading(ReadLane& lane, Connection& connection, std::unique_ptr<Exchange> exchange)
-        : m_connection(connection),
+        : m_options(lane.m_core.options()),
+          m_connection(connection),
           m_exchange(std::move(exchange)),
-          m_headEnd(connection.began + lane.m_core.options().headLimit),
-          m_requestEnd(connection.began + lane.m_core.options().requestLimit),
+          m_headEnd(connection.began + m_options.headLimit),
+          m_requestEnd(connection.began + limitOf(connection)),
           m_fiber(lane.m_stacks, [this](Fiber&) { read(); }) {}
 
     // True when there is an outcome.
@@ -41,7 +42,8 @@ public:
     }
 
     [[nodiscard]] bool isLate(Clock::time_point now) const {
-        return now >= m_requestEnd || (m_inHead && now >= m_headEnd);
+        return now >= m_requestEnd || (m_inHead && now >= m_headEnd) ||
+               isTooSlow(m_options, now - m_connection.began, m_exchange->reader.received());
     }
     [[nodiscard]] RequestReader::Outcome outcome() const { return m_outcome; }
     [[nodiscard]] Connection& connection() const { return m_connection; }
@@ -52,6 +54,11 @@ public:
 private:
     void read() { m_outcome = m_exchange->read(m_connection, this); }
 
+    std::chrono::milliseconds limitOf(Connection const& connection) const {
+        bool const given = connection.choice && connection.choice->limit.count() > 0;
+        return given ? connection.choice->limit : m_options.requestLimit;
+    }
+
     // What is raised here unwinds the fiber's stack from within the fiber.
     void wait(Connection&, bool inHead) override {
         m_inHead = inHead;
@@ -59,6 +66,7 @@ private:
         if (m_late) throw TimeLimitPassed();
     }
 
+    ServerOptions const& m_options;
     Connection& m_connection;
     std::unique_ptr<Exchange> m_exchange;
     Clock::time_point const m_headEnd;
@@ -153,7 +161,8 @@ void ReadLane::finish(Reading& reading) {
     std::swap(m_readings[reading.index], m_readings.back());
     m_readings[reading.index]->index = reading.index;
     m_readings.pop_back();
-    if (outcome == RequestReader::Outcome::whole)
+    exchange->hasToChoose = outcome == RequestReader::Outcome::headHere;
+    if (outcome == RequestReader::Outcome::whole || exchange->hasToChoose)
         return m_core.answerElsewhere(std::move(exchange));
     if (outcome == RequestReader::Outcome::refused)
         exchange->refuse(exchange->reader.refusal());

@@ -9,6 +9,11 @@ int Request::minorVersion() const { return m_exchange.reader.minorVersion(); }
 std::string Request::peerAddress() const { return m_exchange.connection->peer.host(); }
 int Request::peerPort() const { return m_exchange.connection->peer.port(); }
 HTTPMessage& Request::message() { return m_exchange.reader.message(); }
+HTTPMsgHandler* Request::bodyHandler() const {
+    auto const& choice = m_exchange.connection->choice;
+    return choice ? choice->handler.get() : nullptr;
+}
+
 int Request::headCount() const { return m_exchange.reader.headCount(); }
 
 std::vector<HeadLine> Request::headLines(int head) const {

@@ -7,6 +7,7 @@
 #include "foundation/Export.h"
 
 #include "message/HTTPMessage.h"
+#include "parser/HTTPMsgHandler.h"
 
 namespace postwire {
 
@@ -40,6 +41,9 @@ public:
 
     // The tree, for the handler to look at, take from and change.
     [[nodiscard]] HTTPMessage& message();
+
+    // What chose to take the body as it came; null where it is in the tree.
+    [[nodiscard]] HTTPMsgHandler* bodyHandler() const;
 
     // The lines of the message's own head, and of its parts' in the order in which they came, as
     // the tree does not keep them: it joins, sorts and cuts. Part i of a message whose parts have

@@ -1,11 +1,13 @@
 #include "service/RequestReader.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <new>
 #include <utility>
 
 #include "foundation/QORThrowable.h"
+#include "foundation/ZULInputStream.h"
 #include "foundation/ZULStreamException.h"
 
 #include "foundation/AsciiText.h"
@@ -18,6 +20,9 @@ namespace postwire {
 namespace {
 
 constexpr int kReadAhead = 16384;
+
+// Raised where the program is to be asked how to go on.
+struct HeadHere {};
 
 // Raised where a body would go beyond the server's memory for bodies.
 struct BudgetSpent {};
@@ -43,6 +48,23 @@ private:
     std::size_t& m_taken;
 };
 
+// A body of which more than that is an error.
+class LimitedStream : public ZULFilterInputStream {
+public:
+    LimitedStream(ZULInputStream& in, long long& left) : ZULFilterInputStream(in), m_left(left) {}
+
+    using ZULFilterInputStream::read;
+    int read(char* bytes, int n) override {
+        int const got = ZULFilterInputStream::read(bytes, n);
+        m_left -= std::max(got, 0);
+        if (m_left < 0) throw RequestSource::TooLarge();
+        return got;
+    }
+
+private:
+    long long& m_left;
+};
+
 std::string textOf(QORThrowable const& e) {
     char const* const text = e.getMessage();
     return text ? text : e.getThrowableName();
@@ -57,83 +79,19 @@ std::string_view trimmed(std::string_view text) {
 
 }  // namespace
 
-InputWait::~InputWait() = default;
-
-// RequestSource
-
-bool RequestSource::begin(Connection& connection, InputWait* wait) {
-    m_connection = &connection;
-    m_wait = wait;
-    m_at = m_begin = m_end = 0;
-    inHead = true;
-    return wait || beginWindow();
+bool isTooSlow(ServerOptions const& options, Clock::duration since, long long bytes) {
+    constexpr std::chrono::seconds kGrace{10};
+    auto const elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(since).count();
+    return since >= kGrace && bytes < options.lowestRate * static_cast<long long>(elapsed) / 1000;
 }
-
-// One receive, and only where something may have come: a connection with nothing to say costs no
-// memory, and one that says a whole request, which is the usual case, no second call.
-bool RequestSource::beginWindow() {
-    if (!m_window) m_window = std::make_unique<char[]>(kWindow);
-    std::string& input = m_connection->input;
-    m_end = input.size();
-    std::memcpy(m_window.get(), input.data(), m_end);
-    if (m_connection->pending && !m_connection->ended) receiveWindow();
-    while (m_begin < m_end && (m_window[m_begin] == '\r' || m_window[m_begin] == '\n')) ++m_begin;
-    m_at = m_begin;
-    if (m_begin == m_end) input.clear();
-    return m_begin < m_end;
-}
-
-// A receive that leaves room has taken all there was, and of more an event will tell. No event
-// will tell of an end that came with the bytes.
-void RequestSource::receiveWindow() {
-    int got = 1;
-    while (m_end < kWindow && got > 0) {
-        std::size_t const room = kWindow - m_end;
-        got = m_connection->receive(m_window.get() + m_end, room);
-        if (got > 0) m_end += static_cast<std::size_t>(got);
-        if (!m_connection->hungUp) break;
-    }
-    m_connection->pending = m_end == kWindow && !m_connection->ended;
-}
-
-int RequestSource::read(char* bytes, int n) {
-    auto const room = static_cast<std::size_t>(n);
-    char const* const held = m_wait ? m_connection->input.data() : m_window.get();
-    std::size_t const end = m_wait ? m_connection->input.size() : m_end;
-    if (m_at < end) {
-        std::size_t const given = std::min(room, end - m_at);
-        std::memcpy(bytes, held + m_at, given);
-        m_at += given;
-        return static_cast<int>(given);
-    }
-    for (;;) {
-        if (m_connection->ended) return -1;
-        if (!m_wait) throw NotHere();
-        int const got = m_connection->receive(bytes, room);
-        if (got > 0) return got;
-        if (got < 0) m_wait->wait(*m_connection, inHead);
-    }
-}
-
-void RequestSource::endAt(std::size_t unread) {
-    std::string& input = m_connection->input;
-    if (!m_wait) {
-        std::size_t const at = m_at - unread;
-        input.assign(m_window.get() + at, m_end - at);
-    }
-}
-
-void RequestSource::giveUp() {
-    if (!m_wait) m_connection->input.assign(m_window.get() + m_begin, m_end - m_begin);
-}
-
-// RequestReader
 
 RequestReader::RequestReader(ServerOptions const& options, Budget& budget)
-    : m_budget(budget), m_in(m_source, kReadAhead) {
+    : m_options(options), m_budget(budget), m_in(m_source, kReadAhead) {
+    HTTPReadPolicy policy = options.policy;
+    if (options.chooseBody) policy.maxBody = 0;  // known too late for the policy
     m_parser.setMsgHandler(this);
-    m_parser.setReadPolicy(options.policy);
-    m_parser.setContinueCallback(&RequestReader::goOn, this);
+    m_parser.setReadPolicy(policy);
+    m_parser.setContinueCallback(&RequestReader::wantGoOn, this);
     setMessage(&m_message);
 }
 
@@ -142,25 +100,39 @@ RequestReader::~RequestReader() { clear(); }
 void RequestReader::clear() {
     setMessage(&m_message);  // drops a part that a failed parse left
     m_message.reset();
+    m_source.forget();
+    m_uri.clear();
+    m_headEnd = {};
     m_budget.giveBack(std::exchange(m_budgeted, 0));
 }
 
 RequestReader::Outcome RequestReader::read(Connection& connection, InputWait* wait) {
-    m_connection = &connection;
-    m_waits = wait != nullptr;
-    m_in.skip(m_in.buffered());  // of a request that was given up
+    m_choose = nullptr;
     if (!m_source.begin(connection, wait))
         return connection.ended ? Outcome::closed : Outcome::notHere;
+    if (m_options.chooseBody && !connection.choice) m_source.keepHead();
+    return readOn(connection, wait != nullptr);
+}
+
+RequestReader::Outcome RequestReader::readAsChosen(Connection& connection, InputWait& wait,
+                                                   std::function<BodyChoice()> const& choose) {
+    m_choose = &choose;
+    m_source.begin(connection, &wait);
+    m_source.allowReceiving(false);
+    return readOn(connection, true);
+}
+
+RequestReader::Outcome RequestReader::readOn(Connection& connection, bool waits) {
+    m_connection = &connection;
+    m_waits = waits;
+    m_uri.clear();
+    m_in.skip(m_in.buffered());  // of a request that was given up
     Outcome const outcome = parse();
-    if (outcome == Outcome::notHere) m_source.giveUp();
+    if (outcome == Outcome::notHere || outcome == Outcome::headHere) m_source.giveUp();
     if (outcome != Outcome::whole) return outcome;
-    if (m_waits) {
-        // Nothing is held back: what was replayed was read, since the request went beyond it.
-        int unread = m_in.buffered();
-        connection.input.assign(unread > 0 ? m_in.peek(unread) : "",
-                                static_cast<std::size_t>(unread));
-    }
-    m_source.endAt(static_cast<std::size_t>(m_in.buffered()));
+    int unread = m_in.buffered();
+    char const* const bytes = unread > 0 ? m_in.peek(unread) : "";
+    m_source.endAt({bytes, static_cast<std::size_t>(unread)});
     return outcome;
 }
 
@@ -171,14 +143,19 @@ RequestReader::Outcome RequestReader::parse() try {
     return Outcome::whole;
 } catch (RequestSource::NotHere const&) {
     return Outcome::notHere;
+} catch (HeadHere const&) {
+    return Outcome::headHere;
 } catch (TimeLimitPassed const&) {
     return refuse(408, "the request took too long");
+} catch (RequestSource::TooLarge const&) {
+    return refuse(413, "the body is larger than this server takes");
 } catch (BudgetSpent const&) {
     return refuse(503, "no memory is left for more requests");
 } catch (ServiceError const&) {
+    if (!m_connection->failed) throw;  // the program's own
     return Outcome::closed;
 } catch (HTTPException const& e) {
-    return refuse(HTTPPolicyException::getHttpStatus(e), textOf(e));
+    return refuse(HTTPPolicyException::getHttpStatus(e), textOf(e), e.getCode());
 } catch (ZULStreamException const& e) {
     return refuse(400, textOf(e));
 } catch (QORAssertError const& e) {
@@ -189,9 +166,10 @@ RequestReader::Outcome RequestReader::parse() try {
     return Outcome::closed;
 }
 
-RequestReader::Outcome RequestReader::refuse(int status, std::string text) {
+RequestReader::Outcome RequestReader::refuse(int status, std::string text, long code) {
     if (m_connection->failed) return Outcome::closed;
     m_refusal.status = status;
+    m_refusal.code = code;
     m_refusal.text = std::move(text);
     return Outcome::refused;
 }
@@ -213,6 +191,9 @@ std::vector<HeadLine> RequestReader::headLines(int head) const {
 void RequestReader::reset() {
     HTTPMOMMsgHandler::reset();
     m_budget.giveBack(std::exchange(m_budgeted, 0));
+    m_target = nullptr;
+    m_goOnWanted = false;
+    m_headEnd = {};
     m_uri.clear();
     m_lines.clear();
     m_heads.assign(1, 0);
@@ -223,40 +204,101 @@ void RequestReader::setURI(char const* uri) { m_uri = uri; }
 void RequestReader::header(char const* name, HTTPHeader* value) {
     m_lines.append(name, std::strlen(name) + 1);
     m_lines.append(value->lineText()).push_back('\0');
+    if (m_target) return m_target->header(name, value);
     HTTPMOMMsgHandler::header(name, value);
 }
 
-// A body that is here already is bounded by the window it stands in.
+// Before the first event of a body, the message's own or a part's; 0 where it has no length.
+void RequestReader::beginBody(long long length) {
+    if (m_source.isInHead()) endHead();
+    // Lengths end there: it may stand for any larger one.
+    if (length == INT_MAX) throw RequestSource::TooLarge();
+    m_bodyLeft -= length;
+    if (m_bodyLeft < 0) throw RequestSource::TooLarge();
+    sayGoOn();
+}
+
+void RequestReader::endHead() {
+    m_source.endHead();
+    if (m_options.observe) m_headEnd = Clock::now();
+    m_bodyLeft = LLONG_MAX;  // the policy counts
+    if (!m_options.chooseBody) return;
+    std::shared_ptr<BodyChoice const>& choice = m_connection->choice;
+    if (!choice && !m_choose) throw HeadHere();
+    if (!choice) choice = std::make_shared<BodyChoice const>((*m_choose)());
+    long long const most = choice->maxBody > 0 ? choice->maxBody : m_options.policy.maxBody;
+    // With room for the framing of chunks and parts, and for what was read ahead.
+    if (most > 0) m_source.limit(most + most / 8 + (128 << 10));
+    if (most > 0) m_bodyLeft = most;
+    m_target = choice->handler.get();
+    if (!m_target) return;
+    m_source.allowReceiving(true);
+    tellHead(*m_target);
+}
+
+void RequestReader::tellHead(HTTPMsgHandler& handler) {
+    handler.reset();
+    handler.setURI(m_uri.c_str());
+    for (HeadLine const& line : headLines(0)) {
+        HTTPHeader value;
+        value.parse(std::string(line.text).c_str());
+        handler.header(std::string(line.name).c_str(), &value);
+    }
+}
+
+// A body that is here already is bounded by the window it stands in; others count in the budget.
 void RequestReader::content(ZULInputStream& is, int length) {
-    m_source.inHead = false;
+    beginBody(length);
+    if (m_target) return m_target->content(is, length);
     if (!m_waits || length == 0) return HTTPMOMMsgHandler::content(is, length);
     BudgetedStream body(is, m_budget, m_budgeted);
     HTTPMOMMsgHandler::content(body, length);
 }
 
 void RequestReader::content(ZULInputStream& is) {
-    m_source.inHead = false;
-    if (!m_waits) return HTTPMOMMsgHandler::content(is);
-    BudgetedStream body(is, m_budget, m_budgeted);
+    beginBody(0);
+    LimitedStream limited(is, m_bodyLeft);
+    if (m_target) return m_target->content(limited);
+    if (!m_waits) return HTTPMOMMsgHandler::content(limited);
+    BudgetedStream body(limited, m_budget, m_budgeted);
     HTTPMOMMsgHandler::content(body);
 }
 
 void RequestReader::startMultiParts(char const* boundary) {
-    m_source.inHead = false;
+    beginBody(0);
+    if (m_target) return m_target->startMultiParts(boundary);
     HTTPMOMMsgHandler::startMultiParts(boundary);
 }
 
 void RequestReader::startPart() {
     m_heads.push_back(m_lines.size());
+    if (m_target) return m_target->startPart();
     HTTPMOMMsgHandler::startPart();
 }
 
+void RequestReader::endPart() {
+    if (m_target) return m_target->endPart();
+    HTTPMOMMsgHandler::endPart();
+}
+
+void RequestReader::endMultiParts(char const* boundary) {
+    if (m_target) return m_target->endMultiParts(boundary);
+    HTTPMOMMsgHandler::endMultiParts(boundary);
+}
+
+void RequestReader::endMessage() {
+    if (m_target) return m_target->endMessage();
+    HTTPMOMMsgHandler::endMessage();
+}
+
+// The client is told when its body has turned out to be wanted.
+void RequestReader::wantGoOn(void* self) { static_cast<RequestReader*>(self)->m_goOnWanted = true; }
+
 // Once for each request, however often it is begun to be read.
-void RequestReader::goOn(void* self) {
+void RequestReader::sayGoOn() {
     static constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
-    Connection& connection = *static_cast<RequestReader*>(self)->m_connection;
-    if (!std::exchange(connection.toldToGoOn, true))
-        connection.transmit(kContinue, sizeof kContinue - 1);
+    if (std::exchange(m_goOnWanted, false) && !std::exchange(m_connection->toldToGoOn, true))
+        m_connection->transmit(kContinue, sizeof kContinue - 1);
 }
 
 }  // namespace postwire

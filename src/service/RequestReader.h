@@ -1,83 +1,45 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "foundation/ZULBufferedInputStream.h"
-#include "foundation/ZULInputStream.h"
 
 #include "message/HTTPMessage.h"
 #include "parser/HTTPParser.h"
 #include "service/Budget.h"
 #include "service/Connection.h"
 #include "service/Request.h"
+#include "service/RequestSource.h"
 #include "service/ServerOptions.h"
 
 namespace postwire {
+
+// Whether a peer has moved fewer bytes than it has to in the time since a beginning.
+bool isTooSlow(ServerOptions const& options, Clock::duration since, long long bytes);
 
 // What a peer is told instead of an answer.
 struct Refusal {
     int status = 0;
     std::string text;
+    long code = 0;  // of the HTTPException, if it was one
 };
 
-// What a reader does where the bytes of a request have not come yet.
-class InputWait {
-public:
-    virtual ~InputWait();
-
-    // Returns when the connection may have input; raises TimeLimitPassed. `inHead` while the head
-    // of the request is not complete.
-    virtual void wait(Connection& connection, bool inHead) = 0;
-};
-
-struct TimeLimitPassed {};
-
-// The bytes of one request: those that the connection holds already, then what it receives.
-class RequestSource : public ZULInputStream {
-public:
-    // Without a wait it gives what has come, at most kWindow bytes, and raises NotHere behind it.
-    struct NotHere {};
-    static constexpr std::size_t kWindow = 65536;
-
-    // False when there is nothing to read. Line ends in front of the request are dropped: they do
-    // not begin one, RFC 9112 section 2.2.
-    bool begin(Connection& connection, InputWait* wait);
-
-    using ZULInputStream::read;
-    int read(char* bytes, int n) override;
-
-    // The request was read but for the last `unread` bytes that this has given: they and what
-    // stands behind them are the connection's again. Or it was not, and all that came without a
-    // wait is.
-    void endAt(std::size_t unread);
-    void giveUp();
-
-    bool inHead = true;
-
-private:
-    bool beginWindow();
-    void receiveWindow();
-
-    Connection* m_connection = nullptr;
-    InputWait* m_wait = nullptr;
-    std::unique_ptr<char[]> m_window;
-    std::size_t m_begin = 0;  // of the request
-    std::size_t m_at = 0;     // in the window, or with a wait in the connection's input
-    std::size_t m_end = 0;    // of the window
-};
-
-// Reads requests into a tree, with the lines of each head beside it.
+// Reads requests into a tree, or to the handler that the program chose for the body, with the lines
+// of each head beside it.
 class RequestReader : private HTTPMOMMsgHandler {
 public:
     enum class Outcome {
-        whole,    // the request is here
-        notHere,  // not all of it has come: the connection keeps what did
-        closed,   // the connection is over, without a request
-        refused,  // see refusal()
+        whole,     // the request is here
+        notHere,   // not all of it has come: the connection keeps what did
+        headHere,  // the program has to be asked how the body is read
+        closed,    // the connection is over, without a request
+        refused,   // see refusal()
+        failed,    // the program's part in reading it raised
     };
 
     RequestReader(ServerOptions const& options, Budget& budget);
@@ -88,9 +50,17 @@ public:
     // Reads the next request; without a wait only if all of it has come.
     Outcome read(Connection& connection, InputWait* wait);
 
+    // Reads again a request whose head is here, and asks how its body is read. Waits only for one
+    // that goes to a handler. What the program's code raises passes through.
+    Outcome readAsChosen(Connection& connection, InputWait& wait,
+                         std::function<BodyChoice()> const& choose);
+
     // Frees what the request has taken.
     void clear();
 
+    [[nodiscard]] long long received() const { return m_source.received(); }
+    // When the head was complete; only where exchanges are observed.
+    [[nodiscard]] Clock::time_point headEnd() const { return m_headEnd; }
     [[nodiscard]] Refusal const& refusal() const { return m_refusal; }
     [[nodiscard]] std::string const& uri() const { return m_uri; }
     [[nodiscard]] int minorVersion() const { return m_parser.getMinorVersion(); }
@@ -107,11 +77,20 @@ private:
     void content(ZULInputStream& is) override;
     void startMultiParts(char const* boundary) override;
     void startPart() override;
+    void endPart() override;
+    void endMultiParts(char const* boundary) override;
+    void endMessage() override;
 
-    static void goOn(void* self);
+    Outcome readOn(Connection& connection, bool waits);
     Outcome parse();
-    Outcome refuse(int status, std::string text);
+    Outcome refuse(int status, std::string text, long code = 0);
+    void beginBody(long long length);
+    void endHead();
+    void tellHead(HTTPMsgHandler& handler);
+    static void wantGoOn(void* self);
+    void sayGoOn();
 
+    ServerOptions const& m_options;
     Budget& m_budget;
     RequestSource m_source;
     ZULBufferedInputStream m_in;
@@ -124,6 +103,11 @@ private:
     std::size_t m_budgeted = 0;        // for the bodies of the tree
     Connection* m_connection = nullptr;
     bool m_waits = false;
+    std::function<BodyChoice()> const* m_choose = nullptr;
+    HTTPMsgHandler* m_target = nullptr;  // of the events, instead of the tree
+    bool m_goOnWanted = false;
+    long long m_bodyLeft = 0;
+    Clock::time_point m_headEnd{};
 };
 
 }  // namespace postwire

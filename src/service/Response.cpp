@@ -12,4 +12,16 @@ void Response::send(int status, std::string_view type, std::string_view body) {
     m_exchange.answer.send(status, type, body);
 }
 
+OnePieceHttpMsg& Response::onePiece(int status, std::string_view type, int chunkSize) {
+    return m_exchange.answer.onePiece(status, type, chunkSize);
+}
+
+MultipartHttpMsg& Response::multipart(int status, int chunkSize) {
+    return m_exchange.answer.multipart(status, chunkSize);
+}
+
+void Response::addPart(std::string_view type, std::string_view id, std::string_view bytes) {
+    m_exchange.answer.addPart(type, id, bytes);
+}
+
 }  // namespace postwire

@@ -4,6 +4,8 @@
 
 #include "foundation/Export.h"
 
+#include "sender/HTTPMessageSender.h"
+
 namespace postwire {
 
 struct Exchange;
@@ -30,6 +32,18 @@ public:
     // The whole answer. Of a large one the call waits until the peer has taken all but what fits
     // into the server's memory for bodies.
     void send(int status, std::string_view type, std::string_view body);
+
+    // An answer that is written piece by piece; the node is good until the handler returns, which
+    // ends the message: its finish is not to be called. With a chunk size above 0 it leaves in
+    // chunks while it is written, and each write waits for a peer that is slow; clients of HTTP/1.0
+    // and chunk size 0 get it whole, with a length.
+    OnePieceHttpMsg& onePiece(int status, std::string_view type, int chunkSize = 0);
+
+    // The same with parts, multipart/related, between lines of a boundary that no one can guess.
+    MultipartHttpMsg& multipart(int status, int chunkSize = 0);
+
+    // One more part of an answer that multipart has begun; without an id it gets no Content-ID.
+    void addPart(std::string_view type, std::string_view id, std::string_view bytes);
 
 private:
     Exchange& m_exchange;

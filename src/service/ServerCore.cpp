@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -9,6 +11,7 @@
 #include <sched.h>
 #include <sys/socket.h>
 
+#include "foundation/GuardedAllocation.h"
 #include "service/ServiceError.h"
 
 namespace postwire {
@@ -22,6 +25,8 @@ using std::chrono::milliseconds;
 constexpr milliseconds kTick{1};
 // A handler that takes longer is not quick: it costs more than its hand-over.
 constexpr milliseconds kQuick{1};
+constexpr milliseconds kEpisodeEnd{10000};
+constexpr int kGivingWay = 8;      // connections of each loop
 constexpr int kMostAccepted = 64;  // before the loops are looked at
 // Kept for the next burst.
 constexpr std::size_t kMostExchanges = 64;
@@ -101,7 +106,8 @@ void ServerCore::endLoops() {
 // Until there is something to accept or to look after. Whoever begins something while this thread
 // sleeps rouses it: both sides write, then look, so that one of them sees the other.
 void ServerCore::wait() {
-    m_asleep = !m_isBusy;
+    m_asleep = true;
+    if (m_crew.isBehind()) m_asleep = false;
     for (auto const& loop : m_loops)
         if (!loop->isQuiet()) m_asleep = false;
     pollfd wanted[2] = {{m_wakeUp.descriptor(), POLLIN, 0}, {m_listener.descriptor(), POLLIN, 0}};
@@ -114,7 +120,7 @@ void ServerCore::wait() {
 void ServerCore::lookAfterLoops() {
     for (auto const& loop : m_loops)
         if (loop->takeOver()) m_crew.drive(*loop);
-    m_isBusy = m_crew.grow();
+    m_crew.grow();
 }
 
 void ServerCore::acceptAll() {
@@ -132,6 +138,7 @@ bool ServerCore::acceptOne() {
         bool const lacks =
             errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
         m_acceptsAgainLater = lacks;
+        if (lacks) lackDescriptors(errno);
         return !none && !lacks;  // else it was the fault of that one connection
     }
     Loop& loop = *m_loops[m_nextLoop++ % m_loops.size()];
@@ -143,6 +150,22 @@ bool ServerCore::acceptOne() {
     return true;
 }
 
+// Idle connections give way to those that want to be accepted. An episode is over when nothing was
+// lacking for a while.
+void ServerCore::lackDescriptors(int error) {
+    Clock::time_point const now = Clock::now();
+    bool const isNew = m_lackedAt == Clock::time_point() || now - m_lackedAt > kEpisodeEnd;
+    m_lackedAt = now;
+    for (auto const& loop : m_loops) loop->giveWay(kGivingWay);
+    if (!isNew) return;
+    std::string const text =
+        "can't accept, idle connections give way: " + std::generic_category().message(error);
+    if (m_options.complain)
+        m_options.complain(text);
+    else
+        std::fprintf(stderr, "postwire: %s\n", text.c_str());
+}
+
 bool ServerCore::admit(Connection const& connection) {
     bool const room = m_connections.fetch_add(1) < m_options.maxConnections;
     if (m_options.maxConnectionsOfAddress == 0) return room;
@@ -151,8 +174,10 @@ bool ServerCore::admit(Connection const& connection) {
 }
 
 void ServerCore::turnAway(std::unique_ptr<Connection> connection) {
-    if (m_connections > m_options.maxConnections + kMostTurnedAway)
+    if (m_connections > m_options.maxConnections + kMostTurnedAway) {
+        connection->failed = true;
         return endConnection(std::move(connection));
+    }
     std::unique_ptr<Exchange> exchange = takeExchange();
     exchange->connection = connection.get();
     exchange->refuse({503, "the server has too many connections"});
@@ -160,7 +185,18 @@ void ServerCore::turnAway(std::unique_ptr<Connection> connection) {
     connection->home.adopt(*connection.release());
 }
 
+void ServerCore::report(Connection& connection) noexcept {
+    std::unique_ptr<ExchangeReport> const report = std::move(connection.report);
+    report->bytesOut += static_cast<long long>(connection.sent);
+    report->answer = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() -
+                                                                           connection.answerBegan);
+    if (connection.failed && report->text.empty())
+        report->text = "the peer did not take its answer";
+    runQuietly([&] { m_options.observe(*report); });
+}
+
 void ServerCore::endConnection(std::unique_ptr<Connection> connection) {
+    if (connection->report) report(*connection);
     m_budget.giveBack(connection->budgeted);
     if (m_options.maxConnectionsOfAddress > 0) {
         std::lock_guard<std::mutex> const lock(m_mutex);
@@ -210,9 +246,19 @@ void ServerCore::readElsewhere(Connection& connection) {
 }
 
 void ServerCore::answer(std::unique_ptr<Exchange> exchange) {
+    using Outcome = RequestReader::Outcome;
     Connection& connection = *exchange->connection;
+    Outcome const outcome =
+        exchange->hasToChoose ? exchange->readAsChosen(m_options) : Outcome::whole;
     Clock::time_point const begin = Clock::now();
-    exchange->run(m_handler, isStopping());
+    if (outcome == Outcome::whole)
+        exchange->run(m_handler, isStopping());
+    else if (outcome == Outcome::refused)
+        exchange->refuse(exchange->reader.refusal());
+    else if (outcome == Outcome::failed)
+        exchange->refuse({500, "the request could not be read"});
+    else
+        connection.failed = outcome == Outcome::closed;  // else the rest is read elsewhere
     if (Clock::now() - begin > kQuick) connection.home.expectSlowHandlers();
     giveBack(std::move(exchange));
     connection.home.adopt(connection);

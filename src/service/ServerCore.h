@@ -52,6 +52,9 @@ public:
     // A request of which not all has come.
     void readElsewhere(Connection& connection);
 
+    // The connection's answer is out, or never will be: whoever observes is told.
+    void report(Connection& connection) noexcept;
+
     void endConnection(std::unique_ptr<Connection> connection);
 
     // A handler begins, or is to begin: someone has to see how long that takes.
@@ -66,6 +69,7 @@ private:
     void lookAfterLoops();
     void acceptAll();
     bool acceptOne();
+    void lackDescriptors(int error);
     bool admit(Connection const& connection);
     void turnAway(std::unique_ptr<Connection> connection);
     void beginToStop();
@@ -83,7 +87,7 @@ private:
     Clock::time_point m_stoppedAt{};  // written before m_stopping
     std::atomic<int> m_connections{0};
     bool m_acceptsAgainLater = false;
-    bool m_isBusy = false;  // exchanges wait for threads
+    Clock::time_point m_lackedAt{};  // descriptors or memory, last
 
     std::mutex m_mutex;
     std::vector<std::unique_ptr<Exchange>> m_exchanges;

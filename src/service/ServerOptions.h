@@ -2,11 +2,15 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <string>
+#include <string_view>
 
 #include "foundation/Export.h"
 
 #include "parser/HTTPReadPolicy.h"
+#include "service/BodyChoice.h"
+#include "service/ExchangeReport.h"
 
 namespace postwire {
 
@@ -34,6 +38,9 @@ struct POSTWIRE_EXPORT ServerOptions {
     // directly: behind a proxy all come from one address.
     int maxConnectionsOfAddress = 0;
 
+    // How bodies are read; without it all become trees, within the policy's limits.
+    BodyChooser chooseBody;
+
     HTTPReadPolicy policy = HTTPReadPolicy::hardened();
     // All bodies held in message trees together. A request that would go beyond it is answered 503
     // at once: if it waited, it would keep what it has, and so might all others.
@@ -46,6 +53,16 @@ struct POSTWIRE_EXPORT ServerOptions {
     std::chrono::milliseconds requestLimit{60000};
     // Until the peer has taken its answer; then the connection is closed.
     std::chrono::milliseconds answerLimit{60000};
+    // Bytes a second that a peer has to send of a request, and to take of an answer, on average
+    // from its beginning; looked at from the tenth second on. 0: none.
+    int lowestRate = 100;
+
+    // Told of each exchange.
+    ExchangeObserver observe;
+
+    // Gets a line for what the operator should know and no client is told: descriptors or memory
+    // have run out. Once an episode; without it the line goes to the standard error stream.
+    std::function<void(std::string_view)> complain;
 };
 
 }  // namespace postwire

@@ -10,11 +10,18 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-HttpPeer::HttpPeer(int port, int receiveBuffer) : m_socket(::socket(AF_INET, SOCK_STREAM, 0)) {
+HttpPeer::HttpPeer() : m_socket(::socket(AF_INET, SOCK_STREAM, 0)) {
     timeval const limit{20, 0};
     ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+}
+
+HttpPeer::HttpPeer(int port, int receiveBuffer) : HttpPeer() {
     if (receiveBuffer > 0)
         ::setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    connect(port);
+}
+
+void HttpPeer::connect(int port) const {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
@@ -64,6 +71,14 @@ HttpPeer::Answer HttpPeer::receive() {
     m_got.erase(0, length);
     answer.status = status;
     return answer;
+}
+
+std::string HttpPeer::rest(std::size_t size) {
+    while (m_got.size() < size && more()) {
+    }
+    std::string bytes = m_got.substr(0, size);
+    m_got.erase(0, size);
+    return bytes;
 }
 
 bool HttpPeer::isClosed() {

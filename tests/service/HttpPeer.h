@@ -16,11 +16,13 @@ public:
         }
     };
 
+    HttpPeer();
     explicit HttpPeer(int port, int receiveBuffer = 0);
     HttpPeer(HttpPeer const&) = delete;
     HttpPeer& operator=(HttpPeer const&) = delete;
     ~HttpPeer();
 
+    void connect(int port) const;
     void send(std::string_view bytes) const;
     void finish() const;  // sends no more
     void reset();         // gone at once
@@ -31,6 +33,9 @@ public:
         send(bytes);
         return receive();
     }
+
+    // The next bytes, as many.
+    std::string rest(std::size_t size);
 
     // Waits until the server closes; true when nothing came before.
     bool isClosed();

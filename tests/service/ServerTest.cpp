@@ -3,12 +3,19 @@
 #include <csignal>
 #include <future>
 #include <memory>
+#include <mutex>
+#include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "foundation/ZULInputStream.h"
 
 #include "service/HttpPeer.h"
 #include "service/Server.h"
@@ -240,6 +247,66 @@ TEST(ServerThreads, HandlersThatBlockHoldUpNobody) {
     }
 }
 
+// Handlers that take their time, so that other threads than its own leave answers to the loop; the
+// peers make room before and after that.
+TEST(ServerThreads, AnswersThatOthersLeaveAreWritten) {
+    std::string const body(6 << 20, 'x');
+    std::promise<void> released;
+    std::shared_future<void> const release = released.get_future().share();
+    RunningServer server(
+        [&body, release](Request&, Response& response) {
+            response.send(200, "", body);
+            release.wait();
+        },
+        oneLoop());
+    std::vector<std::unique_ptr<HttpPeer>> peers;
+    for (int i = 0; i < 10; ++i) {
+        peers.push_back(std::make_unique<HttpPeer>(server.port(), 65536));
+        peers.back()->send(post("/") + post("/"));
+    }
+    std::thread releaser([&] { released.set_value(); });
+    for (int i = 0; i < 2; ++i)
+        for (auto const& peer : peers) EXPECT_EQ(body.size(), peer->receive().body.size());
+    releaser.join();
+}
+
+TEST(ServerObserver, IsToldOfEachExchangeAndOfEachConnectionTurnedAway) {
+    std::mutex mutex;
+    std::multiset<std::string> seen;
+    ServerOptions options = oneLoop();
+    options.maxConnections = 1;
+    options.observe = [&](postwire::ExchangeReport const& report) {
+        std::lock_guard<std::mutex> const lock(mutex);
+        std::string const sizes =
+            report.bytesIn > 0 && report.bytesOut > report.bytesIn ? " sized" : "";
+        seen.insert(report.peer + " " + report.uri + " " + std::to_string(report.status) + sizes +
+                    " " + std::to_string(report.code) + " " + report.text);
+        EXPECT_GE(report.handler, milliseconds(report.uri == "/slow" ? 5 : 0));
+        throw 42;
+    };
+    RunningServer server(
+        [](Request& request, Response& response) {
+            if (request.uri() == "/raise") throw std::runtime_error("why");
+            if (request.uri() == "/slow")
+                std::promise<void>().get_future().wait_for(milliseconds(5));
+            describe(request, response);
+        },
+        options);
+    {
+        HttpPeer peer(server.port());
+        EXPECT_EQ(200, peer.exchange(post("/slow", std::string(100000, 'x'))).status);
+        EXPECT_EQ(500, peer.exchange(post("/raise")).status);
+        EXPECT_EQ(503, HttpPeer(server.port()).receive().status);
+        EXPECT_EQ(405, peer.exchange("GET / HTTP/1.1\r\nHost: a\r\n\r\n").status);
+    }
+    server.stop();
+    EXPECT_EQ((std::multiset<std::string>{"127.0.0.1 /slow 200 sized 0 ",
+                                          "127.0.0.1 /raise 500 sized 0 why",
+                                          "127.0.0.1  503 0 the server has too many connections",
+                                          "127.0.0.1  405 sized 1000 method is not POST"}),
+              seen);
+}
+
 TEST(ServerLimits, ConnectionBeyondTheLimitIsTurnedAway) {
     for (bool const ofAddress : {false, true}) {
         ServerOptions options = oneLoop();
@@ -272,6 +339,129 @@ TEST(ServerLimits, BodiesBeyondTheBudgetAreRefusedUntilOthersAreDone) {
     holds.send(std::string_view(large).substr(190000));
     EXPECT_EQ(200, holds.receive().status);
     EXPECT_EQ(200, holds.exchange(large).status);
+}
+
+TEST(ServerAnswers, NodesWriteOnePieceAndPartsWithLengthAndInChunks) {
+    RunningServer server([](Request& request, Response& response) {
+        int const chunkSize = request.uri() == "/chunked" ? 4 : 0;
+        response.setHeader("X-Y", "1");
+        if (!request.message().getHeader("x-parts")) {
+            OnePieceHttpMsg& node = response.onePiece(201, "a/b", chunkSize);
+            node.write("hello", 5);
+            node.write("!", 1);
+            return;
+        }
+        response.multipart(200, chunkSize);
+        response.addPart("text/xml", "<1>", "<a/>");
+        response.addPart("", "", "x");
+    });
+    std::string const parts = "X-Parts: 1\r\n";
+    HttpPeer peer(server.port());
+    HttpPeer::Answer answer = peer.exchange(post("/"));
+    EXPECT_EQ(201, answer.status);
+    EXPECT_TRUE(answer.says("X-Y: 1") && answer.says("Content-Type: a/b")) << answer.head;
+    EXPECT_EQ("hello!", answer.body);
+    answer = peer.exchange(post("/", "", parts));
+    std::string const boundary = "\r\n--" + answer.body.substr(4, 37);
+    EXPECT_EQ(boundary +
+                  "\r\nContent-ID: <1>\r\nContent-Length: 4\r\nContent-Type: text/xml\r\n\r\n"
+                  "<a/>" +
+                  boundary + "\r\nContent-Length: 1\r\n\r\nx" + boundary + "--\r\n",
+              answer.body);
+    EXPECT_TRUE(peer.exchange(post("/chunked")).says("Transfer-Encoding: chunked"));
+    EXPECT_EQ("4\r\nhell\r\n2\r\no!\r\n0\r\n\r\n", peer.rest(21));
+    // HTTP/1.0 gets a length.
+    HttpPeer old(server.port());
+    EXPECT_EQ("hello!", old.exchange("POST /chunked HTTP/1.0\r\n\r\n").body);
+}
+
+// Adds up what it gets, a kilobyte at a time.
+class Counter : public HTTPMsgHandler {
+public:
+    explicit Counter(bool raises) : m_raises(raises) {}
+    void reset() override { text = "reset"; }
+    void setURI(char const* uri) override { text += uri; }
+    void setStatusCode(HTTPMessage::StatusCode) override {}
+    void setStatusMessage(char const*) override {}
+    void header(char const* name, HTTPHeader* value) override {
+        if (std::string(name) == "x") text.append(" ").append(value->getValue());
+    }
+    void content(ZULInputStream& is, int) override { content(is); }
+    void content(ZULInputStream& is) override {
+        if (m_raises) throw 42;
+        char block[1024];
+        long long size = 0;
+        for (int n; (n = is.read(block, sizeof block)) > 0; size += n) {
+        }
+        text += " " + std::to_string(size);
+    }
+    void startPart() override { text += " part"; }
+    void endMessage() override { text += " end"; }
+
+    std::string text;
+
+private:
+    bool m_raises;
+};
+
+// The program chooses by the head: the tree for /tree, at most a megabyte; else a handler.
+ServerOptions choosing() {
+    ServerOptions options = oneLoop();
+    options.policy.maxBody = 1000;
+    options.bodyBudget = 2 << 20;
+    options.chooseBody = [](Request& request) {
+        postwire::BodyChoice choice;
+        choice.maxBody = request.uri() == "/tree" ? 1 << 20 : 0;
+        if (request.uri() == "/tree" || request.uri() == "/") return choice;
+        choice.handler = std::make_shared<Counter>(request.uri() == "/raise");
+        choice.maxBody = request.uri() == "/small" ? 10 : 100 << 20;
+        return choice;
+    };
+    return options;
+}
+
+TEST(ServerBodies, GoToTheTreeOrTheHandlerThatTheProgramChose) {
+    RunningServer server(
+        [](Request& request, Response& response) {
+            if (auto* const counter = dynamic_cast<Counter*>(request.bodyHandler()))
+                return response.send(200, "", counter->text);
+            response.send(200, "", std::to_string(request.message().contentSize()));
+        },
+        choosing());
+    std::string const parts = "--B\r\nX: 2\r\n\r\nab\r\n--B--\r\n";
+    std::string const type = "X: 1\r\nContent-Type: multipart/related; boundary=B\r\n";
+    struct {
+        std::string wire;
+        int status;
+        std::string body;
+    } const cases[] = {
+        {post("/count", std::string(20 << 20, 'x'), "X: a\r\n"), 200, "reset/count a 20971520 end"},
+        {post("/count", parts, type), 200, "reset/count 1 part 2 2 end"},
+        {post("/count"), 200, "reset/count 0 end"},
+        {chunked("hello!"), 200, "6"},
+        {post("/tree", std::string(900000, 'x')), 200, "900000"},
+        {post("/tree", std::string(90000, 'x')), 200, "90000"},
+        {post("/tree", "x"), 200, "1"},
+        {post("/small", "0123456789"), 200, "reset/small 10 end"},
+        {post("/small", "0123456789x"), 413, ""},
+        {post("/tree", std::string(1100000, 'x')), 413, ""},
+        {post("/", std::string(1001, 'x')), 413, ""},
+        {"POST /count HTTP/1.1\r\nHost: a\r\nContent-Length: 2147483648\r\n\r\n", 413, ""},
+        {post("/raise", "x"), 500, ""},
+    };
+    for (auto const& [wire, status, body] : cases)
+        for (std::size_t const step : {wire.size(), std::size_t{61}, std::size_t{7}}) {
+            if (wire.size() / step > 30000) continue;
+            SCOPED_TRACE(wire.substr(0, 60) + std::to_string(step));
+            HttpPeer peer(server.port());
+            for (std::size_t at = 0; at < wire.size(); at += step)
+                peer.send(std::string_view(wire).substr(at, step));
+            HttpPeer::Answer const answer = peer.receive();
+            EXPECT_EQ(status, answer.status);
+            if (status != 200) continue;
+            EXPECT_EQ(body, answer.body);
+            EXPECT_EQ(body, peer.exchange(wire).body);
+        }
 }
 
 TEST(ServerAnswers, LargeOneArrivesWholeWithAndWithoutMemoryToHoldIt) {
@@ -308,6 +498,30 @@ TEST(ServerLimits, ClientThatTakesNoAnswerIsCutOffAtItsDeadline) {
     }
 }
 
+TEST(ServerLimits, IdleConnectionsGiveWayWhereDescriptorsRunOut) {
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    std::atomic<int> complaints{0};
+    ServerOptions options = oneLoop();
+    options.complain = [&](std::string_view) { ++complaints; };
+    RunningServer server(describe, options);
+    EXPECT_EQ(200, HttpPeer(server.port()).exchange(post("/")).status);
+    std::vector<std::unique_ptr<HttpPeer>> idle;
+    rlimit few = before;
+    // Both ends are this process's: the clients' descriptors are made first.
+    for (int i = 0; i < 80; ++i) idle.push_back(std::make_unique<HttpPeer>());
+    int const highest = ::dup(0);
+    few.rlim_cur = static_cast<rlim_t>(highest) + 20;
+    ::close(highest);
+    ::setrlimit(RLIMIT_NOFILE, &few);
+    for (auto const& peer : idle) {
+        peer->connect(server.port());
+        EXPECT_EQ(200, peer->exchange(post("/")).status);
+    }
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(1, complaints);
+}
+
 TEST(ServerLimits, IdleConnectionIsClosedAtItsDeadline) {
     ServerOptions options = oneLoop();
     options.idleLimit = milliseconds(200);
@@ -336,8 +550,8 @@ TEST(ServerStop, NoRequestIsLostUnderLoad) {
         std::vector<std::thread> clients;
         std::atomic<int> lost{0};
         for (int i = 0; i < 8; ++i)
-            clients.emplace_back([&, i] {
-                HttpPeer peer(server.port());
+            clients.emplace_back([&, i, here = std::make_shared<HttpPeer>(server.port())] {
+                HttpPeer& peer = *here;
                 std::string const body(i < 6 ? 10 : 100000, 'x');
                 HttpPeer::Answer answer;
                 while (!answer.says("Connection: close")) {
