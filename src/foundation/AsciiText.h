@@ -90,7 +90,8 @@ inline bool beginsInAnyCase(std::string_view text, std::string_view start) {
 
 // As strcasecmp of the POSIX locale: letters without their case, bytes unsigned.
 inline int compareInAnyCase(char const* a, char const* b) {
-    while (*a != '\0' && equalsInAnyCase(*a, *b)) ++a, ++b;
+    for (; *a != '\0' && equalsInAnyCase(*a, *b); ++a, ++b) {
+    }
     return static_cast<unsigned char>(asciiLowerCase(*a)) -
            static_cast<unsigned char>(asciiLowerCase(*b));
 }

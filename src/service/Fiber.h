@@ -60,12 +60,12 @@ private:
     ucontext_t m_caller;
     bool m_returned = false;
     // What the sanitizers are told of the two stacks; null without them.
-    void* m_ownShadow = nullptr;
-    void* m_callerShadow = nullptr;
-    void const* m_callerStack = nullptr;
-    std::size_t m_callerSize = 0;
-    void* m_threadFiber = nullptr;
-    void* m_threadCaller = nullptr;
+    [[maybe_unused]] void* m_ownShadow = nullptr;
+    [[maybe_unused]] void* m_callerShadow = nullptr;
+    [[maybe_unused]] void const* m_callerStack = nullptr;
+    [[maybe_unused]] std::size_t m_callerSize = 0;
+    [[maybe_unused]] void* m_threadFiber = nullptr;
+    [[maybe_unused]] void* m_threadCaller = nullptr;
 };
 
 }  // namespace postwire
