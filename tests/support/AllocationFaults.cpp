@@ -78,7 +78,8 @@ int callsWithFailure(std::function<void()> const& body, int failAt, bool onwards
     auto const run = [&] {
         try {
             body();
-        } catch (QOROutOfMemoryError const&) {
+        } catch (QOROutOfMemoryError const& e) {
+            EXPECT_EQ(0, e.getCode());
             outOfMemory = true;
         } catch (std::bad_alloc const&) {
             outOfMemory = true;

@@ -85,7 +85,8 @@ TEST(QORException, GivesItsTextElseItsFirstMessage) {
 }
 
 TEST(QORException, IsChangedInFullOrNotAtAll) {
-    QORException const other = QORException("a text too long to stand in the string") << kMessage;
+    QORException other = QORException("a text too long to stand in the string") << kMessage;
+    other.addBackTrace(kHere, nullptr, "QOR_THROW");
     forEachFailingAllocation([&] {
         QORException e(5), added(6);
         try {
@@ -94,7 +95,7 @@ TEST(QORException, IsChangedInFullOrNotAtAll) {
             EXPECT_TRUE(e.getCode() == 5 && !e.getMessage() && e.getMessages().size() == 0);
             throw;
         }
-        EXPECT_TRUE(e.getCode() == 0 && e.getMessages().size() == 1);
+        EXPECT_TRUE(e.getMessages().size() == 1 && e.getBackTrace().size() == 1);
         try {
             added << kMessage;
         } catch (QOROutOfMemoryError const&) {
@@ -108,6 +109,7 @@ TEST(QORAssert, TellsTheExpressionAndTheLine) {
     auto const t = raised([&] { QOR_ASSERT(line < 0 && "x,y"); });
     EXPECT_STREQ("QOR_ASSERT(line < 0 && \"x,y\");", t->getMessage());
     EXPECT_EQ("QOR_THROW QORThrowableTest\n", backTraceText(*t));
+    EXPECT_EQ(0, dynamic_cast<QORAssertError&>(*t).getCode());
     EXPECT_EQ(line, t->getBackTrace()[0].location.getLine());
     QOR_ASSERT(line > 0);
 }
@@ -124,6 +126,8 @@ TEST(QORThrowable, ReportsOutOfMemoryWithoutMemory) {
         QORException e("a text too long to stand in the string itself");
         std::unique_ptr<QORThrowable>((e << kMessage).clone())->toString();
         std::unique_ptr<QORMessage>(kMessage.clone());
+        ZULStreamException const framing(ZULStreamException::ZUL_ERR_FRAMING);
+        std::unique_ptr<QORThrowable>(framing.clone());
     });
 }
 
