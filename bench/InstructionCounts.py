@@ -25,8 +25,9 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "cor
 import make_corpus as corpus    # noqa: E402
 
 
-# A block copied by `rep movsb` would count one instruction a byte.
-ENVIRONMENT = {**os.environ, "GLIBC_TUNABLES": "glibc.cpu.x86_rep_movsb_threshold=1000000000"}
+# A block copied by `rep movsb` or filled by `rep stosb` would count one instruction a byte.
+ENVIRONMENT = {**os.environ, "GLIBC_TUNABLES": "glibc.cpu.x86_rep_movsb_threshold=1000000000:"
+                                               "glibc.cpu.x86_rep_stosb_threshold=1000000000"}
 
 
 def run(program, folder, case, count):

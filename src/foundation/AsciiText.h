@@ -155,7 +155,7 @@ inline std::size_t copyTokenInLowerCase(char const* text, char const* end, char*
     char const* at = text;
 #ifdef __SSE2__
     // Letters, digits and hyphens, which have the bit of lower case or get it: other characters of
-    // tokens are left to the table. Behind the token nothing changes.
+    // tokens are left to the table. Behind the token the text itself is left as it is.
     __m128i const place = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
     __m128i const bit = _mm_set1_epi8('a' - 'A'), blank = _mm_set1_epi8(' ');
     for (int n = 16; n == 16 && end - at >= 16; at += n) {
@@ -167,7 +167,7 @@ inline std::size_t copyTokenInLowerCase(char const* text, char const* end, char*
         n = __builtin_ctz(~static_cast<unsigned>(found));
         __m128i const within = _mm_cmplt_epi8(place, _mm_set1_epi8(static_cast<char>(n)));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(to + (at - text)),
-                         _mm_or_si128(bytes, _mm_and_si128(bit, within)));
+                         to == text ? _mm_or_si128(bytes, _mm_and_si128(bit, within)) : lower);
     }
 #endif
     for (char c; at != end && (c = tokenLowerCase(*at)) != 0; ++at) to[at - text] = c;

@@ -1,5 +1,8 @@
 #include "message/HeaderLines.h"
 
+#include <algorithm>
+#include <memory>
+
 #include "foundation/AsciiText.h"
 
 namespace postwire::internal {
@@ -33,15 +36,16 @@ void HeaderLines::add(std::string_view name, std::string_view text) {
 }
 
 void HeaderLines::remove(Iterator line) {
-    char* const at = m_bytes.data() + (line.m_at - m_bytes.data());
+    char* const at = m_bytes + (line.m_at - m_bytes);
     Head head = headAt(at);
     head.nameSize = kRemoved;
     std::memcpy(at, &head, sizeof head);
 }
 
 void HeaderLines::release() {
-    std::vector<char>().swap(m_bytes);
-    m_used = 0;
+    if (m_bytes) std::allocator<char>().deallocate(m_bytes, m_capacity);
+    m_bytes = nullptr;
+    m_capacity = m_used = 0;
 }
 
 void HeaderLines::growAndAdd(HeaderLine const& line) {
@@ -49,13 +53,17 @@ void HeaderLines::growAndAdd(HeaderLine const& line) {
     add(line);
 }
 
-// The vector at least doubles its memory, and all of that is ours.
 void HeaderLines::makeRoom(std::size_t lineSize) {
     std::size_t const size = m_used + sizeof(Head) + lineSize;
-    if (size <= m_bytes.size()) return;
-    if (m_bytes.empty()) m_bytes.reserve(kFirstRoom);
-    m_bytes.resize(size);
-    m_bytes.resize(m_bytes.capacity());
+    if (size <= m_capacity) return;
+    std::size_t const capacity = std::max({size, 2 * m_capacity, kFirstRoom});
+    char* const bytes = std::allocator<char>().allocate(capacity);
+    std::size_t const used = m_used;
+    if (used > 0) std::memcpy(bytes, m_bytes, used);
+    release();
+    m_bytes = bytes;
+    m_capacity = capacity;
+    m_used = used;
 }
 
 }  // namespace postwire::internal

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstring>
 #include <string_view>
-#include <vector>
 
 namespace postwire::internal {
 
@@ -59,9 +58,14 @@ public:
         char const* m_end;
     };
 
-    Iterator begin() const { return {m_bytes.data(), m_bytes.data() + m_used}; }
+    HeaderLines() = default;
+    HeaderLines(HeaderLines const&) = delete;
+    HeaderLines& operator=(HeaderLines const&) = delete;
+    ~HeaderLines() { release(); }
+
+    Iterator begin() const { return {m_bytes, m_bytes + m_used}; }
     Iterator end() const {
-        char const* const end = m_bytes.data() + m_used;
+        char const* const end = m_bytes + m_used;
         return {end, end};
     }
 
@@ -74,7 +78,7 @@ public:
 
     void add(HeaderLine const& line) {
         Head const head{line.nameSize + 1 + line.textSize, line.nameSize};
-        if (sizeof head + head.size <= m_bytes.size() - m_used)
+        if (sizeof head + head.size <= m_capacity - m_used)
             std::memcpy(append(head), line.bytes, head.size);
         else
             growAndAdd(line);
@@ -98,7 +102,7 @@ private:
     }
     // Where the line's bytes go; there must be room for both.
     char* append(Head const& head) {
-        char* const at = m_bytes.data() + m_used;
+        char* const at = m_bytes + m_used;
         std::memcpy(at, &head, sizeof head);
         m_used += sizeof head + head.size;
         return at + sizeof head;
@@ -106,7 +110,8 @@ private:
     void makeRoom(std::size_t lineSize);
     void growAndAdd(HeaderLine const& line);
 
-    std::vector<char> m_bytes;  // as large as its memory: bytes behind m_used are room
+    char* m_bytes = nullptr;  // not filled before they are used, as a vector's would be
+    std::size_t m_capacity = 0;
     std::size_t m_used = 0;
 };
 

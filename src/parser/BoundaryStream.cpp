@@ -38,8 +38,9 @@ void makeRoom(QORByteBuffer& buf, int n) {
     if (have < n) buf.reserve(buf.pcount() + static_cast<unsigned int>(room));
 }
 
+// Its first character tells nearly always.
 bool beginsWith(char const* text, char const* end, std::string_view start) {
-    return static_cast<std::size_t>(end - text) >= start.size() &&
+    return static_cast<std::size_t>(end - text) >= start.size() && *text == start.front() &&
            std::memcmp(text, start.data(), start.size()) == 0;
 }
 
@@ -86,12 +87,16 @@ bool Delimiter::isNext(ZULBufferedInputStream& is, bool atLineStart) {
     if (m_nextSize > 0) return true;
     int have = 0;
     char const* const bytes = is.peek(have);
-    char const* const end = bytes + have;
-    int const lineEnd = beginsWith(bytes, end, "\r\n") ? 2 : 0;
-    if ((lineEnd == 0 && !atLineStart) || !beginsWith(bytes + lineEnd, end, separator()))
+    auto const left = static_cast<std::size_t>(have);
+    std::size_t const lineEnd = left > 1 && bytes[0] == '\r' && bytes[1] == '\n' ? 2 : 0;
+    std::size_t size = lineEnd + separator().size();
+    if ((lineEnd == 0 && !atLineStart) || left < size + 4 ||
+        std::memcmp(bytes + lineEnd, separator().data(), separator().size()) != 0)
         return false;
-    if (judge(bytes + lineEnd, end, false) != Verdict::Yes) return false;
-    setNext(lineEnd);
+    m_isClosing = bytes[size] == '-' && bytes[size + 1] == '-';
+    if (m_isClosing) size += 2;
+    if (bytes[size] != '\r' || bytes[size + 1] != '\n') return false;
+    m_nextSize = static_cast<int>(size) + 2;
     return true;
 }
 

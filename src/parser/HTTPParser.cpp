@@ -345,34 +345,33 @@ bool HTTPParser::cutField(Reading const& r, HeaderLine& field) {
     return true;
 }
 
+// Names are told apart by their length first: few have that of one that matters here.
+static bool mayBeRecorded(std::size_t nameSize) {
+    constexpr unsigned kSizes = 1U << (sizeof "content-type" - 1) |
+                                1U << (sizeof "content-length" - 1) |
+                                1U << (sizeof "transfer-encoding" - 1) | 1U << (sizeof "host" - 1) |
+                                1U << (sizeof "expect" - 1) | 1U << (sizeof "connection" - 1);
+    return nameSize < 32 && (kSizes >> nameSize & 1) != 0;
+}
+
 void HTTPParser::reportField(Reading& r, HeaderLine const& field) {
     m_header.borrow(field);
-    // Names are told apart by their length first: few have one of these.
-    switch (field.nameSize) {
-        case sizeof "content-type" - 1:
-        case sizeof "content-length" - 1:
-        case sizeof "transfer-encoding" - 1:
-            recordFraming(r, field.name(), field.text().data());
-            m_header.borrow(field);  // again, where it was taken apart
-            break;
-        case sizeof "host" - 1:
-        case sizeof "expect" - 1:
-        case sizeof "connection" - 1:
-            if (m_idepth == 0) recordConnection(r, field.name(), field.text());
-            break;
-        default:
-            break;
+    if (mayBeRecorded(field.nameSize)) {
+        recordField(r, field.name(), field.text());
+        m_header.borrow(field);  // again, where it was taken apart
     }
     m_pHandler->header(field.bytes, &m_header);
 }
 
-void HTTPParser::recordFraming(Reading& r, std::string_view name, char const* text) {
+void HTTPParser::recordField(Reading& r, std::string_view name, std::string_view text) {
     if (name == "content-type")
         recordContentType(r, text);
     else if (name == "content-length")
-        recordContentLength(r, text);
+        recordContentLength(r, text.data());
     else if (name == "transfer-encoding")
-        recordTransferEncoding(r, text);
+        recordTransferEncoding(r, text.data());
+    else if (m_idepth == 0)
+        recordConnection(r, name, text);
 }
 
 // What a message says of its connection.
@@ -399,12 +398,13 @@ char const* HTTPParser::startOfValue(char const* text) {
     return isPlain ? text : m_header.getValue();
 }
 
-void HTTPParser::recordContentType(Reading& r, char const* text) {
+void HTTPParser::recordContentType(Reading& r, std::string_view text) {
     bool const isStrict = r.policy.strictFraming;
     if (isStrict) r.rules.judgeContentType();
-    char const* const type = startOfValue(text);
+    char const* const type = startOfValue(text.data());
     if (!*type) raise(HTTPException::HTTP_ERR_BAD_CONTENT_TYPE, kProcessHeader, __LINE__);
-    if (!beginsInAnyCase(type, "multipart/")) return;
+    constexpr std::string_view kMultipart = "multipart/";
+    if (!beginsInAnyCase({type, strnlen(type, kMultipart.size())}, kMultipart)) return;
     std::string_view boundary;
     if (isStrict)
         boundary = HeadRules::readBoundary(text);

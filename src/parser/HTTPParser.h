@@ -113,10 +113,10 @@ private:
     void readHead(ZULBufferedInputStream& is, Reading& r);
     bool cutField(Reading const& r, postwire::internal::HeaderLine& field);
     void reportField(Reading& r, postwire::internal::HeaderLine const& field);
-    void recordFraming(Reading& r, std::string_view name, char const* text);
+    void recordField(Reading& r, std::string_view name, std::string_view text);
     void recordConnection(Reading& r, std::string_view name, std::string_view text);
     char const* startOfValue(char const* text);
-    void recordContentType(Reading& r, char const* text);
+    void recordContentType(Reading& r, std::string_view text);
     void recordContentLength(Reading& r, char const* text);
     void recordTransferEncoding(Reading& r, char const* text);
 

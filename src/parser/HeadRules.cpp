@@ -67,7 +67,7 @@ public:
             value = takeFront(quote);
             take('"');
         }
-        takeWhile(isBlank);
+        takeWhile([](char c) { return isBlank(c); });
         return atEnd() || m_left.front() == ';';
     }
 
@@ -129,13 +129,13 @@ bool isHost(std::string_view text) {
         if (!cutter.take(']')) return false;
     } else {
         for (;;) {
-            cutter.takeWhile(isNameCharacter);
+            cutter.takeWhile([](char c) { return isNameCharacter(c); });
             if (!cutter.take('%')) break;
             auto const isHexDigit = [](char c) { return hexDigitValue(c) >= 0; };
             if (!cutter.takeIf(isHexDigit) || !cutter.takeIf(isHexDigit)) return false;
         }
     }
-    if (cutter.take(':')) cutter.takeWhile(isDigit);
+    if (cutter.take(':')) cutter.takeWhile([](char c) { return isDigit(c); });
     return cutter.atEnd();
 }
 
@@ -163,7 +163,7 @@ void judgeTarget(std::string_view target) {
 int judgeStatusLine(std::string_view text, std::size_t version) {
     Cutter cutter(text.substr(version));
     bool const startsWell = cutter.take(' ');
-    std::string_view const digits = cutter.takeWhile(isDigit);
+    std::string_view const digits = cutter.takeWhile([](char c) { return isDigit(c); });
     if (!startsWell || digits.size() != 3 || (!cutter.atEnd() && !cutter.take(' ')))
         refuse(Policy::HTTP_ERR_START_LINE, __LINE__);
     if (std::any_of(text.begin(), text.end(), isControlCharacter))
@@ -228,7 +228,7 @@ std::string_view HeadRules::readBoundary(std::string_view text) {
     for (;;) {
         cutter.takeWhile([](char c) { return c == ';' || isBlank(c); });
         if (cutter.atEnd()) return boundary;
-        std::string_view const name = cutter.takeWhile(isTokenCharacter);
+        std::string_view const name = cutter.takeWhile([](char c) { return isTokenCharacter(c); });
         std::string_view value;
         if (name.empty() || !cutter.take('=') || !cutter.takeValue(value) || hidesBoundary(value))
             refuse(Policy::HTTP_ERR_BAD_BOUNDARY, __LINE__);

@@ -31,9 +31,20 @@ LineSource::LineSource(ZULBufferedInputStream& is, QORByteBuffer& line, Rules ru
 
 bool LineSource::readLine() {
     m_line.reset();
+    if (takeEmptyLine()) return true;
     if (m_rules == Rules::Default ? m_is.readLine(m_line) == -1 : !appendLine()) return false;
     if (m_rules == Rules::Mime) return m_line.pcount() == 0 || joinContinuations();
     if (m_rules != Rules::Http) trimLine();
+    return true;
+}
+
+// The line that ends a head, to the letter and whole in the read-ahead.
+bool LineSource::takeEmptyLine() {
+    if (m_rules == Rules::Default) return false;
+    int have = 0;
+    char const* const next = m_is.peek(have);
+    if (have < 2 || next[0] != '\r' || next[1] != '\n' || !m_bytes.takeIfLeft(2)) return false;
+    m_is.skip(2);
     return true;
 }
 

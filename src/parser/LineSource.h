@@ -38,6 +38,7 @@ public:
     bool readGoodField(HeaderLine& field);
 
 private:
+    bool takeEmptyLine();
     bool appendLine();
     bool joinContinuations();
     void trimLine();
