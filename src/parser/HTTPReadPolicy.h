@@ -20,16 +20,18 @@ struct POSTWIRE_EXPORT HTTPReadPolicy {
     // dropped, up to 64 KiB; more is an error. Nothing behind the message is touched.
     bool boundMessage = false;
 
-    // A part without length and chunks ends before the CRLF that precedes the next delimiter, RFC
-    // 2046 section 5.1.1; a part with either must be followed by a delimiter. A delimiter is a line
-    // of its own between CRLFs, but for white space behind it; the last one may end with its level.
+    // A part without chunks ends before the CRLF that precedes the next delimiter, RFC 2046 section
+    // 5.1.1, and a declared length must agree; a part in chunks must be followed by a delimiter. A
+    // delimiter is a line of its own between CRLFs, but for white space behind it; the last one may
+    // end with its level.
     bool partsEndAtBoundary = false;
 
     // RFC 9112 and 9110 to the letter where the default is lenient and another reader might see
     // other messages in the same bytes. A request that declares no body has none (RFC 9112 section
     // 6.3); it is reported as content(is, 0), and so are those of 204 and 304. Heads of 1xx
-    // responses are skipped, and a reason phrase may be missing. A header line of a part may be
-    // continued by lines that begin with white space. LF alone still ends a line, section 2.2.
+    // responses are skipped, and a reason phrase may be missing. An HTTP/1.1 request has one Host.
+    // A header line of a part may be continued by lines that begin with white space; LF alone ends
+    // a line there, and nowhere else.
     bool strictFraming = false;
 
     // Of a head, and without partsEndAtBoundary of what stands between parts; the line's end left
