@@ -3,10 +3,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <new>
+#include <string_view>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "service/ServerCore.h"
 #include "service/ServiceError.h"
@@ -32,9 +36,26 @@ constexpr milliseconds kStopTick{50};
 // How often peers that take their answers too slowly are looked for.
 constexpr milliseconds kRateTick{1000};
 
+// How often a driver is seen in the same handler, computing, before it is replaced.
+constexpr int kTimesComputing = 10;
+
 constexpr std::uint32_t kAllEvents = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
 constexpr std::uint32_t kEnd = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 constexpr std::uint32_t kInput = EPOLLIN | kEnd;
+
+// Whether the thread runs, or would if a processor were free. Where that can't be told it counts as
+// one that waits.
+bool isRunnable(int thread) {
+    char text[512];
+    std::snprintf(text, sizeof text, "/proc/self/task/%d/stat", thread);
+    Descriptor const file(::open(text, O_RDONLY | O_CLOEXEC));
+    if (file.get() == -1) return false;
+    ssize_t const size = ::read(file.get(), text, sizeof text);
+    std::string_view const stat(text, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    // The state stands behind the name, which is in parentheses and may hold others.
+    std::size_t const end = stat.rfind(") ");
+    return end != std::string_view::npos && stat.substr(end + 2, 1) == "R";
+}
 
 }  // namespace
 
@@ -72,8 +93,10 @@ bool Loop::takeOver() {
     m_quiet = turn == m_lastTurn && turn % 2 == 0;
     if (turn % 2 == 0 || turn != m_lastTurn) {
         m_lastTurn = turn;
+        m_timesSeen = 0;
         return false;
     }
+    if (++m_timesSeen < kTimesComputing && isRunnable(m_driver)) return false;
     if (!m_turn.compare_exchange_strong(turn, turn + 1)) return false;
     expectSlowHandlers();
     return true;
@@ -91,6 +114,7 @@ Loop::Turn Loop::leaveHandler(unsigned turn) {
 }
 
 void Loop::drive() {
+    m_driver = ::gettid();
     m_now = Clock::now();
     for (;;) {
         if (serveEvents() == Turn::lost || serveArrived() == Turn::lost) return;

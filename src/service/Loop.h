@@ -22,8 +22,10 @@ class ServerCore;
 //
 // A handler that takes its time does not hold up the others: the thread of Server::run looks at
 // each loop once a millisecond, and has another thread drive it when its own was in the same
-// handler twice. That thread then ends what it does and leaves the loop alone. Where handlers have
-// turned out to be slow, the next ones are handed to other threads from the start.
+// handler twice and waits for something, or was there ten times. One that only has to share its
+// processor is left alone: no other would get along faster. That thread then ends what it does and
+// leaves the loop alone. Where handlers have turned out to be slow, the next ones are handed to
+// other threads from the start.
 //
 // Ownership: owns its connections, but those that are away.
 // Rule: one thread drives at a time; only adopt, takeOver, expectSlowHandlers, wake and end are
@@ -104,9 +106,11 @@ private:
     // Odd while the driver is in a handler; raised by it at both ends, or by takeOver.
     std::atomic<unsigned> m_turn{0};
     unsigned m_lastTurn = 0;  // that takeOver saw
+    int m_timesSeen = 0;      // there, in a handler
     bool m_quiet = false;
     std::atomic<int> m_slowExpected{0};  // requests to come that are handed over
     std::atomic<int> m_wayWanted{0};     // idle connections to close
+    std::atomic<int> m_driver{0};        // its number in the system
     std::atomic<bool> m_ended{false};
     std::atomic<bool> m_driven{true};
 };

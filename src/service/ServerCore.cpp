@@ -9,6 +9,7 @@
 
 #include <poll.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include "foundation/GuardedAllocation.h"
@@ -32,6 +33,25 @@ constexpr int kMostAccepted = 64;  // before the loops are looked at
 constexpr std::size_t kMostExchanges = 64;
 // Connections beyond the limit that are told so; more are closed at once.
 constexpr int kMostTurnedAway = 1000;
+
+// What a thread has used so far.
+class ThreadUse {
+public:
+    ThreadUse() { ::getrusage(RUSAGE_THREAD, &m_use); }
+
+    // Whether it has waited for something since then, or computed for long.
+    [[nodiscard]] bool isSlowSince(ThreadUse const& before) const {
+        return m_use.ru_nvcsw != before.m_use.ru_nvcsw || computed() - before.computed() > kQuick;
+    }
+
+private:
+    [[nodiscard]] std::chrono::microseconds computed() const {
+        return std::chrono::seconds(m_use.ru_utime.tv_sec + m_use.ru_stime.tv_sec) +
+               std::chrono::microseconds(m_use.ru_utime.tv_usec + m_use.ru_stime.tv_usec);
+    }
+
+    rusage m_use{};
+};
 
 int processors() {
     cpu_set_t set;
@@ -250,6 +270,7 @@ void ServerCore::answer(std::unique_ptr<Exchange> exchange) {
     Connection& connection = *exchange->connection;
     Outcome const outcome =
         exchange->hasToChoose ? exchange->readAsChosen(m_options) : Outcome::whole;
+    ThreadUse const use;
     Clock::time_point const begin = Clock::now();
     if (outcome == Outcome::whole)
         exchange->run(m_handler, isStopping());
@@ -259,7 +280,9 @@ void ServerCore::answer(std::unique_ptr<Exchange> exchange) {
         exchange->refuse({500, "the request could not be read"});
     else
         connection.failed = outcome == Outcome::closed;  // else the rest is read elsewhere
-    if (Clock::now() - begin > kQuick) connection.home.expectSlowHandlers();
+    // One that only had to share its processor was not slow.
+    if (Clock::now() - begin > kQuick && ThreadUse().isSlowSince(use))
+        connection.home.expectSlowHandlers();
     giveBack(std::move(exchange));
     connection.home.adopt(connection);
 }
