@@ -64,15 +64,10 @@ public:
     // As parse of the line's text into a new header. For HTTPHeaders, which keeps lines.
     explicit HTTPHeader(postwire::internal::HeaderLine const& line);
 
-    // The text of the line as it came, for a header that a parser's event gave and that no one has
-    // asked or changed yet; else empty. Good as long as the event.
-    std::string_view lineText() const {
-        return m_borrowed ? m_borrowed->text() : std::string_view();
-    }
-
 private:
     friend class HTTPHeaders;
     friend class HTTPParser;
+    friend struct postwire::internal::LineAsItCame;
 
     // As reset and parse of the line's text, which is taken apart when the header is first asked
     // or changed: most headers of a message never are. Line and bytes must live until then.

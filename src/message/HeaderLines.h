@@ -6,6 +6,8 @@
 
 namespace postwire::internal {
 
+struct LineAsItCame;  // in a header of its own, which is not installed
+
 // A header line where it stands: the name, a zero byte, the text; borrowed.
 struct HeaderLine {
     char const* bytes;

@@ -12,6 +12,7 @@
 
 #include "foundation/AsciiText.h"
 #include "foundation/HTTPException.h"
+#include "message/LineAsItCame.h"
 #include "parser/HTTPReadPolicy.h"
 #include "service/ServiceError.h"
 
@@ -203,7 +204,7 @@ void RequestReader::setURI(char const* uri) { m_uri = uri; }
 
 void RequestReader::header(char const* name, HTTPHeader* value) {
     m_lines.append(name, std::strlen(name) + 1);
-    m_lines.append(value->lineText()).push_back('\0');
+    m_lines.append(internal::LineAsItCame::text(*value)).push_back('\0');
     if (m_target) return m_target->header(name, value);
     HTTPMOMMsgHandler::header(name, value);
 }
