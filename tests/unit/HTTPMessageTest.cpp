@@ -134,7 +134,10 @@ TEST_ROWS(HTTPModel, AnswersEachCallOfATranscript, "model_transcripts.txt") {
 TEST(HTTPMessage, WritesNothingOfATreeThatIsTooLarge) {
     Model model;
     model.root.setBoundary(std::string(1 << 16, 'b').c_str());
-    for (int i = 0; i < 1 << 15; ++i) model.beginPart(), model.open.pop_back();
+    for (int i = 0; i < 1 << 15; ++i) {
+        model.beginPart();
+        model.open.pop_back();
+    }
     QORByteBuffer buf(16, 16);
     EXPECT_EQ("QOROutOfMemoryError", raisedText([&] { model.root.dump(buf, 0); }));
     EXPECT_EQ(0U, buf.pcount());
