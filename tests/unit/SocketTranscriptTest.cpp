@@ -125,7 +125,10 @@ struct Sockets {
         if (call.is("openHost")) near->Open(port());
         if (call.is("openAt")) near->Open(port(), address(a));
         if (call.is("open")) near->Open();
-        if (call.is("connect")) openNear(), accepted(server.AwaitCommunicationAttempt());
+        if (call.is("connect")) {
+            openNear();
+            accepted(server.AwaitCommunicationAttempt());
+        }
         if (call.is("prepare")) near->prepare(port(), address(a));
         if (call.is("close")) named(a).Close();
         if (call.is("held")) give(Members::held(named(a)));
@@ -166,7 +169,10 @@ struct Sockets {
         auto* const memory = nowhere ? nullptr : reinterpret_cast<unsigned char*>(bytes);
         int* const counter = uncounted ? nullptr : &count;
         if (call.is("read") || call.is("write") || call.is("send")) count = 7;
-        if (call.is("read")) near->ReadBuffer(memory, n, counter), taken(count);
+        if (call.is("read")) {
+            near->ReadBuffer(memory, n, counter);
+            taken(count);
+        }
         if (call.is("send")) near->WriteBuffer(memory, n, counter);
         if (call.is("write"))
             near->WriteBuffer(reinterpret_cast<unsigned char const*>(a.data()),
@@ -181,7 +187,10 @@ struct Sockets {
         if (call.is("closeStream")) in.close();
         if (call.is("canUnread")) give(in.canUnread());
         if (call.is("out")) out.write("hello", n);
-        if (call.is("unbind")) in.setSoapSocket(nullptr), out.setSoapSocket(nullptr);
+        if (call.is("unbind")) {
+            in.setSoapSocket(nullptr);
+            out.setSoapSocket(nullptr);
+        }
         if (call.is("buffer")) give(std::string(buffer.str(), buffer.pcount()));
     }
 
@@ -192,14 +201,20 @@ struct Sockets {
         if (call.is("acceptIn")) accepted(server.acceptConnection(n));
         if (call.is("awaitIn")) accepted(server.AwaitCommunicationAttempt(n));
         // Opened again, a server forgets its descriptor and does not close it.
-        if (call.is("listen")) owned.push_back(Members::made(server)), server.Open(n ? port() : 0);
+        if (call.is("listen")) {
+            owned.push_back(Members::made(server));
+            server.Open(n ? port() : 0);
+        }
         if (call.is("peer")) give(asText(server.m_peerAddress).substr(0, 9));
         if (call.is("farSends")) ::send(far(), call.all(), call.text.size(), 0);
         if (call.is("farEnds")) ::shutdown(far(), SHUT_WR);
         if (call.is("farGets")) taken(::recv(far(), bytes, sizeof bytes, 0));
         if (call.is("farResets"))
             ::setsockopt(far(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
-        if (call.is("farCloses") || call.is("farResets")) ::close(far()), owned.pop_back();
+        if (call.is("farCloses") || call.is("farResets")) {
+            ::close(far());
+            owned.pop_back();
+        }
     }
 
     void onModule(Call const& call, int n) {
@@ -223,7 +238,10 @@ struct Sockets {
         if (call.is("get")) give(module->TOV_GetAddress(static_cast<unsigned long>(n), &found));
         if (call.is("get")) give(asText(found));
         char text[32] = "unchanged";
-        if (call.is("format")) give(module->TOV_GetAddressAsText(&found, text, n)), give(text);
+        if (call.is("format")) {
+            give(module->TOV_GetAddressAsText(&found, text, n));
+            give(text);
+        }
         if (call.is("recorded")) give(recorded());
     }
     static char const* recorded() {
@@ -235,12 +253,21 @@ struct Sockets {
     void onSystem(Call const& call) {
         if (call.is("brief")) brief = true;
         if (call.is("faults")) faults = std::make_unique<SystemCallFaults>(call.text);
-        if (call.is("calls")) give(SystemCallFaults::log()), faults.reset();
+        if (call.is("calls")) {
+            give(SystemCallFaults::log());
+            faults.reset();
+        }
         if (call.is("new")) give(descriptors() - before);
         if (call.is("inherited")) give(descriptors(true) - inherited);
-        if (call.is("freeInput")) input = ::fcntl(0, F_DUPFD, 100), ::close(0);
+        if (call.is("freeInput")) {
+            input = ::fcntl(0, F_DUPFD, 100);
+            ::close(0);
+        }
         if (call.is("input")) give(::fcntl(0, F_GETFD) == -1 ? "0 is free" : "0 is taken");
-        if (call.is("input")) ::dup2(input, 0), ::close(input);
+        if (call.is("input")) {
+            ::dup2(input, 0);
+            ::close(input);
+        }
     }
 
     std::vector<std::string> gave;
