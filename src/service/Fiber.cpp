@@ -1,6 +1,7 @@
 #include "service/Fiber.h"
 
-#include <cstdint>
+#include <array>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -87,9 +88,11 @@ Fiber::Fiber(StackPool& pool, std::function<void(Fiber&)> function)
     m_own.uc_stack.ss_size = StackPool::kSize;
     m_own.uc_link = nullptr;
     // A context takes its arguments as int, on 64 bit the pointer in two.
-    auto const self = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(this));
-    ::makecontext(&m_own, reinterpret_cast<void (*)()>(&Fiber::enter), 2,
-                  static_cast<unsigned int>(self >> 32), static_cast<unsigned int>(self));
+    void* const self = this;
+    std::array<unsigned int, 2> words{};
+    static_assert(sizeof self <= sizeof words);
+    std::memcpy(words.data(), &self, sizeof self);
+    ::makecontext(&m_own, reinterpret_cast<void (*)()>(&Fiber::enter), 2, words[0], words[1]);
 #ifdef POSTWIRE_TSAN
     m_threadFiber = __tsan_create_fiber(0);
 #endif
@@ -122,9 +125,11 @@ void Fiber::suspend() {
     arrive();
 }
 
-void Fiber::enter(unsigned int high, unsigned int low) {
-    auto const self = static_cast<std::uint64_t>(high) << 32 | low;
-    Fiber& fiber = *reinterpret_cast<Fiber*>(static_cast<std::uintptr_t>(self));
+void Fiber::enter(unsigned int first, unsigned int second) {
+    std::array<unsigned int, 2> const words{first, second};
+    void* self = nullptr;
+    std::memcpy(&self, words.data(), sizeof self);
+    auto& fiber = *static_cast<Fiber*>(self);
     fiber.arrive();
     fiber.m_function(fiber);
     fiber.m_returned = true;

@@ -49,7 +49,7 @@ public:
     void suspend();
 
 private:
-    static void enter(unsigned int high, unsigned int low);
+    static void enter(unsigned int first, unsigned int second);
     void arrive();
     void leave(bool forEver);
 

@@ -68,7 +68,7 @@ int RequestSource::give(char* bytes, std::size_t room) {
     }
     for (;;) {
         if (m_connection->ended) return -1;
-        if (!m_receives) throw NotHere();
+        if (!m_wait || !m_receives) throw NotHere();
         int const got = m_connection->receive(bytes, room);
         if (got < 0) {
             m_wait->wait(*m_connection, m_inHead);

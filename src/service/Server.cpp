@@ -17,7 +17,7 @@ ServerOptions onPort(int port) {
 }  // namespace
 
 Server::Server(int port) : Server(onPort(port)) {}
-Server::Server(ServerOptions options) : m_core(std::make_unique<ServerCore>(std::move(options))) {}
+Server::Server(ServerOptions const& options) : m_core(std::make_unique<ServerCore>(options)) {}
 Server::~Server() = default;
 
 int Server::port() const { return m_core->port(); }

@@ -33,7 +33,7 @@ public:
 
     // Listens from now on, on all addresses of this machine, or as told.
     explicit Server(int port);
-    explicit Server(ServerOptions options);
+    explicit Server(ServerOptions const& options);
     Server(Server const&) = delete;
     Server& operator=(Server const&) = delete;
 

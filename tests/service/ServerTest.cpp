@@ -42,8 +42,9 @@ void describe(Request& request, Response& response) {
 
 class RunningServer {
 public:
-    explicit RunningServer(postwire::Server::Handler handler = describe, ServerOptions options = {})
-        : m_server(std::move(options)),
+    explicit RunningServer(postwire::Server::Handler handler = describe,
+                           ServerOptions const& options = {})
+        : m_server(options),
           m_thread([this, handler = std::move(handler)] { m_server.run(handler); }) {}
     ~RunningServer() { stop(); }
 
