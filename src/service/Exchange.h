@@ -3,7 +3,7 @@
 #include <functional>
 #include <optional>
 
-#include "service/Answer.h"
+#include "service/AnswerWriter.h"
 #include "service/Connection.h"
 #include "service/Request.h"
 #include "service/RequestReader.h"
@@ -37,7 +37,7 @@ struct Exchange {
     Connection* connection = nullptr;
     bool hasToChoose = false;  // the next thing to do is readAsChosen
     RequestReader reader;
-    Answer answer;
+    AnswerWriter answer;
 
 private:
     void leave(std::optional<Refusal> const& refusal = {});

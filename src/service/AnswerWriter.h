@@ -19,13 +19,14 @@ namespace postwire {
 // and what the peer does not take at once is left to the connection's loop.
 //
 // Raises: ServiceError::Code::peerGone and Code::timeLimit.
-class Answer : public ZULOutputStream {
+class AnswerWriter : public ZULOutputStream {
 public:
     // Above this many bytes an answer begins to leave while it is written.
     static constexpr std::size_t kHeld = 65536;
 
-    Answer(ServerOptions const& options, Budget& budget) : m_options(options), m_budget(budget) {}
-    ~Answer() override;
+    AnswerWriter(ServerOptions const& options, Budget& budget)
+        : m_options(options), m_budget(budget) {}
+    ~AnswerWriter() override;
 
     void begin(Connection& connection, int minorVersion);
 

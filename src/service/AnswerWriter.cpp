@@ -1,4 +1,4 @@
-#include "service/Answer.h"
+#include "service/AnswerWriter.h"
 
 #include <algorithm>
 #include <array>
@@ -95,9 +95,9 @@ void requireText(std::string_view text) {
 
 }  // namespace
 
-Answer::~Answer() = default;
+AnswerWriter::~AnswerWriter() = default;
 
-void Answer::begin(Connection& connection, int minorVersion) {
+void AnswerWriter::begin(Connection& connection, int minorVersion) {
     m_connection = &connection;
     m_minorVersion = minorVersion;
     m_fields.clear();
@@ -111,19 +111,19 @@ void Answer::begin(Connection& connection, int minorVersion) {
     m_taken = 0;
 }
 
-void Answer::setHeader(std::string_view name, std::string_view text) {
+void AnswerWriter::setHeader(std::string_view name, std::string_view text) {
     if (!isToken(name) || isOurs(name)) raiseUsage("not a header name that an answer may set");
     requireText(text);
     m_fields.append(name).append(": ").append(text).append("\r\n");
 }
 
-void Answer::send(int status, std::string_view type, std::string_view body) {
+void AnswerWriter::send(int status, std::string_view type, std::string_view body) {
     begin(status, type);
     writeHead(status, type, body.size());
     put(body.data(), body.size());
 }
 
-void Answer::begin(int status, std::string_view type) {
+void AnswerWriter::begin(int status, std::string_view type) {
     if (m_given) raiseUsage("the request has been answered already");
     if (status < 200 || status > 599) raiseUsage("not the status of an answer");
     requireText(type);
@@ -131,7 +131,7 @@ void Answer::begin(int status, std::string_view type) {
     m_status = status;
 }
 
-OnePieceHttpMsg& Answer::onePiece(int status, std::string_view type, int chunkSize) {
+OnePieceHttpMsg& AnswerWriter::onePiece(int status, std::string_view type, int chunkSize) {
     begin(status, type);
     m_onePiece = std::make_unique<OnePieceHttpMsg>(*this, chunkSizeFor(chunkSize));
     startNode(*m_onePiece, status);
@@ -139,7 +139,7 @@ OnePieceHttpMsg& Answer::onePiece(int status, std::string_view type, int chunkSi
     return *m_onePiece;
 }
 
-MultipartHttpMsg& Answer::multipart(int status, int chunkSize) {
+MultipartHttpMsg& AnswerWriter::multipart(int status, int chunkSize) {
     begin(status, {});
     m_multipart = std::make_unique<MultipartHttpMsg>(*this, chunkSizeFor(chunkSize),
                                                      randomBoundary().c_str());
@@ -147,7 +147,7 @@ MultipartHttpMsg& Answer::multipart(int status, int chunkSize) {
     return *m_multipart;
 }
 
-void Answer::addPart(std::string_view type, std::string_view id, std::string_view bytes) {
+void AnswerWriter::addPart(std::string_view type, std::string_view id, std::string_view bytes) {
     if (!m_multipart) raiseUsage("no multipart answer has been begun");
     requireText(type);
     requireText(id);
@@ -160,12 +160,12 @@ void Answer::addPart(std::string_view type, std::string_view id, std::string_vie
 }
 
 // HTTP/1.0 knows no chunks.
-int Answer::chunkSizeFor(int asked) const {
+int AnswerWriter::chunkSizeFor(int asked) const {
     if (asked < 0) raiseUsage("a chunk size is negative");
     return m_minorVersion == 0 ? 0 : asked;
 }
 
-void Answer::startNode(HttpMsgNode& node, int status) {
+void AnswerWriter::startNode(HttpMsgNode& node, int status) {
     node.startResponse(status, reasonOf(status));
     node.setHeader("Date", date());
     if (m_connection->closing)
@@ -181,7 +181,7 @@ void Answer::startNode(HttpMsgNode& node, int status) {
     }
 }
 
-void Answer::refuse(Refusal const& refusal) {
+void AnswerWriter::refuse(Refusal const& refusal) {
     m_onePiece.reset();
     m_multipart.reset();
     m_held.clear();
@@ -195,7 +195,7 @@ void Answer::refuse(Refusal const& refusal) {
 }
 
 // 204 has neither a body nor a length, RFC 9110 section 8.6.
-void Answer::writeHead(int status, std::string_view type, std::size_t length) {
+void AnswerWriter::writeHead(int status, std::string_view type, std::size_t length) {
     char line[96];
     int n = std::snprintf(line, sizeof line, "HTTP/1.1 %d %s\r\n", status, reasonOf(status));
     m_held.append(line, static_cast<std::size_t>(n));
@@ -213,7 +213,7 @@ void Answer::writeHead(int status, std::string_view type, std::size_t length) {
 }
 
 // RFC 9110 section 5.6.7; made anew once a second.
-char const* Answer::date() {
+char const* AnswerWriter::date() {
     static constexpr char const* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
     static constexpr char const* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                               "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
@@ -232,11 +232,11 @@ char const* Answer::date() {
     return m_date;
 }
 
-void Answer::write(char const* data, int length) {
+void AnswerWriter::write(char const* data, int length) {
     if (length > 0) put(data, static_cast<std::size_t>(length));
 }
 
-void Answer::put(char const* data, std::size_t size) {
+void AnswerWriter::put(char const* data, std::size_t size) {
     if (m_held.size() + size <= kHeld)
         m_held.append(data, size);
     else
@@ -245,7 +245,7 @@ void Answer::put(char const* data, std::size_t size) {
 
 // Sends until what is left may wait in memory. Where the budget has no room, the calling thread
 // waits for the peer instead.
-void Answer::push(char const* data, std::size_t size) {
+void AnswerWriter::push(char const* data, std::size_t size) {
     for (;;) {
         m_left = true;
         std::size_t const held = m_held.size() - m_sent;
@@ -271,7 +271,7 @@ void Answer::push(char const* data, std::size_t size) {
 }
 
 // The time for the answer begins when the peer first does not take what there is of it.
-void Answer::awaitPeer() {
+void AnswerWriter::awaitPeer() {
     constexpr std::chrono::seconds kTick{1};
     Clock::time_point now = Clock::now();
     if (m_waitsSince == Clock::time_point()) m_waitsSince = now;
@@ -282,7 +282,7 @@ void Answer::awaitPeer() {
     throw ServiceError(ServiceError::Code::timeLimit, "the peer does not take its answer");
 }
 
-void Answer::complete() {
+void AnswerWriter::complete() {
     if (!m_given) return send(202, {}, {});
     if (m_onePiece) m_onePiece->finish();
     if (m_multipart) m_multipart->finish();
@@ -290,7 +290,7 @@ void Answer::complete() {
     m_multipart.reset();
 }
 
-void Answer::leave() {
+void AnswerWriter::leave() {
     while (m_sent < m_held.size()) {
         m_left = true;
         std::size_t const taken =
