@@ -245,10 +245,14 @@ protected:
     // The same with the system's text for errno.
     [[noreturn]] void raiseSysError(int line, int id);
 
+    // A receive ("read") or a send ("write") as the trace shows it; nothing without one. For
+    // sockets whose reads and writes do not go through those of this class, as of TLS: each calls
+    // it once for what it has given or taken.
+    void trace(char const* direction, unsigned char const* bytes, int n);
+
 private:
     void connectTo(sockaddr_storage const& address, bool keepOffZero);
     void waitForInput();
-    void trace(char const* direction, unsigned char const* bytes, int n);
 };
 
 // A listening TCP socket on all IPv4 interfaces. Connections are handed out as descriptors, for
