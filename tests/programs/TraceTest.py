@@ -83,19 +83,33 @@ class Trace(programs.TestCase):
         self.assertEqual(0, shown.returncode)
         self.assertIn('    stopped here: HTTPException: method is not POST', shown.stdout)
 
-    def test_files_that_are_no_trace_end_with_2(self):
+    def test_files_that_are_no_trace_end_with_3(self):
         for content in (b'x', b'POST / HTTP/1.1\r\n\r\n', b'\n<read[x]>\n', b'\n<read[-1]>\n',
                         b'\n<read[1]>\nabc', b'\n<write[99999999999999999999999]>\n',
                         b'\n<read[18446744073709551615]>\nabc'):
             with self.subTest(content):
                 failed = self.run_on(content, 'show')
-                self.assertEqual(2, failed.returncode)
+                self.assertEqual(3, failed.returncode)
                 self.assertRegex(failed.stderr, 'not a socket trace|damaged at byte 12')
         folder = self.folder()
         for path in folder, folder / 'none':
             missing = self.run_program('postwire-trace', 'show', path)
-            self.assertEqual((2, ''), (missing.returncode, missing.stdout))
+            self.assertEqual((3, ''), (missing.returncode, missing.stdout))
             self.assertIn(str(path), missing.stderr)
+
+    def test_bad_options_are_named_with_what_they_take(self):
+        for text, *arguments in (
+                ('a command is missing: show, stats or pcap',),
+                ('TRACE is required', 'show'), ('no such option or argument: --x', 'show', '--x', 't'),
+                ("--role: 'x' is not client, server or guess", 'show', '--role', 'x', 't'),
+                ("--client-port: '0' is no number from 1 to 65535", 'pcap', 't', 'o',
+                 '--client-port', '0'),
+                ('--client-port: PORT is missing', 'pcap', 't', 'o', '--client-port'),
+                ("--server-address: '1.2.3' is no IPv4 address", 'pcap', 't', 'o',
+                 '--server-address', '1.2.3')):
+            bad = self.run_program('postwire-trace', *arguments)
+            self.assertEqual((2, '', f'postwire-trace: {text} (see postwire-trace --help)\n'),
+                             (bad.returncode, bad.stdout, bad.stderr))
 
     def test_a_trace_cut_at_any_byte_is_used_as_far_as_it_goes(self):
         content = trace(('read', REQUEST), ('write', RESPONSE))
@@ -126,15 +140,15 @@ class Trace(programs.TestCase):
         self.assertEqual([whole, response, '49152;;100;', whole, response, '8080;POST;;', response],
                          rows)
 
-    def test_output_that_cannot_be_written_ends_with_1(self):
+    def test_output_that_cannot_be_written_ends_with_3(self):
         readable = self.file(b'')
         for content, out in (EXCHANGE, '/none/out'), (EXCHANGE, '/dev/full'), \
                 (EXCHANGE * 99, '/dev/full'), (EXCHANGE, readable):
-            self.assertEqual(1, self.run_on(content, 'pcap', out).returncode)
+            self.assertEqual(3, self.run_on(content, 'pcap', out).returncode)
         self.assertEqual(readable.read_bytes(), b'')
         with open('/dev/full', 'wb') as full:
             for command in 'show', 'stats':
-                self.assertEqual(1, self.run_on(EXCHANGE, command, stdout=full).returncode)
+                self.assertEqual(3, self.run_on(EXCHANGE, command, stdout=full).returncode)
 
 
 if __name__ == '__main__':

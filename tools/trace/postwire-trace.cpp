@@ -4,12 +4,11 @@
 #include <csignal>
 #include <cstdio>
 #include <iostream>
-#include <map>
 #include <string>
 
-#include <CLI/CLI.hpp>
 #include <arpa/inet.h>
 
+#include "tools/common/CommandLineParser.h"
 #include "tools/common/MessageSummary.h"
 #include "tools/common/StandardStreams.h"
 #include "tools/common/TextEscapes.h"
@@ -19,18 +18,23 @@
 
 namespace {
 
-// Exit codes, as the manual page lists them.
-constexpr int kDone = 0, kNotWritten = 1, kNoTrace = 2;
-
+constexpr char kProgram[] = "postwire-trace";
 constexpr std::size_t kShown = 60;  // bytes of a body that show prints
 
 struct Options {
     std::string trace;
-    Conversation::Role role = Conversation::Role::Guess;
+    std::string role = "guess";
     std::string out;
     std::string clientAddress = "127.0.0.1", serverAddress = "127.0.0.1";
     std::uint16_t clientPort = 49152, serverPort = 80;
 };
+
+Conversation::Role roleOf(Options const& options) {
+    using Role = Conversation::Role;
+    return options.role == "client"   ? Role::Client
+           : options.role == "server" ? Role::Server
+                                      : Role::Guess;
+}
 
 void printHead(std::string_view head) {
     while (!head.empty()) {
@@ -58,7 +62,7 @@ void printBody(HTTPMessage& message, int depth = 2) {
 }
 
 void show(Options const& options, TraceFile const& trace) {
-    Conversation const conversation(trace, options.role);
+    Conversation const conversation(trace, roleOf(options));
     int number = 0;
     for (TracedMessage const& message : conversation.messages()) {
         std::cout << (message.read ? "<- " : "-> ") << "message " << ++number << ": "
@@ -85,7 +89,7 @@ void printTotals(char const* name, Totals const& totals) {
 }
 
 void stats(Options const& options, TraceFile const& trace) {
-    Conversation const conversation(trace, options.role);
+    Conversation const conversation(trace, roleOf(options));
     Totals received, sent;
     for (TracedMessage const& message : conversation.messages())
         ++(message.read ? received : sent).messages;
@@ -99,20 +103,40 @@ void stats(Options const& options, TraceFile const& trace) {
     printTotals("sent", sent);
 }
 
+CLI::Validator address() {
+    auto const check = [](std::string const& text) -> std::string {
+        in_addr parsed{};
+        if (inet_pton(AF_INET, text.c_str(), &parsed) == 1) return {};
+        return "'" + text + "' is no IPv4 address";
+    };
+    return {check, "", ""};
+}
+
 PcapEndpoint endpoint(std::string const& address, std::uint16_t port) {
     in_addr parsed{};
-    if (inet_pton(AF_INET, address.c_str(), &parsed) != 1)
-        throw CLI::ValidationError(address, "not an IPv4 address");
+    inet_pton(AF_INET, address.c_str(), &parsed);
     return {ntohl(parsed.s_addr), port};
 }
 
 void capture(Options const& options, TraceFile const& trace) {
-    Conversation const conversation(trace, options.role);
+    Conversation const conversation(trace, roleOf(options));
     PcapFile file(options.out, endpoint(options.clientAddress, options.clientPort),
                   endpoint(options.serverAddress, options.serverPort));
     for (TraceBlock const& block : trace.blocks())
         file.write(block.read == conversation.isServer(), block.bytes);
     file.finish();
+}
+
+void defineEndpoint(CLI::App& app, std::string const& side, std::string& host,
+                    std::uint16_t& port) {
+    app.add_option("--" + side + "-address", host, "IPv4 address to show")
+        ->type_name("ADDRESS")
+        ->check(address())
+        ->capture_default_str();
+    app.add_option("--" + side + "-port", port, "Port to show; Wireshark reads 80 as HTTP")
+        ->type_name("PORT")
+        ->check(within(1, 65535))
+        ->capture_default_str();
 }
 
 int run(Options const& options, void (*job)(Options const&, TraceFile const&)) {
@@ -123,48 +147,41 @@ int run(Options const& options, void (*job)(Options const&, TraceFile const&)) {
         std::cerr << options.trace << ": ends inside the line before a block\n";
     if (trace.missing() > 0)
         std::cerr << options.trace << ": the last block lacks " << trace.missing() << " bytes\n";
-    return kDone;
+    return static_cast<int>(ExitCode::Done);
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
     openStandardStreams();
     std::signal(SIGXFSZ, SIG_IGN);  // a capture that reaches the limit for files is reported
     Options options;
-    CLI::App app("Reads the trace file of a postwire socket.");
-    app.set_version_flag("--version", POSTWIRE_VERSION);
+    CommandLineParser parser(kProgram, "Reads the trace file of a postwire socket.");
+    CLI::App& app = parser.app();
     app.require_subcommand(1);
-    std::map<std::string, Conversation::Role> const roles{{"client", Conversation::Role::Client},
-                                                          {"server", Conversation::Role::Server},
-                                                          {"guess", Conversation::Role::Guess}};
+    app.footer(
+        "Exit codes: 0 done, 2 bad options, 3 the trace can't be read or is none, or the\n"
+        "output can't be written.");
     void (*job)(Options const&, TraceFile const&) = nullptr;
     auto const command = [&](char const* name, char const* text, auto run) {
-        CLI::App* const sub = app.add_subcommand(name, text);
-        sub->add_option("trace", options.trace, "The trace file")->required();
+        CLI::App* const sub = app.add_subcommand(name, text)->group("Commands");
+        sub->add_option("TRACE", options.trace, "The trace file")->required();
         sub->add_option("--role", options.role, "Which side wrote it: client, server or guess")
-            ->transform(CLI::CheckedTransformer(roles));
+            ->type_name("ROLE")
+            ->check(oneOf({"client", "server", "guess"}))
+            ->capture_default_str();
         sub->callback([&job, run] { job = run; });
         return sub;
     };
     command("show", "Print the exchange message by message", show);
     command("stats", "Count messages, bytes and calls", stats);
     CLI::App* const toPcap = command("pcap", "Write a capture file for Wireshark", capture);
-    toPcap->add_option("out", options.out, "The capture file to write")->required();
-    toPcap->add_option("--client-address", options.clientAddress, "IPv4 address to show");
-    toPcap->add_option("--server-address", options.serverAddress, "IPv4 address to show");
-    toPcap->add_option("--client-port", options.clientPort, "Port to show");
-    toPcap->add_option("--server-port", options.serverPort, "Port to show; 80 is read as HTTP");
-    try {
-        app.parse(argc, argv);
-        return run(options, job);
-    } catch (CLI::ParseError const& e) {
-        return app.exit(e);
-    } catch (TraceError const& e) {
-        std::cerr << "postwire-trace: " << e.what() << '\n';
-        return kNoTrace;
-    } catch (std::exception const& e) {
-        std::cerr << "postwire-trace: " << e.what() << '\n';
-        return kNotWritten;
-    }
+    toPcap->add_option("OUT", options.out, "The capture file to write; -: standard output")
+        ->required();
+    defineEndpoint(*toPcap, "client", options.clientAddress, options.clientPort);
+    defineEndpoint(*toPcap, "server", options.serverAddress, options.serverPort);
+    if (auto const code = parser.parse(argc, argv)) return *code;
+    return run(options, job);
+} catch (std::exception const& e) {
+    return complain(kProgram, ExitCode::BadFile, e.what());
 }
