@@ -75,7 +75,7 @@ std::string textOf(CLI::ParseError const& error, CLI::App const& app) {
         text.replace(0, colon, "no such option or argument");
     } else if (code == CLI::ExitCodes::RequiredError && text == "A subcommand is required") {
         text = "a command is missing: " + joined(commands, " or ");
-    } else if (text.compare(colon + 2, missing.size(), missing) == 0) {
+    } else if (text.find(missing) == colon + 2) {
         text.erase(colon + 2, missing.size());
         text.insert(text.rfind(" missing"), " is");
     }
