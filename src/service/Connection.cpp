@@ -39,6 +39,7 @@ Connection::~Connection() {
 int Connection::receive(char* bytes, std::size_t size) noexcept {
     for (;;) {
         ssize_t const n = ::recv(fd, bytes, std::min<std::size_t>(size, INT_MAX), MSG_DONTWAIT);
+        if (n > 0 && trace) trace->received(bytes, static_cast<std::size_t>(n));
         if (n > 0) return static_cast<int>(n);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN)) return -1;
@@ -57,6 +58,10 @@ std::size_t Connection::transmit(char const* first, std::size_t firstSize, char 
     message.msg_iovlen = secondSize > 0 ? 2 : 1;
     for (;;) {
         ssize_t const n = ::sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n > 0 && trace) {
+            std::size_t const ofFirst = std::min(firstSize, static_cast<std::size_t>(n));
+            trace->sent(first, ofFirst, second, static_cast<std::size_t>(n) - ofFirst);
+        }
         if (n >= 0) return static_cast<std::size_t>(n);
         if (errno == EINTR) continue;
         if (errno == EAGAIN) return 0;

@@ -10,6 +10,7 @@
 
 #include "service/BodyChoice.h"
 #include "service/ExchangeReport.h"
+#include "service/WireTrace.h"
 
 namespace postwire {
 
@@ -81,6 +82,7 @@ struct Connection {
     bool toldToGoOn = false;  // 100 was sent for the request that has begun
     int attempts = 0;         // to read that request
     int discarded = 0;        // bytes, while discarding
+    std::unique_ptr<WireTrace> trace;        // where the server traces
     std::unique_ptr<ExchangeReport> report;  // of an answer that is on its way, where it is wanted
     std::shared_ptr<BodyChoice const> choice;  // for that request, once the program was asked
     Clock::time_point answerBegan{};           // to leave, where exchanges are observed

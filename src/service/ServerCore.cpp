@@ -27,6 +27,13 @@ constexpr milliseconds kTick{1};
 // A handler that takes longer is not quick: it costs more than its hand-over.
 constexpr milliseconds kQuick{1};
 constexpr milliseconds kEpisodeEnd{10000};
+// Whether nothing of the kind has happened for a while.
+bool isNewEpisode(Clock::time_point& last) {
+    Clock::time_point const now = Clock::now();
+    Clock::time_point const before = std::exchange(last, now);
+    return before == Clock::time_point() || now - before > kEpisodeEnd;
+}
+
 constexpr int kGivingWay = 8;      // connections of each loop
 constexpr int kMostAccepted = 64;  // before the loops are looked at
 // Kept for the next burst.
@@ -163,6 +170,7 @@ bool ServerCore::acceptOne() {
     }
     Loop& loop = *m_loops[m_nextLoop++ % m_loops.size()];
     auto connection = std::make_unique<Connection>(fd, peer, loop);
+    if (!m_options.traceFolder.empty()) beginToTrace(*connection);
     if (admit(*connection))
         loop.adopt(*connection.release());
     else
@@ -173,13 +181,29 @@ bool ServerCore::acceptOne() {
 // Idle connections give way to those that want to be accepted. An episode is over when nothing was
 // lacking for a while.
 void ServerCore::lackDescriptors(int error) {
-    Clock::time_point const now = Clock::now();
-    bool const isNew = m_lackedAt == Clock::time_point() || now - m_lackedAt > kEpisodeEnd;
-    m_lackedAt = now;
+    bool const isNew = isNewEpisode(m_lackedAt);
     for (auto const& loop : m_loops) loop->giveWay(kGivingWay);
     if (!isNew) return;
-    std::string const text =
-        "can't accept, idle connections give way: " + std::generic_category().message(error);
+    complain("can't accept, idle connections give way: " + std::generic_category().message(error));
+}
+
+void ServerCore::beginToTrace(Connection& connection) try {
+    connection.trace =
+        std::make_unique<WireTrace>(beginTrace(m_options.traceFolder, "connection", m_traces));
+} catch (ServiceError const& e) {
+    traceFailed(e.what());
+}
+
+void ServerCore::traceFailed(std::string const& text) {
+    bool isNew = false;
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        isNew = isNewEpisode(m_untracedAt);
+    }
+    if (isNew) complain(text);
+}
+
+void ServerCore::complain(std::string const& text) const {
     if (m_options.complain)
         m_options.complain(text);
     else
@@ -217,6 +241,9 @@ void ServerCore::report(Connection& connection) noexcept {
 
 void ServerCore::endConnection(std::unique_ptr<Connection> connection) {
     if (connection->report) report(*connection);
+    if (connection->trace && connection->trace->error() != 0)
+        traceFailed("a trace in " + m_options.traceFolder + " could not be written: " +
+                    std::generic_category().message(connection->trace->error()));
     m_budget.giveBack(connection->budgeted);
     if (m_options.maxConnectionsOfAddress > 0) {
         std::lock_guard<std::mutex> const lock(m_mutex);

@@ -70,6 +70,9 @@ private:
     void acceptAll();
     bool acceptOne();
     void lackDescriptors(int error);
+    void complain(std::string const& text) const;
+    void beginToTrace(Connection& connection);
+    void traceFailed(std::string const& text);
     bool admit(Connection const& connection);
     void turnAway(std::unique_ptr<Connection> connection);
     void beginToStop();
@@ -86,8 +89,10 @@ private:
     std::atomic<bool> m_asleep{false};
     Clock::time_point m_stoppedAt{};  // written before m_stopping
     std::atomic<int> m_connections{0};
+    int m_traces = 0;
     bool m_acceptsAgainLater = false;
-    Clock::time_point m_lackedAt{};  // descriptors or memory, last
+    Clock::time_point m_lackedAt{};    // descriptors or memory, last
+    Clock::time_point m_untracedAt{};  // last, under the mutex
 
     std::mutex m_mutex;
     std::vector<std::unique_ptr<Exchange>> m_exchanges;

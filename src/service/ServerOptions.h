@@ -57,11 +57,18 @@ struct POSTWIRE_EXPORT ServerOptions {
     // from its beginning; looked at from the tenth second on. 0: none.
     int lowestRate = 100;
 
+    // What each connection receives and sends goes into a file of its own in this folder, which has
+    // to be there: connection-000001.trace as SoapSocket::echo writes it, and beside it when,
+    // connection-000001.trace.times. Readable by their owner alone, as they hold every secret. What
+    // can't be traced, as on a full disk, is served all the same. Empty: nothing is traced.
+    std::string traceFolder;
+
     // Told of each exchange.
     ExchangeObserver observe;
 
     // Gets a line for what the operator should know and no client is told: descriptors or memory
-    // have run out. Once an episode; without it the line goes to the standard error stream.
+    // have run out, or traces can't be written. Once an episode; without it the line goes to the
+    // standard error stream.
     std::function<void(std::string_view)> complain;
 };
 

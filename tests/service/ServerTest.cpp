@@ -1,10 +1,14 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <regex>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -306,6 +310,37 @@ TEST(ServerObserver, IsToldOfEachExchangeAndOfEachConnectionTurnedAway) {
                                           "127.0.0.1  503 0 the server has too many connections",
                                           "127.0.0.1  405 sized 1000 method is not POST"}),
               seen);
+}
+
+std::string contentOf(std::string const& path) {
+    std::ostringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
+}
+
+TEST(ServerTrace, HoldsWhatCameAndWentAndWhenAndFailsAlone) {
+    std::string const folder = testing::TempDir() + "traces" + std::to_string(::getpid());
+    std::filesystem::create_directory(folder);
+    ServerOptions options = oneLoop();
+    options.traceFolder = folder;
+    int complaints = 0;
+    options.complain = [&](std::string_view) { ++complaints; };
+    RunningServer server(describe, options);
+    std::string const sent = post("/a", "x");
+    HttpPeer::Answer const answer = HttpPeer(server.port()).exchange(sent);
+    std::string const got = answer.head + "\r\n" + answer.body;
+    std::string const path = folder + "/connection-000001.trace";
+    std::string const in = std::to_string(sent.size());
+    std::string const out = std::to_string(got.size());
+    while (contentOf(path + ".times").find("\ns ") == std::string::npos) std::this_thread::yield();
+    EXPECT_EQ("\n<read[" + in + "]>\n" + sent + "\n<write[" + out + "]>\n" + got, contentOf(path));
+    std::regex const times("# postwire times 1\nr " + in + " \\d{10}\\.\\d{6}\ns " + out +
+                           " \\d{10}\\.\\d{6}\n");
+    EXPECT_TRUE(std::regex_match(contentOf(path + ".times"), times));
+    std::filesystem::remove_all(folder);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(200, HttpPeer(server.port()).exchange(sent).status);
+    server.stop();
+    EXPECT_EQ(1, complaints);
 }
 
 TEST(ServerLimits, ConnectionBeyondTheLimitIsTurnedAway) {
