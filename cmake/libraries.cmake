@@ -1,6 +1,6 @@
 # The libraries: each is a set of objects, linked into its shared library and, so that internal
 # classes can be reached, into the unit tests. POSTWIRE_LIBRARIES lists them; all of them are
-# installed and packaged.
+# installed and packaged. Others link postwire::NAME, and postwire::service for postwire-service.
 
 function(postwire_add_library name map)
   file(GLOB sources CONFIGURE_DEPENDS ${ARGN})
@@ -17,14 +17,15 @@ function(postwire_add_library name map)
 
   add_library(${name} SHARED)
   target_link_libraries(${name} PRIVATE ${name}_objects)
-  add_library(postwire::${name} ALIAS ${name})
+  string(REGEX REPLACE "^postwire-" "" short ${name})
+  add_library(postwire::${short} ALIAS ${name})
   target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/postwire>)
   target_compile_features(${name} PUBLIC cxx_std_17)
   target_link_options(${name} PRIVATE
     LINKER:-Bsymbolic-functions LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/${map})
   set_target_properties(${name} PROPERTIES
-    VERSION ${PROJECT_VERSION} SOVERSION ${POSTWIRE_SOVERSION}
+    EXPORT_NAME ${short} VERSION ${PROJECT_VERSION} SOVERSION ${POSTWIRE_SOVERSION}
     LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/${map})
   set(POSTWIRE_LIBRARIES ${POSTWIRE_LIBRARIES} ${name} PARENT_SCOPE)
 endfunction()

@@ -1,7 +1,7 @@
-# Debian packages, by cpack -G DEB in the build folder: the libraries, what developing with them
-# takes, and the programs with their man pages.
+# Debian packages, by cpack -G DEB in the build folder: of each family the libraries and what
+# developing with them takes, and the programs with their man pages.
 set(CPACK_GENERATOR DEB)
-set(CPACK_COMPONENTS_ALL package_library package_development)
+set(CPACK_COMPONENTS_ALL)
 if(TARGET postwire-serve)
   list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
@@ -23,7 +23,6 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND CMAKE_SYSTEM_PROCESSOR MATCHES "86")
 elseif(CMAKE_LIBRARY_ARCHITECTURE)
   set(libdir lib/${CMAKE_LIBRARY_ARCHITECTURE})
 endif()
-postwire_install(${libdir} package_library package_development EXCLUDE_FROM_ALL)
 
 # What the system's libraries are called is asked of dpkg-shlibdeps, where it is installed.
 find_program(SHLIBDEPS dpkg-shlibdeps)
@@ -49,26 +48,41 @@ function(postwire_package component name section summary)
   string(TOUPPER ${component} key)
   set(CPACK_DEBIAN_${key}_PACKAGE_NAME ${name} PARENT_SCOPE)
   set(CPACK_DEBIAN_${key}_PACKAGE_SECTION ${section} PARENT_SCOPE)
-  set(CPACK_COMPONENT_${key}_DESCRIPTION "${PROJECT_DESCRIPTION}: ${summary}" PARENT_SCOPE)
+  set(CPACK_COMPONENT_${key}_DESCRIPTION "${summary}" PARENT_SCOPE)
   set(CPACK_COMPONENT_${key}_DEPENDS ${ARGN} PARENT_SCOPE)
   install(FILES cmake/copyright ${changelog} COMPONENT ${component} EXCLUDE_FROM_ALL
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${name})
 endfunction()
 
+# Who links a family's libraries needs their package. CPack's own way to say so complains about the
+# resolver module, which nobody links.
+file(WRITE ${folder}/triggers "activate-noawait ldconfig\n")
+function(postwire_shlibs family component)
+  foreach(library IN LISTS ${family}_LIBRARIES)
+    string(APPEND shlibs "lib${library} ${POSTWIRE_SOVERSION} "
+      "lib${family}${POSTWIRE_SOVERSION} (>= ${PROJECT_VERSION})\n")
+  endforeach()
+  file(WRITE ${folder}/${family}/shlibs "${shlibs}")
+  string(TOUPPER CPACK_DEBIAN_${component}_PACKAGE_CONTROL_EXTRA control)
+  set(${control} ${folder}/${family}/shlibs ${folder}/triggers PARENT_SCOPE)
+endfunction()
+
 # A second line is a field of its own: CPack has no word for Multi-Arch before 3.31.
 set(same "\nMulti-Arch: same")
-postwire_package(package_library libpostwire${POSTWIRE_SOVERSION} "libs${same}" "shared libraries")
-postwire_package(package_development libpostwire-dev "libdevel${same}" "development files"
-  package_library)
-postwire_package(tools postwire-tools web "command-line programs" package_library)
-
-# Who links the libraries needs their package. CPack's own way to say so complains about the
-# resolver module, which nobody links.
-foreach(library IN LISTS POSTWIRE_LIBRARIES)
-  string(APPEND shlibs "lib${library} ${POSTWIRE_SOVERSION} "
-    "libpostwire${POSTWIRE_SOVERSION} (>= ${PROJECT_VERSION})\n")
+foreach(family IN LISTS POSTWIRE_FAMILIES)
+  list(TRANSFORM ${family}_COMPONENTS PREPEND package_ OUTPUT_VARIABLE components)
+  list(GET components 0 library)
+  list(GET components 1 development)
+  list(APPEND CPACK_COMPONENTS_ALL ${components})
+  postwire_install(${family} ${libdir} ${components} EXCLUDE_FROM_ALL)
+  set(what ${${family}_DESCRIPTION})
+  postwire_package(${library} lib${family}${POSTWIRE_SOVERSION} "libs${same}"
+    "${what}: shared libraries" ${below})
+  postwire_package(${development} lib${family}-dev "libdevel${same}" "${what}: development files"
+    ${library} ${below_development})
+  postwire_shlibs(${family} ${library})
+  list(APPEND below ${library})
+  list(APPEND below_development ${development})
 endforeach()
-file(WRITE ${folder}/shlibs "${shlibs}")
-file(WRITE ${folder}/triggers "activate-noawait ldconfig\n")
-set(CPACK_DEBIAN_PACKAGE_LIBRARY_PACKAGE_CONTROL_EXTRA ${folder}/shlibs ${folder}/triggers)
+postwire_package(tools postwire-tools web "${PROJECT_DESCRIPTION}: command-line programs" ${below})
 include(CPack)

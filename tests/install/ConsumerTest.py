@@ -17,9 +17,17 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / 'programs')
 import programs  # noqa: E402
 
 SOURCES = pathlib.Path(__file__).resolve().parents[2]
-PROGRAM = SOURCES / 'examples/read_request.cpp'
-SAYS = '/greet: Hello\n'
+EXAMPLES = SOURCES / 'examples'
 TIMEOUT = 600
+# What the packages need of each other and of the C++ library.
+PACKAGES = {
+    'libpostwire-dev': {'libpostwire0'},
+    'libpostwire-service-dev': {'libpostwire-service0', 'libpostwire-dev'},
+    'libpostwire-service0': {'libpostwire0', 'libstdc++6'},
+    'libpostwire0': {'libstdc++6'},
+    'postwire-tools': {'libpostwire0', 'libpostwire-service0', 'libstdc++6'}}
+# What no header of the service shows: others' libraries, and types that differ between programs.
+HIDDEN = re.compile(r'^[^/]*(\b(boost|openssl|off_t|time_t|SSL|SSL_CTX|X509)\b|ssl_(ctx_)?st\b)', re.M)
 
 
 def run(*command, **options):
@@ -38,41 +46,57 @@ def check_headers(include, compiler):
     """What a header of src/ shows to others is installed, nothing else is, and each compiles
     alone."""
     shown = {str(path.relative_to(SOURCES / 'src')) for path in SOURCES.glob('src/*/*.h')
-             if 'POSTWIRE_EXPORT' in path.read_text() and path.parent.name != 'service'}
+             if 'POSTWIRE_EXPORT' in path.read_text()}
     shown.add('message/HeaderLines.h')  # a member's class
     assert files_under(include) == shown, files_under(include) ^ shown
+    found = {path.name: HIDDEN.findall(path.read_text()) for path in include.glob('service/*.h')}
+    assert found and not any(found.values()), found
     run(*compiler, '-std=c++17', '-fsyntax-only', f'-I{include}', '-x', 'c++-header',
         *(include / name for name in sorted(shown)))
 
 
+def check_use(reader, server):
+    assert run(reader) == '/greet: Hello\n'
+    with subprocess.Popen([server], stderr=subprocess.PIPE, text=True) as process:
+        port = re.fullmatch(r'http://127\.0\.0\.1:(\d+)/\n', process.stderr.readline())[1]
+        with programs.Client(int(port)) as client:
+            client.send(programs.request(b'<soap/>'))
+            assert client.answer()[::2] == (200, b'<parts>0</parts>')
+        process.kill()
+
+
 def check_project(folder, cmake, compiler, *settings):
     run(cmake, '-G', 'Ninja', '-S', SOURCES / 'tests/install/consumer', '-B', folder,
-        f'-DPROGRAM={PROGRAM}', f'-DCMAKE_CXX_COMPILER={compiler[0]}',
+        f'-DEXAMPLES={EXAMPLES}', f'-DCMAKE_CXX_COMPILER={compiler[0]}',
         f'-DCMAKE_CXX_FLAGS={shlex.join(compiler[1:])}', *settings)
     run(cmake, '--build', folder, '-j2')
-    assert run(folder / 'consumer') == SAYS
+    check_use(folder / 'reader', folder / 'server')
 
 
-def check_pkg_config(prefix, compiler, program):
+def check_pkg_config(prefix, compiler, folder):
     where = {**os.environ, 'PKG_CONFIG_PATH': str(prefix / 'lib/pkgconfig')}
-    words = shlex.split(run('pkg-config', '--cflags', '--libs', 'postwire', env=where))
-    [libraries] = shlex.split(run('pkg-config', '--variable=libdir', 'postwire', env=where))
-    run(*compiler, '-std=c++17', PROGRAM, *words, f'-Wl,-rpath,{libraries}', '-o', program)
-    assert run(program) == SAYS
+    made = {'postwire': 'read_request', 'postwire-service': 'soap_server'}
+    for name, example in made.items():
+        words = shlex.split(run('pkg-config', '--cflags', '--libs', name, env=where))
+        [libraries] = shlex.split(run('pkg-config', '--variable=libdir', name, env=where))
+        run(*compiler, '-std=c++17', EXAMPLES / f'{example}.cpp', *words,
+            f'-Wl,-rpath,{libraries}', '-o', folder / example)
+    check_use(*(folder / example for example in made.values()))
 
 
 def check_programs(folder):
     """Names are resolved by the module that stands beside the libraries."""
     programs.FOLDER = folder
     with programs.Server() as server:
-        run(folder / 'postwire-send', f'http://localhost:{server.port}/', '--body', PROGRAM,
+        run(folder / 'postwire-send', f'http://localhost:{server.port}/', '--body', __file__,
             env={name: value for name, value in os.environ.items() if name != 'QOR_MODULE_PATH'})
 
 
 def package_of(path):
-    if re.search(r'\.so\.\d|Interface\.so$', path):
-        return 'libpostwire0'
-    return 'postwire-tools' if re.match('bin/|share/man/', path) else 'libpostwire-dev'
+    if re.match('bin/|share/man/', path):
+        return 'postwire-tools'
+    family = 'libpostwire' if path.startswith('share/') or 'service' not in path else 'libpostwire-service'
+    return family + ('0' if re.search(r'\.so\.\d|Interface\.so$', path) else '-dev')
 
 
 def check_packages(folder, build, cpack, installed):
@@ -80,8 +104,7 @@ def check_packages(folder, build, cpack, installed):
     Debian asks of every package."""
     run(cpack, '-G', 'DEB', '-B', folder, '--config', build / 'CPackConfig.cmake')
     packages = sorted(folder.glob('*.deb'))
-    assert [path.name.split('_')[0] for path in packages] == [
-        'libpostwire-dev', 'libpostwire0', 'postwire-tools'], packages
+    assert [path.name.split('_')[0] for path in packages] == list(PACKAGES), packages
     for path in packages:
         name = path.name.split('_')[0]
         run('dpkg-deb', '-x', path, folder / name)
@@ -91,8 +114,7 @@ def check_packages(folder, build, cpack, installed):
         expected |= {f'share/doc/{name}/{file}' for file in ('copyright', 'changelog.gz')}
         assert held == expected, (name, held ^ expected)
         needs = run('dpkg-deb', '-f', path, 'Depends')
-        assert ('libpostwire0 (= ' in needs) == (name != 'libpostwire0'), (name, needs)
-        assert ('libstdc++6' in needs) == (name != 'libpostwire-dev'), (name, needs)
+        assert set(re.findall(r'(libpostwire[-\w]*|libstdc\+\+6) \(', needs)) == PACKAGES[name], needs
 
 
 def main(build, cmake, cpack, *compiler):
@@ -104,7 +126,7 @@ def main(build, cmake, cpack, *compiler):
         check_headers(prefix / 'include/postwire', compiler)
         check_project(folder / 'package', cmake, compiler, f'-DCMAKE_PREFIX_PATH={prefix}')
         check_project(folder / 'sources', cmake, compiler, f'-DSOURCES={SOURCES}')
-        check_pkg_config(prefix, compiler, folder / 'by_hand')
+        check_pkg_config(prefix, compiler, folder)
         if (prefix / 'bin').exists():
             check_programs(prefix / 'bin')
         if cpack != '-':

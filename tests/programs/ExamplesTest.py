@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """The examples that the documents show do what is said there."""
+import email
 import socket
 import struct
 import subprocess
@@ -10,11 +11,6 @@ from programs import in_chunks, multipart, request
 PARTS = multipart('B', (['Content-Type: text/xml'], b'<soap/>'), ([], b'\0\r\n--A'))
 BARE = b'--B\r\n\r\n<soap/>\r\n--B\r\n\r\n\0\r\n--A\r\n--B--'  # as most SOAP stacks write it
 TYPE = 'Content-Type: multipart/related; boundary=B; type="text/xml"'
-ANSWER = (
-    b'\r\n--answer-part\r\nContent-Length: 78\r\nContent-Type: text/xml\r\n\r\n'
-    b'<Envelope xmlns="http://schemas.xmlsoap.org/soap/envelope/"><Body/></Envelope>'
-    b'\r\n--answer-part\r\nContent-Length: 17\r\nContent-Type: text/plain\r\n\r\n'
-    b'2 parts for /svc\n\r\n--answer-part--\r\n')
 
 
 class Examples(programs.TestCase):
@@ -29,18 +25,17 @@ class Examples(programs.TestCase):
         _, errors = self.start('soap_server', pipe='stderr')
         port = int(errors.readline().split(b':')[2].rstrip(b'/\n'))
         self.enterContext(programs.Client(port))  # says nothing, and holds up nobody
-        for wire in request(PARTS, TYPE), request(BARE, TYPE), in_chunks(PARTS, 9, TYPE):
-            with programs.Client(port) as client:
+        with programs.Client(port) as client:
+            for wire in request(PARTS, TYPE), request(BARE, TYPE), in_chunks(PARTS, 9, TYPE):
                 client.send(wire)
                 status, head, body = client.answer()
-                self.assertEqual(status, 200)
-                self.assertIn('Content-Type: multipart/related; boundary=answer-part\r\n', head)
-                self.assertEqual(body, ANSWER)
-                self.assertTrue(client.at_end())
-        with programs.Client(port) as client:  # a bad message does not end the server
+                answer = email.message_from_bytes(head.partition('\r\n')[2].encode() + body)
+                self.assertEqual((status, [(part.get_content_type(), part.get_payload())
+                                           for part in answer.get_payload()]),
+                                 (200, [('text/xml', '<parts>2</parts>'), ('text/plain', '/svc')]))
             client.send(b'GET / HTTP/1.1\r\n\r\n')
+            self.assertEqual(client.answer()[0], 405)
             self.assertTrue(client.at_end())
-        self.assertEqual(errors.readline(), b'HTTPException 1000: method is not POST\n')
 
     def test_catch_ladder_tells_errors_apart(self):
         cases = (
