@@ -181,17 +181,17 @@ void AnswerWriter::startNode(HttpMsgNode& node, int status) {
     }
 }
 
-void AnswerWriter::refuse(Refusal const& refusal) {
+void AnswerWriter::refuse(int status, std::string_view text) {
     m_onePiece.reset();
     m_multipart.reset();
     m_held.clear();
     m_sent = 0;
-    m_status = refusal.status;
-    m_fields = refusal.status == 405 ? "Allow: POST\r\n" : "";
+    m_status = status;
+    m_fields = status == 405 ? "Allow: POST\r\n" : "";
     m_given = true;
-    std::string const text = refusal.text + "\n";
-    writeHead(refusal.status, "text/plain; charset=utf-8", text.size());
+    writeHead(status, "text/plain; charset=utf-8", text.size() + 1);
     put(text.data(), text.size());
+    put("\n", 1);
 }
 
 // 204 has neither a body nor a length, RFC 9110 section 8.6.

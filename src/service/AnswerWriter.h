@@ -42,7 +42,7 @@ public:
     void addPart(std::string_view type, std::string_view id, std::string_view bytes);
 
     // The same as send for a request that was refused; it drops what was written but has not left.
-    void refuse(Refusal const& refusal);
+    void refuse(int status, std::string_view text);
 
     // Bytes of the message.
     void write(char const* data, int length) override;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 
 #include <arpa/inet.h>
 #include <poll.h>
@@ -27,6 +28,17 @@ std::string PeerAddress::host() const {
 int PeerAddress::port() const {
     if (any.sa_family == AF_INET) return ntohs(v4.sin_port);
     return any.sa_family == AF_INET6 ? ntohs(v6.sin6_port) : 0;
+}
+
+// An address of IPv4 as those of IPv6 map it.
+PeerAddress::Key PeerAddress::key() const noexcept {
+    Key key{};
+    if (any.sa_family == AF_INET6) std::memcpy(key.data(), &v6.sin6_addr, sizeof v6.sin6_addr);
+    if (any.sa_family == AF_INET) {
+        key[10] = key[11] = 0xFF;
+        std::memcpy(&key[12], &v4.sin_addr, sizeof v4.sin_addr);
+    }
+    return key;
 }
 
 // What a peer that was given up has not taken goes with it, instead of staying in the system.

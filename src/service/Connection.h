@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <sys/socket.h>
 
 #include "service/BodyChoice.h"
+#include "service/Descriptor.h"
 #include "service/ExchangeReport.h"
 #include "service/WireTrace.h"
 
@@ -27,6 +29,10 @@ union PeerAddress {
     // Without its port; empty for a socket of the file system.
     std::string host() const;
     int port() const;
+
+    // The same for all connections of a host.
+    using Key = std::array<unsigned char, sizeof(in6_addr)>;
+    Key key() const noexcept;
 };
 
 // One connection of a client: its descriptor, and what has to be kept of it while no thread looks
@@ -43,8 +49,8 @@ struct Connection {
         discarding,  // the last answer is out: input is dropped until the peer closes
     };
 
-    Connection(int descriptor, PeerAddress const& address, Loop& loop)
-        : home(loop), fd(descriptor), peer(address) {}
+    Connection(Descriptor socket, PeerAddress const& address, Loop& loop)
+        : home(loop), fd(socket.release()), peer(address) {}
     Connection(Connection const&) = delete;
     Connection& operator=(Connection const&) = delete;
     ~Connection();

@@ -1,6 +1,6 @@
 #include "service/Crew.h"
 
-#include <system_error>
+#include <exception>
 #include <utility>
 
 #include "service/Loop.h"
@@ -8,32 +8,36 @@
 
 namespace postwire {
 
-Crew::Crew(int least, int most, Answer answer)
+Crew::Crew(int loops, int least, int most, Answer answer)
     : m_least(static_cast<std::size_t>(least)),
       m_most(static_cast<std::size_t>(most)),
-      m_answer(std::move(answer)) {}
+      m_answer(std::move(answer)) {
+    m_loops.reserve(static_cast<std::size_t>(loops));
+    m_threads.reserve(m_most);
+}
 
 Crew::~Crew() {
     end();
     for (std::thread& thread : m_threads) thread.join();
 }
 
-void Crew::drive(Loop& loop) {
+bool Crew::startOne() noexcept {
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    return hire();
+}
+
+void Crew::drive(Loop& loop) noexcept {
     std::lock_guard<std::mutex> const lock(m_mutex);
     m_loops.push_back(&loop);
-    if (m_loops.size() > m_idle)
-        startOne();
-    else
-        m_wanted.notify_one();
+    if (m_loops.size() > m_idle) hire();
+    m_wanted.notify_one();
 }
 
 void Crew::answer(std::unique_ptr<Exchange> exchange) {
     std::lock_guard<std::mutex> const lock(m_mutex);
     m_exchanges.push_back(std::move(exchange));
-    if (m_exchanges.size() + m_loops.size() <= m_idle)
-        m_wanted.notify_one();
-    else if (m_threads.size() < m_least)
-        startOne();
+    if (m_exchanges.size() + m_loops.size() > m_idle && m_threads.size() < m_least) hire();
+    m_wanted.notify_one();
 }
 
 bool Crew::isBehind() {
@@ -44,8 +48,7 @@ bool Crew::isBehind() {
 void Crew::grow() {
     std::lock_guard<std::mutex> const lock(m_mutex);
     if (m_taken == m_lastTaken)
-        for (std::size_t i = m_exchanges.size(); i > 0 && m_threads.size() < m_most; --i)
-            startOne();
+        for (std::size_t i = m_exchanges.size(); i > 0 && m_threads.size() < m_most; --i) hire();
     m_lastTaken = m_taken;
 }
 
@@ -56,24 +59,25 @@ void Crew::end() {
 }
 
 // Where the system has no thread to give, what waits is done when one of ours is free.
-void Crew::startOne() try {
+bool Crew::hire() noexcept try {
     SignalsBlocked const blocked;
     m_threads.emplace_back(&Crew::work, this);
-} catch (std::system_error const&) {
-    m_wanted.notify_one();
+    ++m_idle;
+    return true;
+} catch (std::exception const&) {  // std::system_error or std::bad_alloc
+    return false;
 }
 
 void Crew::work() {
     std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
-        ++m_idle;
         m_wanted.wait(lock, [this] { return m_ended || !m_loops.empty() || !m_exchanges.empty(); });
         --m_idle;
         if (m_loops.empty() && m_exchanges.empty()) return;
         m_busy.fetch_add(1, std::memory_order_relaxed);
         if (!m_loops.empty()) {  // first: connections wait for it
             Loop& loop = *m_loops.front();
-            m_loops.pop_front();
+            m_loops.erase(m_loops.begin());
             lock.unlock();
             loop.drive();
         } else {
@@ -85,6 +89,7 @@ void Crew::work() {
         }
         lock.lock();
         m_busy.fetch_sub(1, std::memory_order_relaxed);
+        ++m_idle;
     }
 }
 

@@ -24,19 +24,22 @@ class Crew {
 public:
     using Answer = std::function<void(std::unique_ptr<Exchange>)>;
 
-    // Up to `least` threads are started as they are wanted, up to `most` where others are stuck;
-    // each answers exchanges by `answer`.
-    Crew(int least, int most, Answer answer);
+    // For so many loops. Up to `least` threads are started as they are wanted, up to `most` where
+    // others are stuck; each answers exchanges by `answer`, out of which no exception comes.
+    Crew(int loops, int least, int most, Answer answer);
     Crew(Crew const&) = delete;
     Crew& operator=(Crew const&) = delete;
 
     // Waits for all threads.
     ~Crew();
 
-    // Has a thread drive the loop at once.
-    void drive(Loop& loop);
+    // Starts a thread for what will be wanted; false where the system has none.
+    bool startOne() noexcept;
 
-    // Has a thread answer it when one is free.
+    // Has a thread drive the loop at once, or when one is free.
+    void drive(Loop& loop) noexcept;
+
+    // Has a thread answer it when one is free. Raises std::bad_alloc, and then does not.
     void answer(std::unique_ptr<Exchange> exchange);
 
     // To be called now and then: starts threads where what waits has not become less since the last
@@ -53,7 +56,7 @@ public:
     void end();
 
 private:
-    void startOne();
+    bool hire() noexcept;
     void work();
 
     std::size_t const m_least;
@@ -61,9 +64,9 @@ private:
     Answer const m_answer;
     std::mutex m_mutex;
     std::condition_variable m_wanted;
-    std::deque<Loop*> m_loops;
+    std::vector<Loop*> m_loops;  // with room for all
     std::deque<std::unique_ptr<Exchange>> m_exchanges;
-    std::size_t m_idle = 0;
+    std::size_t m_idle = 0;  // threads, those that are on their way among them
     std::atomic<std::size_t> m_busy{0};
     std::size_t m_taken = 0;      // exchanges
     std::size_t m_lastTaken = 0;  // that grow saw

@@ -21,6 +21,7 @@ public:
     void reset() {
         if (m_fd != -1) ::close(std::exchange(m_fd, -1));
     }
+    [[nodiscard]] int release() { return std::exchange(m_fd, -1); }
     [[nodiscard]] int get() const { return m_fd; }
 
 private:

@@ -49,24 +49,24 @@ private:
 
 }  // namespace
 
-RequestReader::Outcome Exchange::readAsChosen(ServerOptions const& options) {
-    hasToChoose = false;
-    if (connection->attempts++ == 0) connection->began = Clock::now();
-    ThreadWait wait(options, reader);
+RequestReader::Outcome Exchange::read(Connection& from, InputWait* wait, bool asks) noexcept {
+    connection = &from;
+    if (m_isObserved && from.attempts == 0) from.began = Clock::now();
+    auto const choose = [this] {
+        Request request(*this);
+        return m_options.chooseBody(request);
+    };
     RequestReader::Outcome outcome = RequestReader::Outcome::failed;
-    runQuietly([&] {
-        outcome = reader.readAsChosen(*connection, wait, [&] {
-            Request request(*this);
-            return options.chooseBody(request);
-        });
-    });
+    runQuietly(
+        [&] { outcome = reader.read(from, wait, asks ? RequestReader::Choose(choose) : nullptr); });
     return outcome;
 }
 
-RequestReader::Outcome Exchange::read(Connection& from, InputWait* wait) {
-    connection = &from;
-    if (m_isObserved && from.attempts == 0) from.began = Clock::now();
-    return reader.read(from, wait);
+RequestReader::Outcome Exchange::readAsChosen() noexcept {
+    hasToChoose = false;
+    if (connection->attempts++ == 0) connection->began = Clock::now();
+    ThreadWait wait(m_options, reader);
+    return read(*connection, &wait, true);
 }
 
 // What a handler raises may be of any type, and ends nothing but its own request: false.
@@ -89,47 +89,63 @@ bool Exchange::callHandler(Handler const& handler) noexcept {
             m_fault = {0, e.what(), 0};
         }
     });
-    if (!returned && m_fault.text.empty()) m_fault.text = "the handler raised";
     return returned;
 }
 
-void Exchange::run(Handler const& handler, bool last) {
+void Exchange::run(Handler const& handler, bool last) noexcept {
     connection->closing = last || !reader.keepAlive();
     answer.begin(*connection, reader.minorVersion());
     m_fault = {};
     if (m_isObserved) m_handlerBegin = Clock::now();
     bool const answered = callHandler(handler);
     if (m_isObserved) m_handlerEnd = Clock::now();
+    if (!answered && m_fault.text.empty())
+        runQuietly([this] { m_fault.text = "the handler raised"; });
     if (answered)
         leave();
     else if (answer.hasLeft())
         connection->failed = true;
     else
-        leave(Refusal{500, "the request could not be answered"});
+        leaveRefused(500, "the request could not be answered");
     finish();
 }
 
-void Exchange::refuse(Refusal const& refusal) {
+void Exchange::refuse(Refusal const& refusal) noexcept {
+    refuse(refusal.status, refusal.text, refusal.code);
+}
+
+void Exchange::refuse(int status, std::string_view text, long code) noexcept {
     connection->closing = true;
     answer.begin(*connection, 1);
-    m_fault = refusal;
-    if (m_isObserved) m_handlerBegin = m_handlerEnd = Clock::now();
-    leave(refusal);
+    if (m_isObserved) {
+        m_handlerBegin = m_handlerEnd = Clock::now();
+        runQuietly([&] { m_fault = {status, std::string(text), code}; });
+    }
+    leaveRefused(status, text);
     finish();
 }
 
 // What is raised here says that the peer has gone, or that there is no memory for it.
-void Exchange::leave(std::optional<Refusal> const& refusal) {
+void Exchange::leave() noexcept {
     bool left = false;
     runQuietly([&] {
-        if (refusal) answer.refuse(*refusal);
         answer.leave();
         left = true;
     });
     connection->failed = connection->failed || !left;
 }
 
-void Exchange::finish() {
+void Exchange::leaveRefused(int status, std::string_view text) noexcept {
+    bool written = false;
+    runQuietly([&] {
+        answer.refuse(status, text);
+        written = true;
+    });
+    connection->failed = connection->failed || !written;
+    if (written) leave();
+}
+
+void Exchange::finish() noexcept {
     if (m_isObserved) runQuietly([this] { report(); });
     connection->toldToGoOn = false;
     connection->attempts = 0;

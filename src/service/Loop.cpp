@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <exception>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -184,58 +185,56 @@ Loop::Turn Loop::onEvent(Connection& connection, std::uint32_t events) {
 // Where no memory is left for a connection, that one ends.
 Loop::Turn Loop::converse(Connection& connection) try {
     takeOut(connection);
-    return converseWithin(connection);
+    for (int i = 0; i < kMostAtOnce; ++i) {
+        if (!m_exchange) m_exchange = m_core.takeExchange();
+        RequestReader::Outcome outcome{};
+        if (serve(connection, outcome) == Turn::lost) return Turn::lost;
+        if (outcome == RequestReader::Outcome::closed)
+            close(connection);
+        else if (outcome == RequestReader::Outcome::notHere)
+            waitForRest(connection);
+        else if (m_exchange && settle(connection))
+            continue;  // else it was handed over, or waits for something else
+        return Turn::kept;
+    }
+    m_again.append(connection);
+    return Turn::kept;
 } catch (std::bad_alloc const&) {
     close(connection);
     return Turn::kept;
 }
 
-Loop::Turn Loop::converseWithin(Connection& connection) {
-    for (int i = 0; i < kMostAtOnce; ++i) {
-        if (!m_exchange) m_exchange = m_core.takeExchange();
-        switch (m_exchange->read(connection, nullptr)) {
-            case RequestReader::Outcome::closed:
-                close(connection);
-                return Turn::kept;
-            case RequestReader::Outcome::notHere:
-                waitForRest(connection);
-                return Turn::kept;
-            case RequestReader::Outcome::headHere:
-                m_exchange->hasToChoose = true;
-                m_core.answerElsewhere(std::move(m_exchange));
-                return Turn::kept;
-            case RequestReader::Outcome::failed:
-            case RequestReader::Outcome::refused:
-                m_exchange->refuse(m_exchange->reader.refusal());
-                break;
-            case RequestReader::Outcome::whole:
-                if (answer(connection) == Turn::lost) return Turn::lost;
-                if (!m_exchange) return Turn::kept;  // handed over
-                break;
-        }
-        if (!settle(connection)) return Turn::kept;
-    }
-    m_again.append(connection);
-    return Turn::kept;
-}
-
-// A driver that has lost its turn finds that out when its handler returns: it finishes this
-// exchange, of which no one else knows, and touches nothing else.
-Loop::Turn Loop::answer(Connection& connection) {
+// Reads a request, and answers it unless another thread is to. A driver that has lost its turn
+// finds that out when the program's code returns: it finishes this exchange, of which no one else
+// knows, and touches nothing else.
+Loop::Turn Loop::serve(Connection& connection, RequestReader::Outcome& outcome) {
+    using Outcome = RequestReader::Outcome;
+    ServerCore& core = m_core;
     std::unique_ptr<Exchange> exchange = std::move(m_exchange);
-    if (m_slowExpected.load(std::memory_order_relaxed) > 0 || !m_core.crew().hasRoom()) {
-        m_slowExpected.fetch_sub(1, std::memory_order_relaxed);
-        m_core.answerElsewhere(std::move(exchange));
+    bool const isCautious = m_slowExpected.load(std::memory_order_relaxed) > 0;
+    bool const runsHandlers = !isCautious && core.crew().hasRoom();
+    bool const asks = runsHandlers && core.options().chooseBody;
+    if (!asks) outcome = exchange->read(connection, nullptr, false);
+    if (asks || (runsHandlers && outcome == Outcome::whole)) {
+        unsigned const turn = enterHandler();
+        if (asks) outcome = exchange->read(connection, nullptr, true);
+        if (outcome == Outcome::whole) {
+            exchange->run(core.handler(), core.isStopping());
+            outcome = Outcome::answered;
+        }
+        if (leaveHandler(turn) == Turn::lost) {
+            core.conclude(std::move(exchange), outcome);
+            return Turn::lost;
+        }
+    }
+    if (outcome == Outcome::whole || outcome == Outcome::headHere) {
+        if (isCautious) m_slowExpected.fetch_sub(1, std::memory_order_relaxed);
+        exchange->hasToChoose = outcome == Outcome::headHere;
+        core.answerElsewhere(std::move(exchange));
         return Turn::kept;
     }
-    ServerCore& core = m_core;
-    unsigned const turn = enterHandler();
-    exchange->run(core.handler(), core.isStopping());
-    if (leaveHandler(turn) == Turn::lost) {
-        core.giveBack(std::move(exchange));
-        adopt(connection);
-        return Turn::lost;
-    }
+    if (outcome == Outcome::refused) exchange->refuse(exchange->reader.refusal());
+    if (outcome == Outcome::failed) exchange->refuse(500, "the request could not be read");
     m_exchange = std::move(exchange);
     return Turn::kept;
 }
@@ -289,8 +288,8 @@ bool Loop::writeOn(Connection& connection) try {
     }
     std::string().swap(output);
     return true;
-} catch (ServiceError const&) {
-    return true;  // settled as failed
+} catch (std::exception const&) {
+    return true;  // settled as failed: it is a ServiceError, or there was no memory for one
 }
 
 void Loop::startDiscarding(Connection& connection) {
@@ -337,12 +336,14 @@ void Loop::cutOffSlow() {
     }
 }
 
-void Loop::refuseLate(Connection& connection) {
+void Loop::refuseLate(Connection& connection) try {
     takeOut(connection);
     if (!m_exchange) m_exchange = m_core.takeExchange();
     m_exchange->connection = &connection;
-    m_exchange->refuse({408, "the request took too long"});
+    m_exchange->refuse(408, "the request took too long");
     settle(connection);
+} catch (std::bad_alloc const&) {
+    close(connection);
 }
 
 int Loop::timeToWait() const {

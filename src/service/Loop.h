@@ -67,10 +67,9 @@ private:
     Turn serveArrived();
     Turn onEvent(Connection& connection, std::uint32_t events);
     Turn converse(Connection& connection);
-    Turn answer(Connection& connection);
+    Turn serve(Connection& connection, RequestReader::Outcome& outcome);
     unsigned enterHandler();
     Turn leaveHandler(unsigned turn);
-    Turn converseWithin(Connection& connection);
     bool settle(Connection& connection);
     void waitForRest(Connection& connection);
     bool writeOn(Connection& connection);

@@ -52,7 +52,7 @@ public:
     std::size_t index = 0;  // among the lane's
 
 private:
-    void read() { m_outcome = m_exchange->read(m_connection, this); }
+    void read() { m_outcome = m_exchange->read(m_connection, this, false); }
 
     std::chrono::milliseconds limitOf(Connection const& connection) const {
         bool const given = connection.choice && connection.choice->limit.count() > 0;
@@ -135,18 +135,22 @@ void ReadLane::serveArrived() {
         }
         if (!connection) return;
         try {
-            m_readings.reserve(m_readings.size() + 1);
-            auto reading = std::make_unique<Reading>(*this, *connection, m_core.takeExchange());
-            if (!watch(m_epoll, connection->fd, EPOLLIN | EPOLLRDHUP | EPOLLET, reading.get()))
-                throw std::bad_alloc();
-            reading->index = m_readings.size();
-            m_readings.push_back(std::move(reading));
-            resume(*m_readings.back());
+            begin(*connection);
         } catch (std::bad_alloc const&) {
             connection->failed = true;
             connection->home.adopt(*connection);
         }
     }
+}
+
+void ReadLane::begin(Connection& connection) {
+    auto reading = std::make_unique<Reading>(*this, connection, m_core.takeExchange());
+    reading->index = m_readings.size();
+    m_readings.push_back(std::move(reading));
+    Reading& begun = *m_readings.back();
+    if (watch(m_epoll, connection.fd, EPOLLIN | EPOLLRDHUP | EPOLLET, &begun)) return resume(begun);
+    m_readings.pop_back();
+    throw std::bad_alloc();
 }
 
 void ReadLane::resume(Reading& reading) {
@@ -158,18 +162,14 @@ void ReadLane::finish(Reading& reading) {
     RequestReader::Outcome const outcome = reading.outcome();
     std::unique_ptr<Exchange> exchange = reading.takeExchange();
     ::epoll_ctl(m_epoll.get(), EPOLL_CTL_DEL, connection.fd, nullptr);
-    std::swap(m_readings[reading.index], m_readings.back());
-    m_readings[reading.index]->index = reading.index;
+    std::size_t const index = reading.index;
+    std::swap(m_readings[index], m_readings.back());
+    m_readings[index]->index = index;
     m_readings.pop_back();
-    exchange->hasToChoose = outcome == RequestReader::Outcome::headHere;
-    if (outcome == RequestReader::Outcome::whole || exchange->hasToChoose)
-        return m_core.answerElsewhere(std::move(exchange));
-    if (outcome == RequestReader::Outcome::refused)
-        exchange->refuse(exchange->reader.refusal());
+    if (outcome == RequestReader::Outcome::whole)
+        m_core.answerElsewhere(std::move(exchange));
     else
-        connection.failed = true;
-    m_core.giveBack(std::move(exchange));
-    connection.home.adopt(connection);
+        m_core.conclude(std::move(exchange), outcome);
 }
 
 void ReadLane::giveUpLate(bool all) {

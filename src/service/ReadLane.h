@@ -40,6 +40,7 @@ private:
 
     void run();
     void serveArrived();
+    void begin(Connection& connection);
     void resume(Reading& reading);
     void finish(Reading& reading);
     void giveUpLate(bool all);

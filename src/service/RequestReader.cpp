@@ -107,25 +107,17 @@ void RequestReader::clear() {
     m_budget.giveBack(std::exchange(m_budgeted, 0));
 }
 
-RequestReader::Outcome RequestReader::read(Connection& connection, InputWait* wait) {
-    m_choose = nullptr;
+RequestReader::Outcome RequestReader::read(Connection& connection, InputWait* wait,
+                                           Choose const& choose) {
     if (!m_source.begin(connection, wait))
         return connection.ended ? Outcome::closed : Outcome::notHere;
-    if (m_options.chooseBody && !connection.choice) m_source.keepHead();
-    return readOn(connection, wait != nullptr);
-}
-
-RequestReader::Outcome RequestReader::readAsChosen(Connection& connection, InputWait& wait,
-                                                   std::function<BodyChoice()> const& choose) {
-    m_choose = &choose;
-    m_source.begin(connection, &wait);
-    m_source.allowReceiving(false);
-    return readOn(connection, true);
-}
-
-RequestReader::Outcome RequestReader::readOn(Connection& connection, bool waits) {
+    if (choose)
+        m_source.allowReceiving(false);
+    else if (m_options.chooseBody && !connection.choice)
+        m_source.keepHead();
+    m_choose = choose ? &choose : nullptr;
     m_connection = &connection;
-    m_waits = waits;
+    m_waits = wait != nullptr;
     m_uri.clear();
     m_in.skip(m_in.buffered());  // of a request that was given up
     Outcome const outcome = parse();
@@ -223,10 +215,14 @@ void RequestReader::endHead() {
     m_source.endHead();
     if (m_options.observe) m_headEnd = Clock::now();
     m_bodyLeft = LLONG_MAX;  // the policy counts
-    if (!m_options.chooseBody) return;
+    if (m_options.chooseBody) choose();
+}
+
+void RequestReader::choose() {
     std::shared_ptr<BodyChoice const>& choice = m_connection->choice;
     if (!choice && !m_choose) throw HeadHere();
     if (!choice) choice = std::make_shared<BodyChoice const>((*m_choose)());
+    if (choice->handler && !m_waits) throw HeadHere();
     long long const most = choice->maxBody > 0 ? choice->maxBody : m_options.policy.maxBody;
     // With room for the framing of chunks and parts, and for what was read ahead.
     if (most > 0) m_source.limit(most + most / 8 + (128 << 10));

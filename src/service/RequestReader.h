@@ -36,10 +36,11 @@ public:
     enum class Outcome {
         whole,     // the request is here
         notHere,   // not all of it has come: the connection keeps what did
-        headHere,  // the program has to be asked how the body is read
+        headHere,  // the program has to be asked how the body is read, or its handler waits for it
         closed,    // the connection is over, without a request
         refused,   // see refusal()
         failed,    // the program's part in reading it raised
+        answered,  // given by no reader: nothing is left to do for it
     };
 
     RequestReader(ServerOptions const& options, Budget& budget);
@@ -47,13 +48,13 @@ public:
     RequestReader& operator=(RequestReader const&) = delete;
     ~RequestReader() override;
 
-    // Reads the next request; without a wait only if all of it has come.
-    Outcome read(Connection& connection, InputWait* wait);
+    // The program says how a body is read.
+    using Choose = std::function<BodyChoice()>;
 
-    // Reads again a request whose head is here, and asks how its body is read. Waits only for one
-    // that goes to a handler. What the program's code raises passes through.
-    Outcome readAsChosen(Connection& connection, InputWait& wait,
-                         std::function<BodyChoice()> const& choose);
+    // Reads the next request, from its first byte; without a wait only if all of it has come. Where
+    // the program has to be asked how the body is read, a wait is for one that goes to a handler
+    // alone: that is not read without. What the program's code raises passes through.
+    Outcome read(Connection& connection, InputWait* wait, Choose const& choose);
 
     // Frees what the request has taken.
     void clear();
@@ -81,11 +82,11 @@ private:
     void endMultiParts(char const* boundary) override;
     void endMessage() override;
 
-    Outcome readOn(Connection& connection, bool waits);
     Outcome parse();
     Outcome refuse(int status, std::string text, long code = 0);
     void beginBody(long long length);
     void endHead();
+    void choose();
     void tellHead(HTTPMsgHandler& handler);
     static void wantGoOn(void* self);
     void sayGoOn();
@@ -103,7 +104,7 @@ private:
     std::size_t m_budgeted = 0;        // for the bodies of the tree
     Connection* m_connection = nullptr;
     bool m_waits = false;
-    std::function<BodyChoice()> const* m_choose = nullptr;
+    Choose const* m_choose = nullptr;
     HTTPMsgHandler* m_target = nullptr;  // of the events, instead of the tree
     bool m_goOnWanted = false;
     long long m_bodyLeft = 0;

@@ -82,7 +82,7 @@ ServerCore::ServerCore(ServerOptions const& options)
       m_listener(m_options),
       m_port(m_listener.port()),
       m_budget(m_options.bodyBudget),
-      m_crew(3 * m_options.loops, m_options.handlers + 3 * m_options.loops,
+      m_crew(m_options.loops, 3 * m_options.loops, m_options.handlers + 3 * m_options.loops,
              [this](std::unique_ptr<Exchange> exchange) { answer(std::move(exchange)); }) {}
 
 ServerCore::~ServerCore() = default;
@@ -110,11 +110,16 @@ void ServerCore::run(Exchange::Handler handler) {
     endLoops();
 }
 
+// With fewer loops where the system has no thread for another one.
 void ServerCore::startLoops() {
     for (int i = 0; i < m_options.loops; ++i) {
-        m_loops.push_back(std::make_unique<Loop>(*this));
-        m_lanes.push_back(std::make_unique<ReadLane>(*this));
+        auto loop = std::make_unique<Loop>(*this);
+        auto lane = std::make_unique<ReadLane>(*this);
+        if (!m_crew.startOne()) break;
+        m_loops.push_back(std::move(loop));
+        m_lanes.push_back(std::move(lane));
     }
+    if (m_loops.empty()) throw ServiceError(ServiceError::Code::system, "can't start a thread");
     for (auto const& loop : m_loops) m_crew.drive(*loop);
 }
 
@@ -156,51 +161,55 @@ void ServerCore::acceptAll() {
     }
 }
 
-// False when there was none.
-bool ServerCore::acceptOne() {
+// False when there was none, or no room for it.
+bool ServerCore::acceptOne() try {
     PeerAddress peer;
-    int const fd = m_listener.accept(peer);
-    if (fd == -1) {
+    Descriptor socket(m_listener.accept(peer));
+    if (socket.get() == -1) {
         bool const none = errno == EAGAIN;
         bool const lacks =
             errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
         m_acceptsAgainLater = lacks;
-        if (lacks) lackDescriptors(errno);
+        if (lacks) lack(errno);
+        for (auto const& loop : m_loops)
+            if (lacks) loop->giveWay(kGivingWay);
         return !none && !lacks;  // else it was the fault of that one connection
     }
     Loop& loop = *m_loops[m_nextLoop++ % m_loops.size()];
-    auto connection = std::make_unique<Connection>(fd, peer, loop);
+    auto connection = std::make_unique<Connection>(std::move(socket), peer, loop);
     if (!m_options.traceFolder.empty()) beginToTrace(*connection);
     if (admit(*connection))
         loop.adopt(*connection.release());
     else
         turnAway(std::move(connection));
     return true;
+} catch (std::bad_alloc const&) {
+    lack(ENOMEM);
+    return true;
 }
 
-// Idle connections give way to those that want to be accepted. An episode is over when nothing was
-// lacking for a while.
-void ServerCore::lackDescriptors(int error) {
-    bool const isNew = isNewEpisode(m_lackedAt);
-    for (auto const& loop : m_loops) loop->giveWay(kGivingWay);
-    if (!isNew) return;
-    complain("can't accept, idle connections give way: " + std::generic_category().message(error));
+// An episode is over when nothing was lacking for a while.
+void ServerCore::lack(int error) noexcept {
+    if (!isNewEpisode(m_lackedAt)) return;
+    runQuietly([&] { complain("can't accept: " + std::generic_category().message(error)); });
 }
 
 void ServerCore::beginToTrace(Connection& connection) try {
     connection.trace =
         std::make_unique<WireTrace>(beginTrace(m_options.traceFolder, "connection", m_traces));
 } catch (ServiceError const& e) {
-    traceFailed(e.what());
+    traceFailed(e.systemError());
 }
 
-void ServerCore::traceFailed(std::string const& text) {
-    bool isNew = false;
+void ServerCore::traceFailed(int error) noexcept {
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
-        isNew = isNewEpisode(m_untracedAt);
+        if (!isNewEpisode(m_untracedAt)) return;
     }
-    if (isNew) complain(text);
+    runQuietly([&] {
+        complain("a trace in " + m_options.traceFolder +
+                 " could not be written: " + std::generic_category().message(error));
+    });
 }
 
 void ServerCore::complain(std::string const& text) const {
@@ -211,20 +220,24 @@ void ServerCore::complain(std::string const& text) const {
 }
 
 bool ServerCore::admit(Connection const& connection) {
-    bool const room = m_connections.fetch_add(1) < m_options.maxConnections;
-    if (m_options.maxConnectionsOfAddress == 0) return room;
-    std::lock_guard<std::mutex> const lock(m_mutex);
-    return ++m_ofAddress[connection.peer.host()] <= m_options.maxConnectionsOfAddress && room;
+    bool room = true;
+    if (m_options.maxConnectionsOfAddress > 0) {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        room = ++m_ofAddress[connection.peer.key()] <= m_options.maxConnectionsOfAddress;
+    }
+    return m_connections.fetch_add(1) < m_options.maxConnections && room;
 }
 
-void ServerCore::turnAway(std::unique_ptr<Connection> connection) {
-    if (m_connections > m_options.maxConnections + kMostTurnedAway) {
+void ServerCore::turnAway(std::unique_ptr<Connection> connection) noexcept {
+    std::unique_ptr<Exchange> exchange;
+    if (m_connections <= m_options.maxConnections + kMostTurnedAway)
+        runQuietly([&] { exchange = takeExchange(); });
+    if (!exchange) {
         connection->failed = true;
         return endConnection(std::move(connection));
     }
-    std::unique_ptr<Exchange> exchange = takeExchange();
     exchange->connection = connection.get();
-    exchange->refuse({503, "the server has too many connections"});
+    exchange->refuse(503, "the server has too many connections");
     giveBack(std::move(exchange));
     connection->home.adopt(*connection.release());
 }
@@ -234,20 +247,21 @@ void ServerCore::report(Connection& connection) noexcept {
     report->bytesOut += static_cast<long long>(connection.sent);
     report->answer = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() -
                                                                            connection.answerBegan);
-    if (connection.failed && report->text.empty())
-        report->text = "the peer did not take its answer";
-    runQuietly([&] { m_options.observe(*report); });
+    runQuietly([&] {
+        if (connection.failed && report->text.empty())
+            report->text = "the peer did not take its answer";
+        m_options.observe(*report);
+    });
 }
 
-void ServerCore::endConnection(std::unique_ptr<Connection> connection) {
+void ServerCore::endConnection(std::unique_ptr<Connection> connection) noexcept {
     if (connection->report) report(*connection);
     if (connection->trace && connection->trace->error() != 0)
-        traceFailed("a trace in " + m_options.traceFolder + " could not be written: " +
-                    std::generic_category().message(connection->trace->error()));
+        traceFailed(connection->trace->error());
     m_budget.giveBack(connection->budgeted);
     if (m_options.maxConnectionsOfAddress > 0) {
         std::lock_guard<std::mutex> const lock(m_mutex);
-        auto const found = m_ofAddress.find(connection->peer.host());
+        auto const found = m_ofAddress.find(connection->peer.key());
         if (--found->second == 0) m_ofAddress.erase(found);
     }
     connection.reset();
@@ -282,9 +296,16 @@ void ServerCore::giveBack(std::unique_ptr<Exchange> exchange) {
     if (m_exchanges.size() < kMostExchanges) m_exchanges.push_back(std::move(exchange));
 }
 
-void ServerCore::answerElsewhere(std::unique_ptr<Exchange> exchange) {
-    m_crew.answer(std::move(exchange));
-    rouse();
+void ServerCore::answerElsewhere(std::unique_ptr<Exchange> exchange) noexcept {
+    Connection& connection = *exchange->connection;
+    bool waits = false;
+    runQuietly([&] {
+        m_crew.answer(std::move(exchange));
+        waits = true;
+    });
+    if (waits) return rouse();
+    connection.failed = true;
+    connection.home.adopt(connection);
 }
 
 void ServerCore::readElsewhere(Connection& connection) {
@@ -292,24 +313,31 @@ void ServerCore::readElsewhere(Connection& connection) {
         if (m_loops[i].get() == &connection.home) m_lanes[i]->read(connection);
 }
 
-void ServerCore::answer(std::unique_ptr<Exchange> exchange) {
+void ServerCore::answer(std::unique_ptr<Exchange> exchange) noexcept {
     using Outcome = RequestReader::Outcome;
-    Connection& connection = *exchange->connection;
-    Outcome const outcome =
-        exchange->hasToChoose ? exchange->readAsChosen(m_options) : Outcome::whole;
+    Loop& home = exchange->connection->home;
+    Outcome const outcome = exchange->hasToChoose ? exchange->readAsChosen() : Outcome::whole;
     ThreadUse const use;
     Clock::time_point const begin = Clock::now();
+    conclude(std::move(exchange), outcome);
+    // One that only had to share its processor was not slow.
+    if (Clock::now() - begin > kQuick && ThreadUse().isSlowSince(use)) home.expectSlowHandlers();
+}
+
+void ServerCore::conclude(std::unique_ptr<Exchange> exchange,
+                          RequestReader::Outcome outcome) noexcept {
+    using Outcome = RequestReader::Outcome;
+    Connection& connection = *exchange->connection;
+    exchange->hasToChoose = outcome == Outcome::headHere;
+    if (exchange->hasToChoose) return answerElsewhere(std::move(exchange));
     if (outcome == Outcome::whole)
         exchange->run(m_handler, isStopping());
     else if (outcome == Outcome::refused)
         exchange->refuse(exchange->reader.refusal());
     else if (outcome == Outcome::failed)
-        exchange->refuse({500, "the request could not be read"});
-    else
-        connection.failed = outcome == Outcome::closed;  // else the rest is read elsewhere
-    // One that only had to share its processor was not slow.
-    if (Clock::now() - begin > kQuick && ThreadUse().isSlowSince(use))
-        connection.home.expectSlowHandlers();
+        exchange->refuse(500, "the request could not be read");
+    else if (outcome == Outcome::closed)
+        connection.failed = true;
     giveBack(std::move(exchange));
     connection.home.adopt(connection);
 }

@@ -46,16 +46,19 @@ public:
     std::unique_ptr<Exchange> takeExchange();
     void giveBack(std::unique_ptr<Exchange> exchange);
 
-    // A request whose handler another thread runs.
-    void answerElsewhere(std::unique_ptr<Exchange> exchange);
+    // A request whose handler another thread runs, or asks how to read it.
+    void answerElsewhere(std::unique_ptr<Exchange> exchange) noexcept;
 
     // A request of which not all has come.
     void readElsewhere(Connection& connection);
 
+    // Does for a request, away from its loop, what became of reading it.
+    void conclude(std::unique_ptr<Exchange> exchange, RequestReader::Outcome outcome) noexcept;
+
     // The connection's answer is out, or never will be: whoever observes is told.
     void report(Connection& connection) noexcept;
 
-    void endConnection(std::unique_ptr<Connection> connection);
+    void endConnection(std::unique_ptr<Connection> connection) noexcept;
 
     // A handler begins, or is to begin: someone has to see how long that takes.
     void rouse() {
@@ -69,14 +72,14 @@ private:
     void lookAfterLoops();
     void acceptAll();
     bool acceptOne();
-    void lackDescriptors(int error);
+    void lack(int error) noexcept;
     void complain(std::string const& text) const;
     void beginToTrace(Connection& connection);
-    void traceFailed(std::string const& text);
+    void traceFailed(int error) noexcept;
     bool admit(Connection const& connection);
-    void turnAway(std::unique_ptr<Connection> connection);
+    void turnAway(std::unique_ptr<Connection> connection) noexcept;
     void beginToStop();
-    void answer(std::unique_ptr<Exchange> exchange);
+    void answer(std::unique_ptr<Exchange> exchange) noexcept;
 
     ServerOptions const m_options;
     Listener m_listener;
@@ -96,7 +99,7 @@ private:
 
     std::mutex m_mutex;
     std::vector<std::unique_ptr<Exchange>> m_exchanges;
-    std::map<std::string, int> m_ofAddress;  // connections, where they are limited
+    std::map<PeerAddress::Key, int> m_ofAddress;  // connections, where they are limited
 
     std::vector<std::unique_ptr<Loop>> m_loops;
     std::size_t m_nextLoop = 0;
