@@ -4,8 +4,11 @@
 #include <cstddef>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <utility>
 
+#include "foundation/AsciiText.h"
 #include "foundation/GuardedAllocation.h"
 #include "sender/HttpOutputStream.h"
 #include "socket/SoapSocket.h"
@@ -48,6 +51,12 @@ void append(QORByteBuffer& buffer, char const (&literal)[N]) {
 
 void writeAll(ZULOutputStream& os, QORByteBuffer const& bytes) {
     os.write(bytes.str(), static_cast<int>(bytes.pcount()));
+}
+
+// That it can't end its line.
+bool isOneLine(std::string_view text) {
+    constexpr std::string_view kEnders("\r\n\0", 3);
+    return text.find_first_of(kEnders) == std::string_view::npos;
 }
 
 char const* requiredBoundary(char const* boundary) {
@@ -126,6 +135,17 @@ void HttpMsgNode::setHeader(char const* name, int value) {
     m_number.reset();
     m_number << value;
     setHeader(name, m_number.str());
+}
+
+void HttpMsgNode::setHeaderText(char const* name, char const* text, int length) {
+    QOR_ASSERT(name);
+    QOR_ASSERT(isToken(name));
+    QOR_ASSERT(text);
+    QOR_ASSERT(length >= 0);
+    std::string const line(text, static_cast<std::size_t>(length));
+    QOR_ASSERT(isOneLine(line));
+    HTTPHeader header(line.c_str());
+    headers.moveHeader(name, header);
 }
 
 void HttpMsgNode::writeHeaders() {

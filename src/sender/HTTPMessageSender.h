@@ -71,6 +71,11 @@ public:
     void setHeader(char const* name, char const* value);
     void setHeader(char const* name, int value);
 
+    // The same, but the text goes out as it is, with its quotes, order and all that setHeader would
+    // leave out. Fails an assertion for a name that is no token, RFC 9110 section 5.6.2, and for a
+    // text that holds CR, LF or a zero byte.
+    void setHeaderText(char const* name, char const* text, int length);
+
     // Writes the staged headers and the empty line behind them in one write. For the body streams,
     // which know the moment.
     void writeHeaders();

@@ -19,6 +19,7 @@ public:
     char const* first() const { return m_first == "(null)" ? nullptr : m_first.c_str(); }
     char const* rest() const { return m_rest == "(null)" ? nullptr : m_rest.c_str(); }
     int number() const;
+    int restSize() const { return static_cast<int>(m_rest.size()); }
 
 private:
     std::string m_verb, m_first, m_rest;

@@ -40,6 +40,7 @@ void WriterCalls::makeOnNode(Call const& call) {
     if (call.is("restart")) m_root->reset();
     if (call.is("finish")) m_root->finish();
     if (call.is("header")) node->setHeader(call.first(), text);
+    if (call.is("text")) node->setHeaderText(call.first(), text, call.restSize());
     if (call.is("headers")) node->writeHeaders();
     if (call.is("reset")) node->reset();
     if (call.is("write") && one) one->write(call.text.data(), static_cast<int>(call.text.size()));
