@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cinttypes>
 #include <cstdio>
 #include <random>
 
@@ -75,6 +76,10 @@ void writeTo(OnePieceHttpMsg& node, std::string_view bytes) {
         node.write(bytes.data(), static_cast<int>(std::min(kPiece, bytes.size())));
 }
 
+void stage(HttpMsgNode& node, char const* name, std::string_view text) {
+    node.setHeaderText(name, text.data(), static_cast<int>(text.size()));
+}
+
 // From random bits, so that no one who wrote a part could know it.
 std::string randomBoundary() {
     std::random_device random;
@@ -86,6 +91,16 @@ std::string randomBoundary() {
     }
     return text;
 }
+
+// The body of a node.
+class NodeStream : public ZULOutputStream {
+public:
+    explicit NodeStream(OnePieceHttpMsg& node) : m_node(node) {}
+    void write(char const* data, int length) override { m_node.write(data, length); }
+
+private:
+    OnePieceHttpMsg& m_node;
+};
 
 void requireText(std::string_view text) {
     constexpr std::string_view kLineBreakers("\r\n\0", 3);
@@ -131,11 +146,23 @@ void AnswerWriter::begin(int status, std::string_view type) {
     m_status = status;
 }
 
+void AnswerWriter::send(int status, OutgoingMessage const& message) {
+    constexpr int kChunk = 32768;
+    std::string const type = message.contentType();
+    if (auto const size = message.size()) {
+        begin(status, type);
+        writeHead(status, type, *size);
+        return message.write(*this);
+    }
+    NodeStream body(onePiece(status, type, kChunk));
+    message.write(body);
+}
+
 OnePieceHttpMsg& AnswerWriter::onePiece(int status, std::string_view type, int chunkSize) {
     begin(status, type);
     m_onePiece = std::make_unique<OnePieceHttpMsg>(*this, chunkSizeFor(chunkSize));
     startNode(*m_onePiece, status);
-    if (!type.empty()) m_onePiece->setHeader("Content-Type", std::string(type).c_str());
+    if (!type.empty()) stage(*m_onePiece, "Content-Type", type);
     return *m_onePiece;
 }
 
@@ -153,8 +180,8 @@ void AnswerWriter::addPart(std::string_view type, std::string_view id, std::stri
     requireText(id);
     OnePieceHttpMsg* const part = m_multipart->addOnePiece(0);
     part->reset();
-    if (!type.empty()) part->setHeader("Content-Type", std::string(type).c_str());
-    if (!id.empty()) part->setHeader("Content-ID", std::string(id).c_str());
+    if (!type.empty()) stage(*part, "Content-Type", type);
+    if (!id.empty()) stage(*part, "Content-ID", id);
     writeTo(*part, bytes);
     m_multipart->endPart(part);
 }
@@ -175,8 +202,8 @@ void AnswerWriter::startNode(HttpMsgNode& node, int status) {
     for (std::size_t at = 0; at < m_fields.size();) {
         std::size_t const colon = m_fields.find(':', at);
         std::size_t const end = m_fields.find('\r', colon);
-        node.setHeader(m_fields.substr(at, colon - at).c_str(),
-                       m_fields.substr(colon + 2, end - colon - 2).c_str());
+        stage(node, m_fields.substr(at, colon - at).c_str(),
+              std::string_view(m_fields).substr(colon + 2, end - colon - 2));
         at = end + 2;
     }
 }
@@ -195,7 +222,7 @@ void AnswerWriter::refuse(int status, std::string_view text) {
 }
 
 // 204 has neither a body nor a length, RFC 9110 section 8.6.
-void AnswerWriter::writeHead(int status, std::string_view type, std::size_t length) {
+void AnswerWriter::writeHead(int status, std::string_view type, std::uint64_t length) {
     char line[96];
     int n = std::snprintf(line, sizeof line, "HTTP/1.1 %d %s\r\n", status, reasonOf(status));
     m_held.append(line, static_cast<std::size_t>(n));
@@ -206,7 +233,7 @@ void AnswerWriter::writeHead(int status, std::string_view type, std::size_t leng
         m_held += "Connection: keep-alive\r\n";
     if (!type.empty()) m_held.append("Content-Type: ").append(type).append("\r\n");
     if (status != 204) {
-        n = std::snprintf(line, sizeof line, "Content-Length: %zu\r\n", length);
+        n = std::snprintf(line, sizeof line, "Content-Length: %" PRIu64 "\r\n", length);
         m_held.append(line, static_cast<std::size_t>(n));
     }
     m_held.append(m_fields).append("\r\n");

@@ -11,6 +11,7 @@
 #include "sender/HTTPMessageSender.h"
 #include "service/Budget.h"
 #include "service/Connection.h"
+#include "service/OutgoingMessage.h"
 #include "service/RequestReader.h"
 
 namespace postwire {
@@ -35,6 +36,9 @@ public:
 
     // The whole answer; an empty type is left out.
     void send(int status, std::string_view type, std::string_view body);
+
+    // As Response says.
+    void send(int status, OutgoingMessage const& message);
 
     // As Response says.
     OnePieceHttpMsg& onePiece(int status, std::string_view type, int chunkSize);
@@ -63,7 +67,7 @@ public:
 
 private:
     void begin(int status, std::string_view type);
-    void writeHead(int status, std::string_view type, std::size_t length);
+    void writeHead(int status, std::string_view type, std::uint64_t length);
     void startNode(HttpMsgNode& node, int status);
     int chunkSizeFor(int asked) const;
     char const* date();

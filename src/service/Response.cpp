@@ -12,6 +12,10 @@ void Response::send(int status, std::string_view type, std::string_view body) {
     m_exchange.answer.send(status, type, body);
 }
 
+void Response::send(int status, OutgoingMessage const& message) {
+    m_exchange.answer.send(status, message);
+}
+
 OnePieceHttpMsg& Response::onePiece(int status, std::string_view type, int chunkSize) {
     return m_exchange.answer.onePiece(status, type, chunkSize);
 }

@@ -5,6 +5,7 @@
 #include "foundation/Export.h"
 
 #include "sender/HTTPMessageSender.h"
+#include "service/OutgoingMessage.h"
 
 namespace postwire {
 
@@ -32,6 +33,10 @@ public:
     // The whole answer. Of a large one the call waits until the peer has taken all but what fits
     // into the server's memory for bodies.
     void send(int status, std::string_view type, std::string_view body);
+
+    // The same for an envelope with attachments, without holding its files and streams: with a
+    // length, or in chunks where its size is not known before, which HTTP/1.0 gets whole.
+    void send(int status, OutgoingMessage const& message);
 
     // An answer that is written piece by piece; the node is good until the handler returns, which
     // ends the message: its finish is not to be called. With a chunk size above 0 it leaves in

@@ -18,6 +18,8 @@ public:
         usage,        // the caller's mistake: an option out of range, an answer given twice
         peerGone,     // the peer has closed or reset the connection
         timeLimit,    // the peer did not take its answer within the limit
+        source,       // what was to be sent can't be read, or is not as long as it was
+        malformed,    // a body is not in the transfer coding that it names
     };
 
     // The text gets the system's own behind it where there is a number.

@@ -1,0 +1,34 @@
+#include "service/PercentCoding.h"
+
+#include "foundation/AsciiText.h"
+
+namespace postwire {
+
+std::string percentDecoded(std::string_view text) {
+    std::string bytes;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        bool const isEncoded = text[i] == '%' && i + 2 < text.size() &&
+                               hexDigitValue(text[i + 1]) >= 0 && hexDigitValue(text[i + 2]) >= 0;
+        bytes +=
+            isEncoded
+                ? static_cast<char>(hexDigitValue(text[i + 1]) << 4 | hexDigitValue(text[i + 2]))
+                : text[i];
+        if (isEncoded) i += 2;
+    }
+    return bytes;
+}
+
+void appendPercentEncoded(std::string& to, std::string_view bytes) {
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    for (char const c : bytes) {
+        if (isLetterOrDigit(c) ||
+            (c != '\0' && std::string_view("!#$&+-.^_`|~").find(c) != std::string_view::npos)) {
+            to += c;
+            continue;
+        }
+        auto const byte = static_cast<unsigned char>(c);
+        to += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
+    }
+}
+
+}  // namespace postwire
