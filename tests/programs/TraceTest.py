@@ -106,7 +106,7 @@ class Trace(programs.TestCase):
     def test_faults_are_told_where_they_happen(self):
         part = b'--B\r\nContent-Length: %b\r\n\r\n<a/>%b--B--\r\n'
         for body, words in (
-                (request(b'abc')[:-1], 'the length says 3 bytes, of which 2 came before the end'),
+                (request(b'abc')[:-1], 'the length says 3 bytes, of which 2 bytes came before the end'),
                 (request(b'abc') + b'def', 'bytes behind the end of message 1 begin no message'),
                 (request(b'abc') + b'\n', 'the end came in the middle of the message'),
                 (in_chunks(b'abc', 2)[:-9], 'the end came before that of the body, behind 2 bytes'),
