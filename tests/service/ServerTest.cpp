@@ -6,7 +6,6 @@
 #include <future>
 #include <memory>
 #include <mutex>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -334,9 +333,12 @@ TEST(ServerTrace, HoldsWhatCameAndWentAndWhenAndFailsAlone) {
     std::string const out = std::to_string(got.size());
     while (contentOf(path + ".times").find("\ns ") == std::string::npos) std::this_thread::yield();
     EXPECT_EQ("\n<read[" + in + "]>\n" + sent + "\n<write[" + out + "]>\n" + got, contentOf(path));
-    std::regex const times("# postwire times 1\nr " + in + " \\d{10}\\.\\d{6}\ns " + out +
-                           " \\d{10}\\.\\d{6}\n");
-    EXPECT_TRUE(std::regex_match(contentOf(path + ".times"), times));
+    std::string times = contentOf(path + ".times");
+    for (char& c : times) c = c >= '0' && c <= '9' ? '0' : c;
+    std::string const expected = "# postwire times 0\nr " + std::string(in.size(), '0') +
+                                 " 0000000000.000000\ns " + std::string(out.size(), '0') +
+                                 " 0000000000.000000\n";
+    EXPECT_EQ(expected, times);
     std::filesystem::remove_all(folder);
     for (int i = 0; i < 2; ++i) EXPECT_EQ(200, HttpPeer(server.port()).exchange(sent).status);
     server.stop();
