@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -41,6 +42,8 @@ constexpr int hexDigitValue(char c) {
     return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
 }
 
+constexpr bool isHexDigit(char c) { return hexDigitValue(c) >= 0; }
+
 // The lower-case form of each character of a token, RFC 9110 section 5.6.2; 0 for all others.
 inline constexpr std::array<char, 256> kTokenLowerCase = [] {
     std::array<char, 256> table{};
@@ -57,6 +60,19 @@ constexpr bool isTokenCharacter(char c) { return tokenLowerCase(c) != 0; }
 
 inline bool isToken(std::string_view text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), isTokenCharacter);
+}
+
+// Whether all characters are from the blank to "~". Eight at a time: the sums set a byte's highest
+// bit where it is not, and a carry can set more of them only next to one that is set.
+inline bool isPrintable(std::string_view text) {
+    constexpr std::uint64_t kEach = 0x0101010101010101U;
+    while (text.size() >= 8) {
+        std::uint64_t word;
+        std::memcpy(&word, text.data(), 8);
+        if (((word - kEach * ' ') | (word + kEach) | word) & kEach * 0x80) return false;
+        text.remove_prefix(8);
+    }
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c < '\x7f'; });
 }
 
 // The text without the characters at its ends that `belongs` takes.
@@ -95,6 +111,24 @@ inline int compareInAnyCase(char const* a, char const* b) {
     return static_cast<unsigned char>(asciiLowerCase(*a)) -
            static_cast<unsigned char>(asciiLowerCase(*b));
 }
+
+// The number that a text begins with, as strtol reads it in base 10, but without the process's
+// locale and with the limits of int on every target, where long may be wider.
+struct DecimalNumber {
+    int value = 0;
+    bool hasDigits = false;
+
+    explicit DecimalNumber(char const* text) {
+        while (isAsciiSpace(*text)) ++text;
+        bool const isNegative = *text == '-';
+        if (isNegative || *text == '+') ++text;
+        long long const limit = isNegative ? -static_cast<long long>(INT_MIN) : INT_MAX;
+        long long number = 0;
+        for (; isDigit(*text); ++text, hasDigits = true)
+            number = std::min(number * 10 + (*text - '0'), limit);
+        value = static_cast<int>(isNegative ? -number : number);
+    }
+};
 
 // Calls f with each item of a list with commas, white space around it taken off; an item may be
 // empty, and an empty list is one empty item.
@@ -141,9 +175,16 @@ inline __m128i sixteenBytes(char const* text) {
 
 // All bits of those bytes that lie from `first` to `last`.
 inline __m128i bytesFromTo(__m128i bytes, char first, char last) {
-    __m128i const above = _mm_sub_epi8(bytes, _mm_set1_epi8(first));
-    __m128i const most = _mm_set1_epi8(static_cast<char>(last - first));
-    return _mm_cmpeq_epi8(_mm_min_epu8(above, most), above);
+    // Moved to where the least signed numbers are, so that one comparison tells.
+    __m128i const moved = _mm_add_epi8(bytes, _mm_set1_epi8(static_cast<char>(-128 - first)));
+    return _mm_cmpgt_epi8(_mm_set1_epi8(static_cast<char>(last - first - 127)), moved);
+}
+
+// How many bytes in front have all bits set.
+inline unsigned countOfFirst(__m128i bytes) {
+    int const found = _mm_movemask_epi8(bytes);
+    return found == 0xFFFF ? 16U
+                           : static_cast<unsigned>(__builtin_ctz(~static_cast<unsigned>(found)));
 }
 #endif
 
@@ -152,54 +193,55 @@ inline __m128i bytesFromTo(__m128i bytes, char first, char last) {
 
 // Copies the token that the text begins with, in lower case; its size. `to` may be the text.
 inline std::size_t copyTokenInLowerCase(char const* text, char const* end, char* to) {
-    char const* at = text;
+    std::size_t const size = static_cast<std::size_t>(end - text);
+    std::size_t at = 0;
 #ifdef __SSE2__
-    // Letters, digits and hyphens, which have the bit of lower case or get it: other characters of
-    // tokens are left to the table. Behind the token the text itself is left as it is.
+    // Letters, and from the hyphen to the digits what has the bit of lower case: other characters
+    // of tokens are left to the table. Behind the token the text itself is left as it is.
     __m128i const place = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-    __m128i const bit = _mm_set1_epi8('a' - 'A'), blank = _mm_set1_epi8(' ');
-    for (int n = 16; n == 16 && end - at >= 16; at += n) {
-        __m128i const bytes = sixteenBytes(at), lower = _mm_or_si128(bytes, bit);
-        __m128i const usual =
-            _mm_or_si128(_mm_or_si128(bytesFromTo(lower, 'a', 'z'), bytesFromTo(lower, '0', '9')),
-                         _mm_cmpeq_epi8(lower, _mm_set1_epi8('-')));
-        int const found = _mm_movemask_epi8(_mm_and_si128(usual, _mm_cmpgt_epi8(bytes, blank)));
-        n = __builtin_ctz(~static_cast<unsigned>(found));
+    __m128i const bit = _mm_set1_epi8('a' - 'A'), slash = _mm_set1_epi8('/');
+    for (unsigned n = 16; n == 16 && size - at >= 16; at += n) {
+        __m128i const bytes = sixteenBytes(text + at), lower = _mm_or_si128(bytes, bit);
+        __m128i const usual = _mm_or_si128(
+            bytesFromTo(lower, 'a', 'z'),
+            _mm_andnot_si128(_mm_cmpeq_epi8(bytes, slash), bytesFromTo(bytes, '-', '9')));
+        n = countOfFirst(usual);
         __m128i const within = _mm_cmplt_epi8(place, _mm_set1_epi8(static_cast<char>(n)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + (at - text)),
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + at),
                          to == text ? _mm_or_si128(bytes, _mm_and_si128(bit, within)) : lower);
     }
 #endif
-    for (char c; at != end && (c = tokenLowerCase(*at)) != 0; ++at) to[at - text] = c;
-    return static_cast<std::size_t>(at - text);
+    for (char c; at != size && (c = tokenLowerCase(text[at])) != 0; ++at) to[at] = c;
+    return at;
 }
 
 // Copies the text up to its first control character; the number of bytes before that.
 inline std::size_t copyToControlCharacter(char const* text, char const* end, char* to) {
-    char const* at = text;
+    std::size_t const size = static_cast<std::size_t>(end - text);
+    std::size_t at = 0;
 #ifdef __SSE2__
     // One comparison finds them, and the tab and what is not ASCII, which are looked at again.
-    __m128i const one = _mm_set1_epi8(1), most = _mm_set1_epi8(' ' + 1);
-    while (end - at >= 16) {
-        __m128i const bytes = sixteenBytes(at);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + (at - text)), bytes);
-        int const found = _mm_movemask_epi8(_mm_cmplt_epi8(_mm_add_epi8(bytes, one), most));
-        at += found == 0 ? 16 : __builtin_ctz(static_cast<unsigned>(found));
-        if (found == 0) continue;
-        if (isControlCharacter(*at)) return static_cast<std::size_t>(at - text);
+    __m128i const one = _mm_set1_epi8(1), blank = _mm_set1_epi8(' ');
+    while (size - at >= 16) {
+        __m128i const bytes = sixteenBytes(text + at);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + at), bytes);
+        unsigned const n = countOfFirst(_mm_cmpgt_epi8(_mm_add_epi8(bytes, one), blank));
+        at += n;
+        if (n == 16) continue;
+        if (isControlCharacter(text[at])) return at;
         ++at;
     }
 #else
     // The sums set a byte's highest bit from the blank on, and at 0x7F.
     using Word = std::uintptr_t;
     constexpr Word kEach = ~Word{0} / 0xFF;
-    for (Word word; end - at >= static_cast<std::ptrdiff_t>(sizeof word); at += sizeof word) {
-        std::memcpy(&word, at, sizeof word);
+    for (Word word; size - at >= sizeof word; at += sizeof word) {
+        std::memcpy(&word, text + at, sizeof word);
         Word const low = word & kEach * 0x7F;
         if ((~(low + kEach * (0x80 - ' ')) | (low + kEach)) & ~word & kEach * 0x80) break;
-        std::memcpy(to + (at - text), &word, sizeof word);
+        std::memcpy(to + at, &word, sizeof word);
     }
 #endif
-    for (; at != end && !isControlCharacter(*at); ++at) to[at - text] = *at;
-    return static_cast<std::size_t>(at - text);
+    for (; at != size && !isControlCharacter(text[at]); ++at) to[at] = text[at];
+    return at;
 }

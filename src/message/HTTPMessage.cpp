@@ -42,6 +42,9 @@ constexpr std::size_t kMaxSearched = 4096;
 // few enough to be sorted on the stack.
 constexpr std::size_t kMaxSortedInPlace = 16;
 
+// An envelope and its attachments: room for these is taken at once.
+constexpr std::size_t kUsualParts = 4;
+
 // Its lines can't be joined into one, RFC 9110 section 5.3.
 bool isRepeatable(char const* name) { return compareInAnyCase(name, "set-cookie") == 0; }
 
@@ -538,6 +541,7 @@ void HTTPMessage::addChild(HTTPMessage* pChild) {
         return;
     }
     auto parts = guardedNew<VecpHTTPMessages>(QORFileLocation(kSourceFile, __LINE__));
+    parts->reserve(kUsualParts);
     parts->push_back(pChild);
     m_pParts = parts.release();
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "foundation/QORByteBuffer.h"
 
@@ -49,11 +50,10 @@ bool beginsWith(char const* text, char const* end, std::string_view start) {
 // Delimiter
 
 Delimiter::Delimiter(std::string_view boundary)
-    : m_text(std::string("\r\n--").append(boundary).append("--")),
-      m_isClosing(false),
-      m_judgedSize(0),
-      m_nextSize(0),
-      m_bytesNoted(false) {}
+    : m_isClosing(false), m_judgedSize(0), m_nextSize(0), m_bytesNoted(false) {
+    m_text.reserve(boundary.size() + 6);
+    m_text.append("\r\n--").append(boundary).append("--");
+}
 
 Verdict Delimiter::judge(char const* line, char const* end, bool isAll) {
     std::string_view const wanted = separator();
@@ -129,16 +129,13 @@ bool Delimiter::mayBeWithin(ZULBufferedInputStream& is, int n) const {
 char const* Delimiter::leap(char const* at, char const* end) {
     auto const length = static_cast<std::ptrdiff_t>(separator().size()) + 1;
     if (length < kWorthLeaping || end - at < kWorthNoting) return at;
-    if (!m_bytesNoted) noteBytes();
+    if (!std::exchange(m_bytesNoted, true)) {
+        m_occurs.fill(0);
+        for (char const c : m_text) m_occurs[static_cast<unsigned char>(c)] = 1;
+    }
     auto const occurs = [this](char c) { return m_occurs[static_cast<unsigned char>(c)]; };
     while (end - at > length && !(occurs(at[length - 1]) & occurs(at[length]))) at += length;
     return at;
-}
-
-void Delimiter::noteBytes() {
-    m_occurs.fill(0);
-    for (char const c : m_text) m_occurs[static_cast<unsigned char>(c)] = 1;
-    m_bytesNoted = true;
 }
 
 // BoundaryStream
@@ -150,8 +147,6 @@ BoundaryStream::BoundaryStream(ZULBufferedInputStream& in, Delimiter& delimiter,
       m_delimiter(delimiter),
       m_atLineStart(atLineStart),
       m_inputEnded(false) {}
-
-BoundaryStream::~BoundaryStream() = default;
 
 // What is asked for is a wish: no more is taken at once than is there, or than kRoom.
 int BoundaryStream::read(QORByteBuffer& buf, int n) {
@@ -214,7 +209,8 @@ int BoundaryStream::bodyBytes(char const* bytes, int have, int most) {
     char const* const last = bytes + std::min(have, most);
     char const* at = bytes;
     int lineEnd = 0;
-    Verdict verdict = m_atLineStart ? judge(bytes, end) : Verdict::No;
+    auto const judge = [&](char const* line) { return m_delimiter.judge(line, end, m_inputEnded); };
+    Verdict verdict = m_atLineStart ? judge(bytes) : Verdict::No;
     while (verdict == Verdict::No) {
         at = m_delimiter.leap(at, last);
         void const* const cr = std::memchr(at, '\r', static_cast<std::size_t>(last - at));
@@ -224,17 +220,13 @@ int BoundaryStream::bodyBytes(char const* bytes, int have, int most) {
         if (at + 1 == end)
             verdict = m_inputEnded ? Verdict::No : Verdict::Open;
         else if (at[1] == '\n')
-            verdict = judge(at + 2, end);
+            verdict = judge(at + 2);
         if (verdict == Verdict::No) ++at;
     }
     if (at != bytes) return static_cast<int>(at - bytes);
     if (verdict != Verdict::Yes) return 0;
     m_delimiter.setNext(lineEnd);
     return -1;
-}
-
-Verdict BoundaryStream::judge(char const* line, char const* end) {
-    return m_delimiter.judge(line, end, m_inputEnded);
 }
 
 // More bytes behind those held back, which stay in front. All of the read-ahead is held back, and

@@ -45,12 +45,11 @@ public:
 
 private:
     Verdict judgeLineEnd(char const* line, char const* behind, char const* end, bool isAll);
-    void noteBytes();
 
-    std::string const m_text;  // CRLF and the closing line
-    bool m_isClosing;          // of the one last judged
-    int m_judgedSize;          // of that, with the end of its line
-    int m_nextSize;            // of the one that comes next, or 0 where that is not known
+    std::string m_text;  // CRLF and the closing line
+    bool m_isClosing;    // of the one last judged
+    int m_judgedSize;    // of that, with the end of its line
+    int m_nextSize;      // of the one that comes next, or 0 where that is not known
     bool m_bytesNoted;
     std::array<unsigned char, 256> m_occurs;  // once noted, 1 for each byte of CRLF and delimiter
 };
@@ -65,7 +64,6 @@ public:
     // The delimiter is borrowed. `atLineStart`: it may stand at once, without a CRLF.
     BoundaryStream(ZULBufferedInputStream& in, Delimiter& delimiter, bool atLineStart,
                    Budget& bytes);
-    ~BoundaryStream() override;
 
     using FramedStream::read;
 
@@ -81,7 +79,6 @@ private:
     int readAhead(QORByteBuffer& buf, int n);
     int readBeneath(QORByteBuffer& buf, int n);
     int bodyBytes(char const* bytes, int have, int most);
-    Delimiter::Verdict judge(char const* line, char const* end);
     void readOn(char const* bytes, int n);
 
     ZULBufferedInputStream& m_buffered;

@@ -1,6 +1,7 @@
 #include "parser/FramedStream.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "foundation/ZULStreamException.h"
 
@@ -12,34 +13,25 @@ namespace {
 
 // The framing faults of the streams beneath; other errors are left to the caller.
 void translate(ZULStreamException const& e) {
+    using Beneath = ZULStreamException;
     using Policy = HTTPPolicyException;
-    switch (e.getCode()) {
-        case ZULStreamException::ZUL_ERR_END_OF_INPUT:
-            refuse(Policy::HTTP_ERR_BODY_CUT, {kSourceFile, __LINE__});
-        case ZULStreamException::ZUL_ERR_CHUNK_SIZE:
-            refuse(Policy::HTTP_ERR_CHUNK_SIZE, {kSourceFile, __LINE__});
-        case ZULStreamException::ZUL_ERR_CHUNK_TOO_LARGE:
-            refuse(Policy::HTTP_ERR_CHUNK_TOO_LARGE, {kSourceFile, __LINE__});
-        case ZULStreamException::ZUL_ERR_CHUNK_END:
-            refuse(Policy::HTTP_ERR_CHUNK_END, {kSourceFile, __LINE__});
-        case ZULStreamException::ZUL_ERR_CHUNK_EXTENSION:
-            refuse(Policy::HTTP_ERR_CHUNK_EXTENSION, {kSourceFile, __LINE__});
-        case ZULStreamException::ZUL_ERR_TRAILER_TOO_LONG:
-        case ZULStreamException::ZUL_ERR_TRAILER:
-            refuse(Policy::HTTP_ERR_TRAILER, {kSourceFile, __LINE__});
-        case ZULStreamException::ZUL_ERR_FRAMING:
-            refuse(Policy::HTTP_ERR_CHUNK_FRAMING, {kSourceFile, __LINE__});
-        default:
-            return;
-    }
+    static constexpr std::pair<long, Policy::PolicyErrorCode> kFaults[] = {
+        {Beneath::ZUL_ERR_END_OF_INPUT, Policy::HTTP_ERR_BODY_CUT},
+        {Beneath::ZUL_ERR_CHUNK_SIZE, Policy::HTTP_ERR_CHUNK_SIZE},
+        {Beneath::ZUL_ERR_CHUNK_TOO_LARGE, Policy::HTTP_ERR_CHUNK_TOO_LARGE},
+        {Beneath::ZUL_ERR_CHUNK_END, Policy::HTTP_ERR_CHUNK_END},
+        {Beneath::ZUL_ERR_CHUNK_EXTENSION, Policy::HTTP_ERR_CHUNK_EXTENSION},
+        {Beneath::ZUL_ERR_TRAILER_TOO_LONG, Policy::HTTP_ERR_TRAILER},
+        {Beneath::ZUL_ERR_TRAILER, Policy::HTTP_ERR_TRAILER},
+        {Beneath::ZUL_ERR_FRAMING, Policy::HTTP_ERR_CHUNK_FRAMING}};
+    for (auto const& [beneath, code] : kFaults)
+        if (e.getCode() == beneath) refuse(code, {kSourceFile, __LINE__});
 }
 
 }  // namespace
 
 FramedStream::FramedStream(ZULInputStream& in, Budget& bytes)
     : m_in(in), m_bytes(bytes), m_ended(false) {}
-
-FramedStream::~FramedStream() = default;
 
 // Into the buffer's own storage where the stream beneath can do that; it grows for what is there
 // only.
@@ -82,8 +74,6 @@ void FramedStream::noteArrival(int) {}
 
 LengthStream::LengthStream(ZULInputStream& in, int length, Budget::Code cut, Budget& bytes)
     : FramedStream(in, bytes), m_left(length), m_cut(cut) {}
-
-LengthStream::~LengthStream() = default;
 
 int LengthStream::bytesToAsk(int n) { return m_left == 0 ? -1 : std::min(n, m_left); }
 

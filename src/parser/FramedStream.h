@@ -15,7 +15,6 @@ class FramedStream : public ZULInputStream {
 public:
     // `bytes`: what may be read of all bodies of the message.
     FramedStream(ZULInputStream& in, Budget& bytes);
-    ~FramedStream() override;
 
     using ZULInputStream::read;
     int read(QORByteBuffer& buf, int n) override;
@@ -48,7 +47,6 @@ class LengthStream : public FramedStream {
 public:
     // `cut` is raised where the stream beneath ends first.
     LengthStream(ZULInputStream& in, int length, Budget::Code cut, Budget& bytes);
-    ~LengthStream() override;
 
 private:
     int bytesToAsk(int n) override;

@@ -12,12 +12,7 @@ static char const kSourceFile[] = "HTTPParser";
 
 static constexpr int kFirstRoom = 256;  // of a body, by contract
 
-HTTPMOMMsgHandler::HTTPMOMMsgHandler()
-    : m_pCurrentMessage(nullptr),
-      m_pRootMessage(nullptr),
-      m_statusCode(static_cast<HTTPMessage::StatusCode>(0)) {
-    HTTPMOMMsgHandler::reset();
-}
+HTTPMOMMsgHandler::HTTPMOMMsgHandler() { HTTPMOMMsgHandler::reset(); }
 
 HTTPMOMMsgHandler::~HTTPMOMMsgHandler() {
     if (m_pCurrentMessage != m_pRootMessage) dropQuietly(m_pCurrentMessage);

@@ -1,7 +1,6 @@
 #include "parser/HTTPParser.h"
 
 #include <algorithm>
-#include <climits>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -67,29 +66,6 @@ private:
     char* m_next;
 };
 
-// -1 for a version that is not known.
-int minorVersionOf(std::string_view word) {
-    return word == "HTTP/1.1" || word == "HTTP/1.0" ? word.back() - '0' : -1;
-}
-
-struct Number {
-    int value;
-    bool hasDigits;
-};
-
-// Base 10 as strtol reads it, but without the process's locale and with the limits of int on every
-// target, where long may be wider.
-Number readNumber(char const* text) {
-    while (isAsciiSpace(*text)) ++text;
-    bool const negative = *text == '-';
-    if (negative || *text == '+') ++text;
-    char const* const digits = text;
-    long long const limit = negative ? -static_cast<long long>(INT_MIN) : INT_MAX;
-    long long value = 0;
-    for (; isDigit(*text); ++text) value = std::min(value * 10 + (*text - '0'), limit);
-    return {static_cast<int>(negative ? -value : value), text != digits};
-}
-
 // Ends the use of a filter stream of our own.
 struct DetachAndDelete {
     void operator()(ZULFilterInputStream* stream) const {
@@ -124,22 +100,7 @@ private:
 
 }  // namespace
 
-HTTPParser::HTTPParser()
-    : m_pHandler(nullptr),
-      m_bChunking(),
-      m_bMultipart(),
-      m_idepth(0),
-      m_contentlength(),
-      m_bLengthDeclared(),
-      m_line(256, 256),
-      m_continueCallback(nullptr),
-      m_continueContext(nullptr),
-      m_minorVersion(1),
-      m_saysClose(false),
-      m_saysKeepAlive(false),
-      m_expectsContinue(false),
-      m_tookAll(false),
-      m_wasRead(false) {}
+HTTPParser::HTTPParser() = default;
 
 HTTPParser::~HTTPParser() { m_pHandler = nullptr; }
 
@@ -197,7 +158,7 @@ void HTTPParser::readStartLine(ZULBufferedInputStream& is, Reading& r) {
             if (!lines.readLine()) raise(HTTPException::HTTP_ERR_END_OF_STREAM, method, __LINE__);
         } while (m_line.pcount() == 0);
         if (r.isRequest) return reportRequestLine(r);
-        if (r.policy.strictFraming) r.status = judgeStatus();
+        if (r.policy.strictFraming) r.status = judgeStatusLine({m_line.str(), m_line.pcount()});
         if (r.status / 100 != 1) return reportStatusLine(r);
         skipInterimHead(is, r);
     }
@@ -207,10 +168,9 @@ void HTTPParser::skipInterimHead(ZULBufferedInputStream& is, Reading& r) {
     LineSource lines(is, m_line, LineSource::Rules::Http, r.policy.maxLine, r.head,
                      Policy::HTTP_ERR_HEADER_LINE_TOO_LONG);
     while (lines.readLine()) {
+        HeaderLine field;
         if (m_line.pcount() == 0) return;
-        char* const name = m_line.str();
-        char* const end = name + m_line.pcount();
-        judgeFieldLine(name, name + copyTokenInLowerCase(name, end, name), end);
+        cutField(r, field);
     }
     raise(HTTPException::HTTP_ERR_END_OF_STREAM, kProcessHeaders, __LINE__);
 }
@@ -224,9 +184,8 @@ void HTTPParser::validateRequestLine(QORByteBuffer& line) {
 void HTTPParser::validateResponseLine(QORByteBuffer& line) {
     QOR_ASSERT(m_pHandler);
     keepLine(line);
-    MessageReading r(m_policy);
-    if (r.policy.strictFraming) r.status = judgeStatus();
-    reportStatusLine(r);
+    if (m_policy.strictFraming) judgeStatusLine({m_line.str(), m_line.pcount()});
+    reportStatusLine(MessageReading(m_policy));
 }
 
 // A caller's line is left alone: ours is cut where it stands.
@@ -261,15 +220,6 @@ void HTTPParser::reportRequestLine(Reading const& r) {
     m_minorVersion = minorVersion;
 }
 
-// The number of a status line that is read to the letter.
-int HTTPParser::judgeStatus() {
-    std::string_view const line(m_line.str(), m_line.pcount());
-    std::string_view const version = line.substr(0, line.find(' '));
-    if (minorVersionOf(version) < 0)
-        raise(HTTPException::HTTP_ERR_VERSION, kValidateResponseLine, __LINE__);
-    return judgeStatusLine(line, version.size());
-}
-
 void HTTPParser::reportStatusLine(Reading const& r) {
     constexpr auto kMissing = HTTPException::HTTP_ERR_BAD_RESPONSE_LINE;
     if (r.policy.strictFraming) m_line.trim();
@@ -282,7 +232,7 @@ void HTTPParser::reportStatusLine(Reading const& r) {
     std::string_view const number = words.next();
     if (number.empty()) raise(kMissing, kValidateResponseLine, __LINE__);
     std::string const reason = words.rest();
-    int const status = readNumber(number.data()).value;
+    int const status = DecimalNumber(number.data()).value;
     m_pHandler->setStatusCode(static_cast<HTTPMessage::StatusCode>(status));
     // RFC 9112 section 4 allows an empty one.
     if (reason.empty() && !r.policy.strictFraming) raise(kMissing, kValidateResponseLine, __LINE__);
@@ -370,24 +320,20 @@ void HTTPParser::recordField(Reading& r, std::string_view name, std::string_view
         recordContentLength(r, text.data());
     else if (name == "transfer-encoding")
         recordTransferEncoding(r, text.data());
-    else if (m_idepth == 0)
-        recordConnection(r, name, text);
+    else if (m_idepth == 0 && (name == "connection" || name == "expect"))
+        recordConnection(name, text);
+    else if (m_idepth == 0 && name == "host" && r.policy.strictFraming)
+        r.rules.judgeHost(text);
 }
 
 // What a message says of its connection.
-void HTTPParser::recordConnection(Reading& r, std::string_view name, std::string_view text) {
-    if (name == "connection") {
-        forEachItem(text, [this](std::string_view item) {
-            m_saysClose = m_saysClose || equalsInAnyCase(item, "close");
-            m_saysKeepAlive = m_saysKeepAlive || equalsInAnyCase(item, "keep-alive");
-        });
-    } else if (name == "expect") {
-        forEachItem(text, [this](std::string_view item) {
-            m_expectsContinue = m_expectsContinue || equalsInAnyCase(item, "100-continue");
-        });
-    } else if (r.policy.strictFraming && name == "host") {
-        r.rules.judgeHost(text);
-    }
+void HTTPParser::recordConnection(std::string_view name, std::string_view text) {
+    bool const isExpect = name == "expect";
+    forEachItem(text, [=](std::string_view item) {
+        m_saysClose |= !isExpect && equalsInAnyCase(item, "close");
+        m_saysKeepAlive |= !isExpect && equalsInAnyCase(item, "keep-alive");
+        m_expectsContinue |= isExpect && equalsInAnyCase(item, "100-continue");
+    });
 }
 
 // Where the header's value begins, whose text this is: only a value in quotes, or one that is
@@ -422,10 +368,14 @@ void HTTPParser::recordContentType(Reading& r, std::string_view text) {
 void HTTPParser::recordContentLength(Reading& r, char const* text) {
     char const* const value = startOfValue(text);
     if (!*value) raise(HTTPException::HTTP_ERR_BAD_CONTENT_LENGTH, kProcessHeader, __LINE__);
-    Number const length =
-        r.policy.strictFraming ? Number{r.rules.readContentLength(text), true} : readNumber(value);
-    m_contentlength[m_idepth] = length.value;
-    m_bLengthDeclared[m_idepth] = length.hasDigits;
+    if (r.policy.strictFraming) {
+        m_contentlength[m_idepth] = r.rules.readContentLength(text);
+        m_bLengthDeclared[m_idepth] = true;
+    } else {
+        DecimalNumber const length(value);
+        m_contentlength[m_idepth] = length.value;
+        m_bLengthDeclared[m_idepth] = length.hasDigits;
+    }
 }
 
 void HTTPParser::recordTransferEncoding(Reading& r, char const* text) {
@@ -442,9 +392,7 @@ void HTTPParser::processEntities(ZULBufferedInputStream* is) {
     QOR_ASSERT(is);
     QOR_ASSERT(m_pHandler);
     MessageReading r(m_policy);
-    std::optional<Delimiter> around;
-    std::size_t const own = m_bMultipart[m_idepth] ? 1 : 0;
-    if (m_idepth > 0) setDelimiterAround(r, around, own);
+    if (m_idepth > 0) setDelimiterAround(r, m_bMultipart[m_idepth] ? 1 : 0);
     readBody(*is, r);
 }
 
@@ -480,14 +428,18 @@ void HTTPParser::readBody(ZULBufferedInputStream& is, Reading& r) {
     if (framing == Framing::Length && !m_bMultipart[m_idepth]) return readLength(is, r);
     try {
         switch (framing) {
-            case Framing::None:
-                return readNone(is, r);
+            case Framing::None: {
+                LengthStream body(is, 0, Policy::HTTP_ERR_BODY_CUT, r.body);
+                return m_pHandler->content(body, 0);
+            }
             case Framing::Length:
                 return readLength(is, r);
             case Framing::Chunks:
                 return readChunks(is, r);
-            case Framing::Boundary:
-                return readToBoundary(is, r);
+            case Framing::Boundary: {
+                BoundaryStream body(is, *r.delimiter, true, budget(r));
+                return deliver(body, r);
+            }
             case Framing::Rest:
                 return readRest(is, r);
         }
@@ -504,32 +456,20 @@ void HTTPParser::askForBody(ZULBufferedInputStream const& is, Reading const& r) 
         m_continueCallback(m_continueContext);
 }
 
-void HTTPParser::readNone(ZULBufferedInputStream& is, Reading& r) {
-    LengthStream body(is, 0, Policy::HTTP_ERR_BODY_CUT, r.body);
-    m_pHandler->content(body, 0);
-}
-
 // The delimiter around a part is looked for within its length, too, since a reader that goes by
 // delimiters would end the part there: the two must agree.
 void HTTPParser::readLength(ZULBufferedInputStream& is, Reading& r) {
     int const length = m_contentlength[m_idepth];
     if (r.byDefault) return m_pHandler->content(is, length);
-    if (!r.delimiter) {
-        // Within a body that ends by itself only that end can be met: the input's is told there.
-        auto const cut = r.isBounded ? Policy::HTTP_ERR_BODY_OVERRUN : Policy::HTTP_ERR_BODY_CUT;
-        LengthStream body(is, length, cut, budget(r));
-        return deliver(body, r, length);
-    }
-    Delimiter& delimiter = *r.delimiter;
-    if (delimiter.mayBeWithin(is, length)) {
-        BoundaryStream part(is, delimiter, true, r.uncounted);
-        LengthStream body(part, length, Policy::HTTP_ERR_NO_DELIMITER, budget(r));
-        deliver(body, r, length);
-    } else {
-        LengthStream body(is, length, Policy::HTTP_ERR_NO_DELIMITER, budget(r));
-        deliver(body, r, length);
-    }
-    requireDelimiter(is, r, length == 0);
+    // Within a body that ends by itself only that end can be met: the input's is told there.
+    auto cut = r.isBounded ? Policy::HTTP_ERR_BODY_OVERRUN : Policy::HTTP_ERR_BODY_CUT;
+    if (r.delimiter) cut = Policy::HTTP_ERR_NO_DELIMITER;
+    std::optional<BoundaryStream> part;
+    if (r.delimiter && r.delimiter->mayBeWithin(is, length))
+        part.emplace(is, *r.delimiter, true, r.uncounted);
+    LengthStream body(part ? static_cast<ZULInputStream&>(*part) : is, length, cut, budget(r));
+    deliver(body, r, length);
+    if (r.delimiter) requireDelimiter(is, r, length == 0);
 }
 
 void HTTPParser::readChunks(ZULBufferedInputStream& is, Reading& r) {
@@ -545,11 +485,6 @@ void HTTPParser::readChunks(ZULBufferedInputStream& is, Reading& r) {
     FramedStream body(decoder, budget(r));
     deliver(body, r);
     if (r.delimiter) requireDelimiter(is, r, true);
-}
-
-void HTTPParser::readToBoundary(ZULBufferedInputStream& is, Reading& r) {
-    BoundaryStream body(is, *r.delimiter, true, budget(r));
-    deliver(body, r);
 }
 
 // To the end of the stream, or to the closing delimiter.
@@ -598,16 +533,14 @@ void HTTPParser::deliver(FramedStream& body, Reading& r, int length) {
 void HTTPParser::processPart(ZULBufferedInputStream* is) {
     QOR_ASSERT(m_pHandler);
     MessageReading r(m_policy);
-    std::optional<Delimiter> around;
-    setDelimiterAround(r, around, 0);
+    setDelimiterAround(r, 0);
     readPart(is, r);
 }
 
 // For a part that is read on its own: of the boundary that so many others stand on.
-void HTTPParser::setDelimiterAround(Reading& r, std::optional<Delimiter>& around,
-                                    std::size_t inner) const {
+void HTTPParser::setDelimiterAround(Reading& r, std::size_t inner) const {
     if (!r.policy.partsEndAtBoundary || m_boundaries.size() <= inner) return;
-    r.delimiter = &around.emplace(m_boundaries[m_boundaries.size() - inner - 1]);
+    r.delimiter = &r.around.emplace(m_boundaries[m_boundaries.size() - inner - 1]);
 }
 
 void HTTPParser::readParts(ZULBufferedInputStream& is, Reading& r) {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -107,14 +106,13 @@ private:
     void skipInterimHead(ZULBufferedInputStream& is, Reading& r);
     void keepLine(QORByteBuffer& line);
     void reportRequestLine(Reading const& r);
-    int judgeStatus();
     void reportStatusLine(Reading const& r);
 
     void readHead(ZULBufferedInputStream& is, Reading& r);
     bool cutField(Reading const& r, postwire::internal::HeaderLine& field);
     void reportField(Reading& r, postwire::internal::HeaderLine const& field);
     void recordField(Reading& r, std::string_view name, std::string_view text);
-    void recordConnection(Reading& r, std::string_view name, std::string_view text);
+    void recordConnection(std::string_view name, std::string_view text);
     char const* startOfValue(char const* text);
     void recordContentType(Reading& r, std::string_view text);
     void recordContentLength(Reading& r, char const* text);
@@ -123,17 +121,14 @@ private:
     Framing framing(Reading const& r) const;
     void readBody(ZULBufferedInputStream& is, Reading& r);
     void askForBody(ZULBufferedInputStream const& is, Reading const& r);
-    void readNone(ZULBufferedInputStream& is, Reading& r);
     void readLength(ZULBufferedInputStream& is, Reading& r);
     void readChunks(ZULBufferedInputStream& is, Reading& r);
-    void readToBoundary(ZULBufferedInputStream& is, Reading& r);
     void readRest(ZULBufferedInputStream& is, Reading& r);
     void readOpenBody(ZULBufferedInputStream& is, Reading& r);
     postwire::internal::Budget& budget(Reading& r) const;
     void deliver(postwire::internal::FramedStream& body, Reading& r, int length = -1);
 
-    void setDelimiterAround(Reading& r, std::optional<postwire::internal::Delimiter>& around,
-                            std::size_t inner) const;
+    void setDelimiterAround(Reading& r, std::size_t inner) const;
     void readParts(ZULBufferedInputStream& is, Reading& r);
     bool takeDelimiter(ZULBufferedInputStream& is, Reading& r,
                        postwire::internal::Delimiter& delimiter);
@@ -143,26 +138,26 @@ private:
     void readPart(ZULBufferedInputStream* is, Reading& r);
 
     std::vector<std::string> m_boundaries;  // of the open multipart levels, the innermost last
-    HTTPMsgHandler* m_pHandler;
-    bool m_bChunking[HTTP_MAX_DEPTH];
-    bool m_bMultipart[HTTP_MAX_DEPTH];       // the level has a boundary on the stack
-    int m_idepth;                            // the current level
-    int m_contentlength[HTTP_MAX_DEPTH];     // 0 for none, too
-    bool m_bLengthDeclared[HTTP_MAX_DEPTH];  // tells a declared 0 from none
+    HTTPMsgHandler* m_pHandler = nullptr;
+    bool m_bChunking[HTTP_MAX_DEPTH] = {};
+    bool m_bMultipart[HTTP_MAX_DEPTH] = {};       // the level has a boundary on the stack
+    int m_idepth = 0;                             // the current level
+    int m_contentlength[HTTP_MAX_DEPTH] = {};     // 0 for none, too
+    bool m_bLengthDeclared[HTTP_MAX_DEPTH] = {};  // tells a declared 0 from none
     // Kept, so that a line costs no memory of its own: the line being looked at, of any level, and
     // the value of a header line.
-    QORByteBuffer m_line;
+    QORByteBuffer m_line{256, 256};
     HTTPHeader m_header;
     HTTPReadPolicy m_policy;  // of the next message
-    void (*m_continueCallback)(void*);
-    void* m_continueContext;
+    void (*m_continueCallback)(void*) = nullptr;
+    void* m_continueContext = nullptr;
     // Of the message being read, or read last.
-    int m_minorVersion;
-    bool m_saysClose;
-    bool m_saysKeepAlive;
-    bool m_expectsContinue;
-    bool m_tookAll;  // its body ended with the stream
-    bool m_wasRead;  // all of it
+    int m_minorVersion = 1;
+    bool m_saysClose = false;
+    bool m_saysKeepAlive = false;
+    bool m_expectsContinue = false;
+    bool m_tookAll = false;  // its body ended with the stream
+    bool m_wasRead = false;  // all of it
 };
 
 // Builds an HTTPMessage tree from the parser's events: the message's headers, its body bytes, and
@@ -208,10 +203,10 @@ private:
     // The current message's content buffer, made at the first call with that much room.
     QORByteBuffer& contentBuffer(int room);
 
-    HTTPMessage* m_pCurrentMessage;  // the root, or a part that is still ours
-    HTTPMessage* m_pRootMessage;
+    HTTPMessage* m_pCurrentMessage = nullptr;  // the root, or a part that is still ours
+    HTTPMessage* m_pRootMessage = nullptr;
     std::vector<HTTPMessage*> m_parentStack;  // open multipart messages, the outermost first
-    HTTPMessage::StatusCode m_statusCode;     // 0 before the first status line
+    HTTPMessage::StatusCode m_statusCode{};   // 0 before the first status line
     std::string m_statusMessage;
     std::string m_uri;
 };

@@ -69,10 +69,7 @@ HTTPPolicyException::HTTPPolicyException(PolicyErrorCode code) : HTTPException(l
 
 HTTPPolicyException::HTTPPolicyException(HTTPPolicyException const&) = default;
 
-HTTPPolicyException& HTTPPolicyException::operator=(HTTPPolicyException const& other) {
-    if (this != &other) HTTPException::operator=(other);
-    return *this;
-}
+HTTPPolicyException& HTTPPolicyException::operator=(HTTPPolicyException const&) = default;
 
 HTTPPolicyException::~HTTPPolicyException() = default;
 

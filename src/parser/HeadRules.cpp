@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <climits>
-#include <cstdint>
-#include <cstring>
 #include <string>
 
 #include <arpa/inet.h>
@@ -107,15 +105,11 @@ bool isNameCharacter(char c) { return kNameCharacter[static_cast<unsigned char>(
 
 // What stands between "[" and "]".
 bool isAddress(std::string_view text) {
-    if (!text.empty() && asciiLowerCase(text.front()) == 'v') {
-        std::size_t const dot = text.find('.');
-        if (dot == std::string_view::npos || dot + 1 == text.size()) return false;
-        std::string_view const version = text.substr(1, dot - 1), rest = text.substr(dot + 1);
-        return !version.empty() && std::all_of(version.begin(), version.end(), [](char c) {
-            return hexDigitValue(c) >= 0;
-        }) && std::all_of(rest.begin(), rest.end(), [](char c) {
-            return c == ':' || isNameCharacter(c);
-        });
+    Cutter cutter(text);
+    if (cutter.takeIf([](char c) { return asciiLowerCase(c) == 'v'; })) {
+        bool const hasVersion = !cutter.takeWhile(isHexDigit).empty() && cutter.take('.');
+        auto const isOfAddress = [](char c) { return c == ':' || isNameCharacter(c); };
+        return hasVersion && !cutter.takeWhile(isOfAddress).empty() && cutter.atEnd();
     }
     in6_addr address;
     return inet_pton(AF_INET6, std::string(text).c_str(), &address) == 1;
@@ -125,13 +119,11 @@ bool isAddress(std::string_view text) {
 bool isHost(std::string_view text) {
     Cutter cutter(text);
     if (cutter.take('[')) {
-        if (!isAddress(cutter.takeUntil(']'))) return false;
-        if (!cutter.take(']')) return false;
+        if (!isAddress(cutter.takeUntil(']')) || !cutter.take(']')) return false;
     } else {
         for (;;) {
             cutter.takeWhile([](char c) { return isNameCharacter(c); });
             if (!cutter.take('%')) break;
-            auto const isHexDigit = [](char c) { return hexDigitValue(c) >= 0; };
             if (!cutter.takeIf(isHexDigit) || !cutter.takeIf(isHexDigit)) return false;
         }
     }
@@ -141,27 +133,20 @@ bool isHost(std::string_view text) {
 
 }  // namespace
 
-// Eight at a time: the sums set a byte's highest bit where it is not, and a
-// carry can set more of them only next to one that is set.
-bool isPrintable(std::string_view text) {
-    constexpr std::uint64_t kEach = 0x0101010101010101U;
-    while (text.size() >= 8) {
-        std::uint64_t word;
-        std::memcpy(&word, text.data(), 8);
-        if (((word - kEach * ' ') | (word + kEach) | word) & kEach * 0x80) return false;
-        text.remove_prefix(8);
-    }
-    return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c < '\x7f'; });
-}
-
 void judgeTarget(std::string_view target) {
     if (target.front() != '/' && !beginsInAnyCase(target, "http://") &&
         !beginsInAnyCase(target, "https://"))
         refuse(Policy::HTTP_ERR_TARGET, __LINE__);
 }
 
-int judgeStatusLine(std::string_view text, std::size_t version) {
-    Cutter cutter(text.substr(version));
+int minorVersionOf(std::string_view word) {
+    return word == "HTTP/1.1" || word == "HTTP/1.0" ? word.back() - '0' : -1;
+}
+
+int judgeStatusLine(std::string_view text) {
+    Cutter cutter(text);
+    if (minorVersionOf(cutter.takeUntil(' ')) < 0)
+        raise(HTTPException::HTTP_ERR_VERSION, kValidateResponseLine, __LINE__);
     bool const startsWell = cutter.take(' ');
     std::string_view const digits = cutter.takeWhile([](char c) { return isDigit(c); });
     if (!startsWell || digits.size() != 3 || (!cutter.atEnd() && !cutter.take(' ')))
@@ -233,8 +218,9 @@ std::string_view HeadRules::readBoundary(std::string_view text) {
         if (name.empty() || !cutter.take('=') || !cutter.takeValue(value) || hidesBoundary(value))
             refuse(Policy::HTTP_ERR_BAD_BOUNDARY, __LINE__);
         if (!equalsInAnyCase(name, "boundary")) continue;
-        if (isFound || value.size() > kMaxBoundary || value.find_first_of("\\;\"") != value.npos ||
-            withoutSpaces(value) != value)
+        bool const isPlain = value.find('\\') == value.npos && value.find(';') == value.npos;
+        if (isFound || !isPlain || value.size() > kMaxBoundary ||
+            withoutSpaces(value).size() != value.size())
             refuse(Policy::HTTP_ERR_BAD_BOUNDARY, __LINE__);
         boundary = value;
         isFound = true;

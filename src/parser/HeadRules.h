@@ -8,15 +8,14 @@ namespace postwire::internal {
 // What RFC 9112 sections 3 to 6 and RFC 9110 ask of start lines and field lines, judged on them as
 // they came, before any white space is cut off. A broken rule raises HTTPPolicyException.
 
-// Whether all characters are from the blank to "~".
-bool isPrintable(std::string_view text);
-
 // The forms of a target that POST can have, RFC 9112 section 3.2: with a path, or an absolute one.
 void judgeTarget(std::string_view target);
 
-// Behind the version, which is that long: one blank, three digits, and mostly a blank and a reason
-// phrase. Gives the number.
-int judgeStatusLine(std::string_view line, std::size_t version);
+// 0 or 1; -1 for a version that is not known.
+int minorVersionOf(std::string_view word);
+
+// A version, one blank, three digits, and mostly a blank and a reason phrase. Gives the number.
+int judgeStatusLine(std::string_view line);
 
 // A colon behind the token that the line begins with, and no control character. A zero byte follows
 // the line.

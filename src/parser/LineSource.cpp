@@ -31,27 +31,21 @@ LineSource::LineSource(ZULBufferedInputStream& is, QORByteBuffer& line, Rules ru
 
 bool LineSource::readLine() {
     m_line.reset();
-    if (takeEmptyLine()) return true;
-    if (m_rules == Rules::Default ? m_is.readLine(m_line) == -1 : !appendLine()) return false;
+    bool const byDefault = m_rules == Rules::Default;
+    if (!byDefault && takeEmptyLine()) return true;
+    if (byDefault ? m_is.readLine(m_line) == -1 : !appendLine()) return false;
     if (m_rules == Rules::Mime) return m_line.pcount() == 0 || joinContinuations();
-    if (m_rules != Rules::Http) trimLine();
+    if (m_rules != Rules::Http) m_line.trim();
     return true;
 }
 
 // The line that ends a head, to the letter and whole in the read-ahead.
 bool LineSource::takeEmptyLine() {
-    if (m_rules == Rules::Default) return false;
     int have = 0;
     char const* const next = m_is.peek(have);
     if (have < 2 || next[0] != '\r' || next[1] != '\n' || !m_bytes.takeIfLeft(2)) return false;
     m_is.skip(2);
     return true;
-}
-
-void LineSource::trimLine() {
-    unsigned int const length = m_line.pcount();
-    char const* const text = m_line.str();
-    if (length > 0 && (isAsciiSpace(text[0]) || isAsciiSpace(text[length - 1]))) m_line.trim();
 }
 
 bool LineSource::appendLine() {
@@ -104,10 +98,12 @@ void LineSource::requireRoom(char const* bytes, unsigned int more) const {
     refuse(m_tooLong, {kSourceFile, __LINE__});
 }
 
-// Scanned and copied in one go. A longer line than there is room for here is none of these.
+// Scanned and copied in one go. A longer line than there is room for here is none of these, nor is
+// an empty one.
 bool LineSource::readGoodField(HeaderLine& field) {
     int have = 0;
     char const* const begin = m_is.peek(have);
+    if (have == 0 || *begin == '\r') return false;
     char const* const last = begin + std::min(have, kRoom);
     char* const name = m_field.data();
     std::size_t const nameSize = copyTokenInLowerCase(begin, last, name);

@@ -41,7 +41,6 @@ private:
     bool takeEmptyLine();
     bool appendLine();
     bool joinContinuations();
-    void trimLine();
     void judgeLine(unsigned int from, bool endsInCrLf) const;
     void requireRoom(char const* bytes, unsigned int more) const;
 

@@ -1,13 +1,14 @@
 #pragma once
 
+#include <optional>
+
+#include "parser/BoundaryStream.h"
 #include "parser/Budget.h"
 #include "parser/HTTPReadPolicy.h"
 #include "parser/HeadRules.h"
 #include "parser/LineSource.h"
 
 namespace postwire::internal {
-
-class Delimiter;
 
 // How one message is read, or one step of a parse that is called on its own: by the policy that was
 // set when that began, within what is left of its limits.
@@ -32,12 +33,13 @@ struct MessageReading {
     }
 
     HTTPReadPolicy const policy;
-    bool const byDefault;            // the policy changes nothing
-    bool isRequest = false;          // its start line was read
-    int status = 0;                  // of a response, read to the letter
-    bool isBounded = false;          // the stream that is read ends with the body of a level
-    Delimiter* delimiter = nullptr;  // that parts of the level being read end before
-    HeadRules rules;                 // of the head being read
+    bool const byDefault;             // the policy changes nothing
+    bool isRequest = false;           // its start line was read
+    int status = 0;                   // of a response, read to the letter
+    bool isBounded = false;           // the stream that is read ends with the body of a level
+    Delimiter* delimiter = nullptr;   // that parts of the level being read end before
+    std::optional<Delimiter> around;  // of a part that is read on its own
+    HeadRules rules;                  // of the head being read
     Budget head;
     Budget partHead;
     Budget parts;
