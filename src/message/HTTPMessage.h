@@ -68,6 +68,7 @@ private:
     friend class HTTPHeaders;
     friend class HTTPParser;
     friend struct postwire::internal::LineAsItCame;
+    friend struct postwire::internal::ConstTree;
 
     // As reset and parse of the line's text, which is taken apart when the header is first asked
     // or changed: most headers of a message never are. Line and bytes must live until then.
@@ -148,6 +149,7 @@ private:
     // They stage what may never be asked for.
     friend class HTTPMOMMsgHandler;
     friend class HttpMsgNode;
+    friend struct postwire::internal::ConstTree;
 
     // As setHeader of what the parser reports, or of a header parsed from the text. Where there is
     // no entry of that name, the line is only copied.
@@ -260,6 +262,7 @@ public:
 private:
     // Reads header fields and body bytes straight into their places.
     friend class HTTPMOMMsgHandler;
+    friend struct postwire::internal::ConstTree;
 
     void setFraming(int chunksize);
     std::uint64_t dumpSize(int chunksize);

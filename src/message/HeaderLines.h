@@ -6,7 +6,8 @@
 
 namespace postwire::internal {
 
-struct LineAsItCame;  // in a header of its own, which is not installed
+struct LineAsItCame;  // in headers of their own, which are not installed
+struct ConstTree;
 
 // A header line where it stands: the name, a zero byte, the text; borrowed.
 struct HeaderLine {
