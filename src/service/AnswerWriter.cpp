@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cinttypes>
 #include <cstdio>
 #include <random>
 
@@ -121,6 +120,8 @@ void AnswerWriter::begin(Connection& connection, int minorVersion) {
     m_given = m_left = false;
     m_onePiece.reset();
     m_multipart.reset();
+    m_chunks.reset();
+    m_toCome.reset();
     m_status = 0;
     m_waitsSince = {};
     m_taken = 0;
@@ -186,6 +187,20 @@ void AnswerWriter::addPart(std::string_view type, std::string_view id, std::stri
     m_multipart->endPart(part);
 }
 
+ZULOutputStream& AnswerWriter::stream(int status, std::string_view type, std::uint64_t length,
+                                      int chunkSize) {
+    int const size = chunkSizeFor(chunkSize);
+    begin(status, type);
+    if (size == 0) {
+        writeHead(status, type, length);
+        m_toCome = length;
+        return *this;
+    }
+    writeHead(status, type, {});
+    m_chunks = std::make_unique<ZULChunkedOutputStream>(*this, size);
+    return *m_chunks;
+}
+
 // HTTP/1.0 knows no chunks.
 int AnswerWriter::chunkSizeFor(int asked) const {
     if (asked < 0) raiseUsage("a chunk size is negative");
@@ -211,6 +226,8 @@ void AnswerWriter::startNode(HttpMsgNode& node, int status) {
 void AnswerWriter::refuse(int status, std::string_view text) {
     m_onePiece.reset();
     m_multipart.reset();
+    m_chunks.reset();
+    m_toCome.reset();
     m_held.clear();
     m_sent = 0;
     m_status = status;
@@ -222,9 +239,10 @@ void AnswerWriter::refuse(int status, std::string_view text) {
 }
 
 // 204 has neither a body nor a length, RFC 9110 section 8.6.
-void AnswerWriter::writeHead(int status, std::string_view type, std::uint64_t length) {
+void AnswerWriter::writeHead(int status, std::string_view type,
+                             std::optional<std::uint64_t> length) {
     char line[96];
-    int n = std::snprintf(line, sizeof line, "HTTP/1.1 %d %s\r\n", status, reasonOf(status));
+    int const n = std::snprintf(line, sizeof line, "HTTP/1.1 %d %s\r\n", status, reasonOf(status));
     m_held.append(line, static_cast<std::size_t>(n));
     m_held.append("Date: ").append(date()).append("\r\n");
     if (m_connection->closing)
@@ -232,10 +250,10 @@ void AnswerWriter::writeHead(int status, std::string_view type, std::uint64_t le
     else if (m_minorVersion == 0)
         m_held += "Connection: keep-alive\r\n";
     if (!type.empty()) m_held.append("Content-Type: ").append(type).append("\r\n");
-    if (status != 204) {
-        n = std::snprintf(line, sizeof line, "Content-Length: %" PRIu64 "\r\n", length);
-        m_held.append(line, static_cast<std::size_t>(n));
-    }
+    if (!length)
+        m_held += "Transfer-Encoding: chunked\r\n";
+    else if (status != 204)
+        m_held.append("Content-Length: ").append(std::to_string(*length)).append("\r\n");
     m_held.append(m_fields).append("\r\n");
 }
 
@@ -260,7 +278,11 @@ char const* AnswerWriter::date() {
 }
 
 void AnswerWriter::write(char const* data, int length) {
-    if (length > 0) put(data, static_cast<std::size_t>(length));
+    if (length <= 0) return;
+    auto const size = static_cast<std::size_t>(length);
+    if (m_toCome && size > *m_toCome) raiseUsage("an answer is longer than was said");
+    if (m_toCome) *m_toCome -= size;
+    put(data, size);
 }
 
 void AnswerWriter::put(char const* data, std::size_t size) {
@@ -285,11 +307,12 @@ void AnswerWriter::push(char const* data, std::size_t size) {
         std::size_t const left = m_held.size() - m_sent + size;
         bool const fits = left <= kHeld;
         if (!fits && taken > 0) continue;
-        if (!fits && !m_budget.take(left)) {
+        std::size_t const more = fits ? 0 : left - std::min(left, m_connection->budgeted);
+        if (!m_budget.take(more)) {
             awaitPeer();
             continue;
         }
-        if (!fits) m_connection->budgeted += left;
+        m_connection->budgeted += more;
         m_held.erase(0, m_sent);
         m_sent = 0;
         m_held.append(data, size);
@@ -313,6 +336,8 @@ void AnswerWriter::complete() {
     if (!m_given) return send(202, {}, {});
     if (m_onePiece) m_onePiece->finish();
     if (m_multipart) m_multipart->finish();
+    if (m_chunks) m_chunks->close();
+    if (m_toCome.value_or(0) > 0) raiseUsage("an answer is shorter than was said");
     m_onePiece.reset();
     m_multipart.reset();
 }

@@ -1,11 +1,14 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "foundation/ZULChunkedOutputStream.h"
 #include "foundation/ZULOutputStream.h"
 
 #include "sender/HTTPMessageSender.h"
@@ -43,6 +46,7 @@ public:
     // As Response says.
     OnePieceHttpMsg& onePiece(int status, std::string_view type, int chunkSize);
     MultipartHttpMsg& multipart(int status, int chunkSize);
+    ZULOutputStream& stream(int status, std::string_view type, std::uint64_t length, int chunkSize);
     void addPart(std::string_view type, std::string_view id, std::string_view bytes);
 
     // The same as send for a request that was refused; it drops what was written but has not left.
@@ -67,7 +71,7 @@ public:
 
 private:
     void begin(int status, std::string_view type);
-    void writeHead(int status, std::string_view type, std::uint64_t length);
+    void writeHead(int status, std::string_view type, std::optional<std::uint64_t> length);
     void startNode(HttpMsgNode& node, int status);
     int chunkSizeFor(int asked) const;
     char const* date();
@@ -84,6 +88,8 @@ private:
     std::size_t m_sent = 0;
     std::unique_ptr<OnePieceHttpMsg> m_onePiece;  // what the message is written with, if anything
     std::unique_ptr<MultipartHttpMsg> m_multipart;
+    std::unique_ptr<ZULChunkedOutputStream> m_chunks;
+    std::optional<std::uint64_t> m_toCome;  // of a stream's length
     int m_minorVersion = 1;
     int m_status = 0;
     bool m_given = false;

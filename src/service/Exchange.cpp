@@ -93,7 +93,7 @@ bool Exchange::callHandler(Handler const& handler) noexcept {
 }
 
 void Exchange::run(Handler const& handler, bool last) noexcept {
-    connection->closing = last || !reader.keepAlive();
+    connection->closing = last || !m_options.keepAlive || !reader.keepAlive();
     answer.begin(*connection, reader.minorVersion());
     m_fault = {};
     if (m_isObserved) m_handlerBegin = Clock::now();

@@ -151,8 +151,10 @@ RequestReader::Outcome RequestReader::parse() try {
     return refuse(HTTPPolicyException::getHttpStatus(e), textOf(e), e.getCode());
 } catch (ZULStreamException const& e) {
     return refuse(400, textOf(e));
-} catch (QORAssertError const& e) {
-    return refuse(400, textOf(e));
+} catch (Refusal const& e) {
+    return refuse(e.status, e.text);
+} catch (QORAssertError const&) {
+    return refuse(400, "the request can't be read");
 } catch (QORThrowable const&) {
     return Outcome::closed;
 } catch (std::bad_alloc const&) {
@@ -254,11 +256,31 @@ void RequestReader::content(ZULInputStream& is, int length) {
 
 void RequestReader::content(ZULInputStream& is) {
     beginBody(0);
+    if (!m_options.policy.strictFraming && !isChunked()) return contentWithoutEnd(is);
     LimitedStream limited(is, m_bodyLeft);
     if (m_target) return m_target->content(limited);
     if (!m_waits) return HTTPMOMMsgHandler::content(limited);
     BudgetedStream body(limited, m_budget, m_budgeted);
     HTTPMOMMsgHandler::content(body);
+}
+
+// Whether the head that was read last says so, in the one form that all readers take for it.
+bool RequestReader::isChunked() const {
+    std::string_view coding;
+    for (HeadLine const& line : headLines(headCount() - 1))
+        if (line.name == "transfer-encoding") coding = line.text;
+    return equalsInAnyCase(coding, "chunked");
+}
+
+// Only without strictFraming: the client waits for its answer, not we for the end of the
+// connection. RFC 9112 section 6.3.
+void RequestReader::contentWithoutEnd(ZULInputStream& is) {
+    if (headCount() > 1) throw Refusal{400, "a part has neither Content-Length nor chunked coding"};
+    for (HeadLine const& line : headLines(0))
+        if (line.name == "content-length" || line.name == "transfer-encoding")
+            throw Refusal{400, "bad " + std::string(line.name)};
+    if (m_target) return m_target->content(is, 0);
+    HTTPMOMMsgHandler::content(is, 0);
 }
 
 void RequestReader::startMultiParts(char const* boundary) {

@@ -85,6 +85,8 @@ private:
     Outcome parse();
     Outcome refuse(int status, std::string text, long code = 0);
     void beginBody(long long length);
+    [[nodiscard]] bool isChunked() const;
+    void contentWithoutEnd(ZULInputStream& is);
     void endHead();
     void choose();
     void tellHead(HTTPMsgHandler& handler);

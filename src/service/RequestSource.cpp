@@ -29,7 +29,9 @@ bool RequestSource::beginWindow() {
     m_end = input.size();
     std::memcpy(m_window.get(), input.data(), m_end);
     if (m_connection->pending && !m_connection->ended) receiveWindow();
-    while (m_begin < m_end && (m_window[m_begin] == '\r' || m_window[m_begin] == '\n')) ++m_begin;
+    char const* const window = m_window.get();
+    while (m_end - m_begin > 1 && window[m_begin] == '\r' && window[m_begin + 1] == '\n')
+        m_begin += 2;
     m_at = m_begin;
     if (m_begin == m_end) input.clear();
     return m_begin < m_end;

@@ -24,6 +24,11 @@ MultipartHttpMsg& Response::multipart(int status, int chunkSize) {
     return m_exchange.answer.multipart(status, chunkSize);
 }
 
+ZULOutputStream& Response::stream(int status, std::string_view type, std::uint64_t length,
+                                  int chunkSize) {
+    return m_exchange.answer.stream(status, type, length, chunkSize);
+}
+
 void Response::addPart(std::string_view type, std::string_view id, std::string_view bytes) {
     m_exchange.answer.addPart(type, id, bytes);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 
 #include "foundation/Export.h"
@@ -46,6 +47,13 @@ public:
 
     // The same with parts, multipart/related, between lines of a boundary that no one can guess.
     MultipartHttpMsg& multipart(int status, int chunkSize = 0);
+
+    // An answer of a length that is known before. It leaves while it is written, and each write
+    // waits for a peer that is slow. With a chunk size above 0 it leaves in chunks, but for clients
+    // of HTTP/1.0. The stream is good until the handler returns; a handler that writes less or more
+    // has raised ServiceError::Code::usage, which breaks the connection off.
+    ZULOutputStream& stream(int status, std::string_view type, std::uint64_t length,
+                            int chunkSize = 0);
 
     // One more part of an answer that multipart has begun; without an id it gets no Content-ID.
     void addPart(std::string_view type, std::string_view id, std::string_view bytes);

@@ -95,7 +95,7 @@ void ServerCore::stop() noexcept {
 void ServerCore::run(Exchange::Handler handler) {
     if (m_handler) throw ServiceError(ServiceError::Code::usage, "a server runs once");
     m_handler = std::move(handler);
-    startLoops();
+    begin();
     while (!m_stopWanted) {
         wait();
         lookAfterLoops();
@@ -108,6 +108,17 @@ void ServerCore::run(Exchange::Handler handler) {
         lookAfterLoops();
     }
     endLoops();
+}
+
+void ServerCore::begin() {
+    startLoops();
+    if (!m_options.ready) return;
+    try {
+        m_options.ready();
+    } catch (std::exception const&) {
+        endLoops();
+        throw;
+    }
 }
 
 // With fewer loops where the system has no thread for another one.

@@ -66,6 +66,7 @@ public:
     }
 
 private:
+    void begin();
     void startLoops();
     void endLoops();
     void wait();

@@ -32,6 +32,9 @@ struct POSTWIRE_EXPORT ServerOptions {
     // Handlers that may run at once. A thread is started when one is wanted, and kept.
     int handlers = 64;
 
+    // Whether more than one request may come over a connection.
+    bool keepAlive = true;
+
     // One connection more is answered 503 and closed.
     int maxConnections = 20000;
     // The same for one peer address; 0: no limit of its own. For servers that clients reach
@@ -62,6 +65,9 @@ struct POSTWIRE_EXPORT ServerOptions {
     // connection-000001.trace.times. Readable by their owner alone, as they hold every secret. What
     // can't be traced, as on a full disk, is served all the same. Empty: nothing is traced.
     std::string traceFolder;
+
+    // Called by run once it serves. What it raises ends the server, and passes through.
+    std::function<void()> ready;
 
     // Told of each exchange.
     ExchangeObserver observe;

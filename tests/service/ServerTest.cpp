@@ -21,7 +21,7 @@
 #include "foundation/ZULInputStream.h"
 
 #include "service/HttpPeer.h"
-#include "service/Server.h"
+#include "service/RunningServer.h"
 #include "support/CaseFile.h"
 
 namespace {
@@ -41,32 +41,6 @@ void describe(Request& request, Response& response) {
     text.append(message.contentSize() > 0 ? message.contentBytes() : "",
                 static_cast<std::size_t>(message.contentSize()));
     response.send(200, "text/plain", text);
-}
-
-class RunningServer {
-public:
-    explicit RunningServer(postwire::Server::Handler handler = describe,
-                           ServerOptions const& options = {})
-        : m_server(options),
-          m_thread([this, handler = std::move(handler)] { m_server.run(handler); }) {}
-    ~RunningServer() { stop(); }
-
-    void stop() {
-        m_server.stop();
-        if (m_thread.joinable()) m_thread.join();
-    }
-    postwire::Server& operator*() { return m_server; }
-    int port() const { return m_server.port(); }
-
-private:
-    postwire::Server m_server;
-    std::thread m_thread;
-};
-
-ServerOptions oneLoop() {
-    ServerOptions options;
-    options.loops = 1;
-    return options;
 }
 
 std::string chunked(std::string const& body) {
@@ -101,7 +75,7 @@ TEST(ServerReading, RequestIsReadHoweverItsBytesArrive) {
 }
 
 TEST(ServerReading, PipelinedRequestsAreAnsweredInTurn) {
-    RunningServer server;
+    RunningServer server(describe);
     HttpPeer peer(server.port());
     std::string wire;
     for (int i = 0; i < 3000; ++i) wire += post("/" + std::to_string(i), "body");
@@ -177,7 +151,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, ServerAnswer, testing::ValuesIn(loadCases("server
                          [](auto const& row) { return "L" + std::to_string(row.param.line()); });
 
 TEST(ServerAnswers, KeepAliveIsSaidToOldClientsThatAskForIt) {
-    RunningServer server;
+    RunningServer server(describe);
     HttpPeer peer(server.port());
     for (int i = 0; i < 2; ++i)
         EXPECT_TRUE(peer.exchange("POST / HTTP/1.0\r\nConnection: keep-alive\r\n\r\n")
@@ -517,6 +491,29 @@ TEST(ServerAnswers, LargeOneArrivesWholeWithAndWithoutMemoryToHoldIt) {
         EXPECT_TRUE(peer.receive().body == body);
         EXPECT_TRUE(peer.receive().body == body);
     }
+}
+
+TEST(ServerAnswers, StreamWaitsOnceForItsPeerInMemoryAndKeepsItsLength) {
+    ServerOptions options = oneLoop();
+    options.bodyBudget = 32 << 20;
+    std::atomic<bool> written{false};
+    RunningServer server(
+        [&](Request& request, Response& response) {
+            bool const isLarge = request.uri() == "/large";
+            std::string const piece(isLarge ? 10000 : 5, 'x');
+            std::uint64_t const length = isLarge ? 16000000 : request.uri() == "/long" ? 4 : 6;
+            ZULOutputStream& out = response.stream(200, "a/b", length, isLarge ? 3000 : 0);
+            for (std::uint64_t sent = 0; sent < length - length % 5; sent += piece.size())
+                out.write(piece.data(), static_cast<int>(piece.size()));
+            written = written || isLarge;
+        },
+        options);
+    HttpPeer deaf(server.port(), 4096);
+    deaf.send(post("/large"));
+    while (!written) std::this_thread::yield();
+    EXPECT_EQ(500, HttpPeer(server.port()).exchange(post("/short")).status);
+    EXPECT_EQ(500,
+              HttpPeer(server.port()).exchange(post("/long", std::string(200000, 'x'))).status);
 }
 
 TEST(ServerLimits, ClientThatTakesNoAnswerIsCutOffAtItsDeadline) {
