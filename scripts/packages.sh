@@ -3,8 +3,7 @@
 
 # What configuring and building takes, but for what one preset needs beyond it.
 packages_to_build() {
-    echo cmake ninja-build g++ googletest python3 pkg-config libcli11-dev libssl-dev libpcap-dev \
-        libboost-url1.81-dev
+    echo cmake ninja-build g++ googletest python3 pkg-config libcli11-dev libssl-dev libpcap-dev
 }
 
 # The packages that building and testing a preset takes.
@@ -52,4 +51,33 @@ need_packages() {
         fail "these Debian packages are missing, and installing them takes root or sudo: ${missing[*]}"
     fi
     step "install ${missing[*]}" install_packages "${missing[@]}"
+}
+
+# unpack_i386 NAME...: these packages for 32-bit Linux, in build/packages-i386. Installed they would
+# have to be of this machine's own versions, which a mirror that is being filled does not have.
+unpack_i386() {
+    local folder=$PWD/build/packages-i386 name
+    rm -rf "$folder"
+    mkdir -p "$folder"/apt/{lists,cache/archives}/partial
+    local apt=(apt-get -o APT::Architecture=i386 -o APT::Architectures=i386 -o APT::Sandbox::User=
+        -o Dir::State::Lists="$folder/apt/lists" -o Dir::Cache="$folder/apt/cache")
+    cd "$folder"
+    "${apt[@]}" update || true # where a list is missing, the packages may be in the others
+    "${apt[@]}" download "$@"
+    mkdir DEBIAN # what dpkg-shlibdeps looks for beside a library
+    for name; do
+        dpkg-deb -x "$name"_*_i386.deb .
+        dpkg-deb -I "$name"_*_i386.deb symbols >>DEBIAN/symbols || true # who has libraries tells
+    done
+    rm -r apt -- *.deb
+}
+
+# prepare_preset PRESET: installs what is missing of its packages.
+prepare_preset() {
+    # shellcheck disable=SC2046  # one word a package
+    need_packages $(packages_of_preset "$1")
+    if [ "$1" = i386 ] && [ ! -e build/packages-i386/complete ]; then
+        step 'unpack packages of i386' unpack_i386 libssl3 libssl-dev
+        touch build/packages-i386/complete
+    fi
 }

@@ -11,7 +11,6 @@ import socket
 import string
 import struct
 import subprocess
-import threading
 
 import programs
 from programs import multipart, receipt, request, sha256
@@ -28,82 +27,14 @@ DATE = (r'\r\nDate: (Mon|Tue|Wed|Thu|Fri|Sat|Sun), \d\d [A-Z][a-z]{2} 20\d\d '
         r'\d\d:\d\d:\d\d GMT\r\n')
 
 
-@programs.row_tests('serve_requests.txt')
-class Answers(programs.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.servers = [cls.enterClassContext(programs.Server('--max-body', '1000', *options))
-                       for options in ((), ('--contract',))]
-
-    def check(self, answers, sent=None, last=None, contract=None):
-        data = programs.unescaped(last) if sent is None else \
-            programs.unescaped(sent) + request(target='/next', version='1.0', length=False)
-        answers = [re.sub('=(.*)', lambda m: '=' + sha256(programs.unescaped(m[1])), answer.strip())
-                   for answer in answers.split(';')]
-        for server, expected in (self.servers[0], answers), \
-                (self.servers[1], [contract or re.sub(r'\*?[+]?=', '*=', answers[0])]):
-            for step in (1, 3, len(data)) if len(data) < 400 else (len(data),):
-                with self.subTest(expected=expected, step=step), server.connect() as client:
-                    client.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-                    with contextlib.suppress(OSError):  # refused before all was sent
-                        for at in range(0, len(data), step):
-                            client.send(data[at:at + step])
-                        client.end()
-                    got = list(self.answers(client))
-                    begin = [answer[:len(e)] for answer, e in zip(got, expected)]
-                    self.assertEqual(begin, expected)
-                    self.assertEqual(len(got), len(expected), got)
-
-    def answers(self, client):
-        """What arrives up to the end, as in the table, a digest in place of a body."""
-        with contextlib.suppress(EOFError, ConnectionResetError):
-            while client.until(bool):
-                status, head, body = client.answer()
-                self.assertRegex(head, DATE)
-                self.assertEqual('\r\nAllow: POST\r\n' in head, status == 405)
-                says = re.search(r'^Connection: (.*)\r$', head, re.M)
-                if status == 200:
-                    uri, message = receipt(body)
-                    mark = {None: '', 'close': '*', 'keep-alive': '+'}[says and says[1]]
-                    yield f'{uri}{mark}={message.get("sha256")}'
-                else:
-                    self.assertEqual(says[1], 'close')
-                    yield f'{status} {body.decode()}'
-
-
 class Receives(programs.TestCase):
-    def test_requests_sent_without_waiting_are_answered_in_order(self):
-        bodies = [b'%d' % i * i for i in range(300)]
-        with self.server().connect() as client:
-            sender = threading.Thread(target=client.send,
-                                      args=(b'\r\n'.join(map(request, bodies)),))
-            sender.start()
-            for body in bodies:
-                self.receives(client, body)
-            sender.join()
-
-    def test_client_that_waits_for_100_is_told_to_go_on(self):
-        server = self.server('--max-body', '100')
-        for version, size, told in ('1.1', 4, 100), ('1.0', 4, None), ('1.1', 0, 200), \
-                ('1.1', 101, 413):
-            with self.subTest(version=version, size=size), server.connect() as client:
-                head = request(bytes(size), 'Expect: x', 'Expect: 100-Continue', 'Expect: y',
-                               version=version)
-                client.send(head[:len(head) - size])
-                if told is None:
-                    self.assertTrue(client.silent(0.2))
-                else:
-                    self.assertEqual(client.answer()[0], told)
-                if told in (None, 100):
-                    client.send(bytes(size))
-                    self.receives(client, bytes(size))
-
     def test_receipt_lists_parts_and_escapes_what_they_say(self):
         with self.server('--contract').connect() as client:
             client.send(request(PARTS.replace(b'<a@b>', b'<&"\'\xe9\xc3\xa9\x01\xc2\x9b>'), TYPE,
                                 target='/<&>"\'\\'))
-            answer = client.answer()[2]
+            _, head, answer = client.answer()
             uri, message = receipt(answer)
+        self.assertIn('\r\nConnection: close\r\n', head)  # its end is not safe to tell
         self.assertEqual(uri, '/<&>"\'\\')
         self.assertNotRegex(answer, rb'[^\n -~]')
         leaves = [p for p in message.iter('part') if p.get('size')]
@@ -111,12 +42,6 @@ class Receives(programs.TestCase):
         self.assertEqual(leaves[0].get('content-id'), '<&"\'\xe9\xe9?\x9b>')
         self.assertEqual(leaves[0].get('sha256'), sha256(b'<a/>'))
         self.assertEqual([len(message), len(message[2])], [3, 2])
-
-    def test_more_than_100_fields_are_refused_by_the_contract_too(self):
-        with self.server('--contract').connect() as client:
-            client.send(b'POST / HTTP/1.1\r\n%b\r\n' % b''.join(b'X%d: x\r\n' % i
-                                                                for i in range(101)))
-            self.assertEqual(client.answer()[::2], (431, b'too many header fields\n'))
 
 
 class Echoes(programs.TestCase):
@@ -130,13 +55,11 @@ class Echoes(programs.TestCase):
                                         'bad name: x', 'Date: x', 'X-Long: ' + 'y' * 5000))
                     status, head, got = client.answer()
                 self.assertEqual((status, got), (200, body))
-                fields = dict(line.split(': ', 1) for line in head.split('\r\n')[1:-2])
-                framing = {'Transfer-Encoding': 'chunked'} if options else \
-                    {'Content-Length': str(len(body))}
-                self.assertRegex(f'\r\nDate: {fields.pop("date")}\r\n', DATE)
-                self.assertEqual(fields, {
-                    'x-odd': 'a b', 'content-type': 'text/xml; charset=x', 'x-twice': '2',
-                    'x-long': 'y' * 5000, 'Connection': 'close', **framing})
+                framing = 'Transfer-Encoding: chunked' if options else f'Content-Length: {len(body)}'
+                self.assertRegex(head, DATE)
+                self.assertEqual(re.sub(DATE, '\r\n', head).split('\r\n')[1:-2], [
+                    'Connection: close', framing, 'x-odd: a b', 'content-type: text/xml; charset="x"',
+                    'x-twice: 1', 'x-twice: 2', 'x-long: ' + 'y' * 5000])
 
     def test_parts_come_back_in_their_order_and_nesting(self):
         receipts = self.server()
@@ -147,8 +70,8 @@ class Echoes(programs.TestCase):
                 status, head, got = client.answer()
             self.assertEqual(status, 200)
             self.assertEqual('Transfer-Encoding' in head, bool(options) and version == '1.1')
-            echoed = re.search(r'^Content-Type: .*(?=\r$)', head, re.M).group()
-            self.assertEqual(echoed, 'Content-Type: multipart/related; boundary=out; type=text/xml')
+            echoed = re.search(r'^content-type: .*(?=\r$)', head, re.M).group()
+            self.assertEqual(echoed.lower(), TYPE.lower())
             self.assertIn(b'\r\nx-two: 2\r\n', got)
             with receipts.connect() as client:
                 client.send(request(PARTS, TYPE) + request(got, echoed))
@@ -177,9 +100,9 @@ class Echoes(programs.TestCase):
                     self.assertEqual((status, body), (200, LARGE[:size]))
                     self.assertIn(f'\r\nContent-Type: {sent}\r\n', head)
             server.stop()
-            file, = traces.iterdir()
-            self.assertEqual((file.name, file.stat().st_mode & 0o777),
-                             ('connection-000001.trace', 0o600))
+            file, times = sorted(traces.iterdir())
+            self.assertEqual((file.name, file.stat().st_mode & 0o777, times.name),
+                             ('connection-000001.trace', 0o600, 'connection-000001.trace.times'))
             trace = file.read_bytes()
             self.assertTrue(trace.startswith(b'\n<read['))
             # One call each; what is larger than the buffer goes out in pieces of its own.
@@ -219,39 +142,6 @@ class Ends(programs.TestCase):
                     self.receives(other, b'x')
                     now = servers[limit].resident()
                     self.assertLess(now, resident.setdefault(limit, now) + 16384)  # KiB
-
-    def test_idle_connections_and_clients_that_do_not_read(self):
-        server = self.server('--echo', '--workers', '1', '--idle-timeout', '0.5',
-                             '--request-timeout', '0.5')
-        with server.connect() as idle, server.connect() as deaf:
-            self.assertTrue(idle.at_end())
-            self.assertRaises(OSError, deaf.send, request(LARGE) * 50)
-            with server.connect() as client:
-                client.send(request(b'x'))
-                self.assertEqual(client.answer()[2], b'x')
-
-    def test_no_connection_that_has_a_worker_of_its_own(self):
-        server = self.server('--workers', '16')
-        clients = [self.enterContext(server.connect()) for _ in range(16)]
-        for _ in range(2):
-            for client in clients:
-                client.send(request(b'x'))
-            for client in clients:
-                self.receives(client, b'x')
-
-    def test_idle_connections_when_others_wait(self):
-        server = self.server('--workers', '1')
-        with server.connect() as first, server.connect() as second:
-            for client in first, second:
-                client.send(request(b'x'))
-            # Told so where the second was accepted before the first answer, else once it is.
-            self.receives(first, b'x')
-            self.assertTrue(first.at_end())
-            self.receives(second, b'x')
-            with server.connect() as third:
-                third.send(request(b'x'))
-                self.receives(third, b'x')
-            self.assertTrue(second.at_end())
 
     def test_everything_by_a_signal_once_requests_under_way_are_finished(self):
         server = self.server()

@@ -90,18 +90,31 @@ std::string safeFileName(std::string const& text, std::string const& otherwise) 
 }
 
 PartFiles::PartFiles(std::string const& directory) : m_directory(directory) {
-    std::error_code ignored;  // open tells whether there is a directory now
-    std::filesystem::create_directories(directory, ignored);
+    std::error_code cause;  // open tells whether there is a directory now
+    std::filesystem::create_directories(directory, cause);
     m_descriptor = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (m_descriptor == -1) raiseSystemError(directory);
+    if (m_descriptor != -1) return;
+    if (cause) errno = cause.value();
+    raiseSystemError(directory);
 }
 
 PartFiles::~PartFiles() { ::close(m_descriptor); }
 
 std::vector<std::string> PartFiles::save(HTTPMessage& message, std::string const& prefix) const {
     Saved saved{prefix, {}, {}};
-    save(message, saved);
+    try {
+        save(message, saved);
+    } catch (std::exception const&) {
+        drop(saved);
+        throw;
+    }
     return saved.names;
+}
+
+void PartFiles::requireWritable() const { ::unlinkat(m_descriptor, write(nullptr, 0).c_str(), 0); }
+
+void PartFiles::drop(Saved const& saved) const noexcept {
+    for (std::string const& name : saved.names) ::unlinkat(m_descriptor, name.c_str(), 0);
 }
 
 void PartFiles::save(HTTPMessage& message, Saved& saved) const {

@@ -26,8 +26,12 @@ public:
     PartFiles& operator=(PartFiles const&) = delete;
     ~PartFiles();
 
+    // Raises where no file can be made.
+    void requireWritable() const;
+
     // The body of the message, or of each part that has no parts; the names of the files, in order.
-    // Each begins with the prefix. May be called by several threads at once.
+    // Each begins with the prefix. Where one can't be written, none stays. May be called by several
+    // threads at once.
     std::vector<std::string> save(HTTPMessage& message, std::string const& prefix) const;
 
 private:
@@ -40,6 +44,7 @@ private:
     };
 
     void save(HTTPMessage& message, Saved& saved) const;
+    void drop(Saved const& saved) const noexcept;
     std::string write(char const* bytes, int n) const;
     [[noreturn]] void discard(std::string const& name) const;
     std::string nameFile(std::string const& temporary, std::string const& name, int& number) const;

@@ -1,129 +1,130 @@
 #include "tools/serve/Echo.h"
 
 #include <algorithm>
-#include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <vector>
 
-#include "foundation/QORByteBuffer.h"
+#include "foundation/ZULOutputStream.h"
 
 #include "foundation/AsciiText.h"
 #include "tools/common/Boundary.h"
-#include "tools/common/HeaderFields.h"
-#include "tools/serve/RequestReader.h"
 
 namespace {
 
+using postwire::HeadLine;
+using postwire::Request;
+using postwire::Response;
+
 // Framing is the writer's own; the others speak of this connection or of this request.
-bool isEchoed(std::string const& name) {
-    static constexpr std::string_view kOwn[] = {"connection", "content-length",
-                                                "expect",     "host",
-                                                "keep-alive", "te",
-                                                "trailer",    "transfer-encoding",
-                                                "upgrade",    "proxy-connection"};
-    return isToken(name) && std::find(std::begin(kOwn), std::end(kOwn), name) == std::end(kOwn);
+bool isEchoed(HeadLine const& line) {
+    static constexpr std::string_view kOwn[] = {
+        "connection", "content-length",    "date",    "expect",          "host", "keep-alive", "te",
+        "trailer",    "transfer-encoding", "upgrade", "proxy-connection"};
+    return isToken(line.name) &&
+           std::find(std::begin(kOwn), std::end(kOwn), line.name) == std::end(kOwn);
 }
 
-std::string textOf(HTTPHeader& field) {
-    QORByteBuffer dumped(128, 128);
-    field.dump(dumped);
-    std::string text(dumped.str(), dumped.pcount());
-    for (char& c : text)
-        if (!isFieldValue({&c, 1})) c = ' ';
-    return text;
+// The text of a Content-Type with another boundary.
+std::string withBoundary(std::string_view text, std::string const& boundary) {
+    std::string changed;
+    for (std::string_view rest = text; !rest.empty();) {
+        std::string_view const segment = rest.substr(0, rest.find(';'));
+        rest.remove_prefix(std::min(rest.size(), segment.size() + 1));
+        std::string_view const name = withoutBlanks(segment.substr(0, segment.find('=')));
+        if (!equalsInAnyCase(name, "boundary")) changed.append(segment).append(";");
+    }
+    return changed.append(" boundary=").append(boundary);
 }
 
-// Whether the field is a value alone, and that fit to be written.
-bool isPlain(HTTPHeader& field) {
-    std::string_view const value = field.getValue();
-    return field.dumpSize() == value.size() && isFieldValue(value);
+bool isMultipart(HTTPMessage& message) {
+    return message.num_parts() > 0 || !message.contentBytes();
 }
 
-// Walks the tree in the order in which it was read, beside the heads.
+// Walks the tree in the order in which it was read, beside the heads: once to learn how long the
+// answer is, and once to write it.
 class Echo {
 public:
-    explicit Echo(Request& request) : m_request(request) {}
+    explicit Echo(Request& request) : m_request(request) { chooseBoundaries(request.message()); }
 
-    void write(WholeOnePiece& node, AnswerFields const& own) {
-        start(node, own);
-        writeBody(node, m_request.message);
-        node.finish();
-    }
-
-    void writeMultipart(ZULOutputStream& out, int chunkSize, AnswerFields const& own) {
-        std::string const boundary = chooseBoundary(m_request.message);
-        WholeMultipart node(out, chunkSize, boundary.c_str());
-        start(node, own);
-        writeParts(node, m_request.message);
-        node.finish();
+    void send(Response& response, int chunkSize) {
+        for (HeadLine const& line : m_request.headLines())
+            if (isEchoed(line)) response.setHeader(line.name, textOf(line, 0));
+        std::uint64_t length = 0;
+        m_write = [&length](std::string_view bytes) { length += bytes.size(); };
+        writeBody();
+        ZULOutputStream& out = response.stream(200, {}, length, chunkSize);
+        m_write = [&out](std::string_view bytes) {
+            constexpr std::size_t kPiece = 1 << 20;
+            for (; !bytes.empty(); bytes.remove_prefix(std::min(kPiece, bytes.size())))
+                out.write(bytes.data(), static_cast<int>(std::min(kPiece, bytes.size())));
+        };
+        writeBody();
     }
 
 private:
-    // The boundary for the echo, which the head names from now on.
-    std::string chooseBoundary(HTTPMessage& message) {
-        std::string boundary = message.getBoundary();
-        if (!isPlainBoundary(boundary) || boundaryOccurs(boundary, message))
-            boundary = makeBoundary();
-        HTTPHeader* const type = m_request.heads[m_next].find("content-type");
-        if (type) type->setAttribute("boundary", boundary.c_str());
-        return boundary;
+    // For each head, in the order of the heads; empty where it stays what it was.
+    void chooseBoundaries(HTTPMessage& message) {
+        std::string boundary = isMultipart(message) ? message.getBoundary() : "";
+        bool const occurs = !boundary.empty() && boundaryOccurs(boundary, message);
+        m_newBoundaries.push_back(occurs ? makeBoundary() : "");
+        for (int i = 0; i < message.num_parts(); ++i) chooseBoundaries(*message.getPart(i));
     }
 
-    template <class Node>
-    void start(WholeMessage<Node>& node, AnswerFields const& own) {
-        node.startResponse(200, "OK");
-        for (EntityHead::Field& field : m_request.heads[m_next++].fields) {
-            if (!isEchoed(field.name)) continue;
-            if (isPlain(field.value)) {
-                node.takeField(field.name.c_str(), field.value);  // most fields: the cheaper way
-            } else {
-                node.setField(field.name.c_str(), textOf(field.value).c_str());
-            }
+    std::string textOf(HeadLine const& line, std::size_t head) const {
+        std::string const& boundary = m_newBoundaries[head];
+        bool const changes = !boundary.empty() && line.name == "content-type";
+        std::string text = changes ? withBoundary(line.text, boundary) : std::string(line.text);
+        std::replace_if(text.begin(), text.end(), isControlCharacter, ' ');
+        return text;
+    }
+
+    void writeBody() {
+        m_head = 0;
+        write(m_request.message());
+    }
+
+    void write(HTTPMessage& message) {
+        std::string const& chosen = m_newBoundaries[m_head];
+        if (!isMultipart(message)) {
+            if (message.contentSize() > 0)
+                m_write({message.contentBytes(), static_cast<std::size_t>(message.contentSize())});
+            return;
         }
-        own.set(node);
-    }
-
-    void writeParts(MultipartHttpMsg& node, HTTPMessage& message) {
-        for (int i = 0; i < message.num_parts(); ++i) writePart(node, *message.getPart(i));
-    }
-
-    void writePart(MultipartHttpMsg& node, HTTPMessage& message) {
-        if (m_request.heads[m_next].multipart) {
-            MultipartHttpMsg* const part = node.addMultiPart(0, chooseBoundary(message).c_str());
-            setPartHead(*part);
-            writeParts(*part, message);
-            node.endPart(part);
-        } else {
-            OnePieceHttpMsg* const part = node.addOnePiece(0);
-            setPartHead(*part);
-            writeBody(*part, message);
-            node.endPart(part);
+        std::string const delimiter = "\r\n--" + (chosen.empty() ? message.getBoundary() : chosen);
+        for (int i = 0; i < message.num_parts(); ++i) {
+            ++m_head;
+            m_write(delimiter);
+            writeHead(*message.getPart(i));
+            write(*message.getPart(i));
         }
+        m_write(delimiter);
+        m_write("--\r\n");
     }
 
-    void setPartHead(HttpMsgNode& node) {
-        node.reset();  // drops the machine's Host
-        for (EntityHead::Field& field : m_request.heads[m_next++].fields)
-            if (isEchoed(field.name))
-                node.setHeader(field.name.c_str(), textOf(field.value).c_str());
-    }
-
-    static void writeBody(OnePieceHttpMsg& node, HTTPMessage& message) {
-        if (message.contentSize() > 0) node.write(message.contentBytes(), message.contentSize());
+    void writeHead(HTTPMessage& part) {
+        std::string text = "\r\n";
+        for (HeadLine const& line : m_request.headLines(static_cast<int>(m_head)))
+            if (isEchoed(line))
+                text.append(line.name).append(": ").append(textOf(line, m_head)).append("\r\n");
+        if (!isMultipart(part))
+            text.append("content-length: ")
+                .append(std::to_string(part.contentSize()))
+                .append("\r\n");
+        m_write(text.append("\r\n"));
     }
 
     Request& m_request;
-    std::size_t m_next = 0;  // of m_request.heads
+    std::vector<std::string> m_newBoundaries;
+    std::size_t m_head = 0;
+    std::function<void(std::string_view)> m_write;
 };
 
 }  // namespace
 
-void writeEcho(WholeOnePiece& node, Request& request, AnswerFields const& own) {
-    Echo(request).write(node, own);
-}
-
-void writeMultipartEcho(ZULOutputStream& out, int chunkSize, Request& request,
-                        AnswerFields const& own) {
-    Echo(request).writeMultipart(out, chunkSize, own);
+void sendEcho(Request& request, Response& response, int chunkSize) {
+    Echo(request).send(response, chunkSize);
 }

@@ -1,19 +1,13 @@
 #pragma once
 
-#include "tools/common/WholeMessage.h"
-#include "tools/serve/AnswerFields.h"
+#include "service/Request.h"
+#include "service/Response.h"
 
-struct Request;
-
-// Write a response that is the request's message again: its header fields and body, or each of its
-// parts with its own. Fields that belong to the connection or to the request alone are left out;
-// quotes around values and white space in them were lost in reading, and control characters become
-// blanks. The request's heads are of no use afterwards.
-
-// A message with one body.
-void writeEcho(WholeOnePiece& node, Request& request, AnswerFields const& own);
-
-// A message with parts, which have a length each. The boundary is the request's, unless it needs
-// quotes or occurs in a part.
-void writeMultipartEcho(ZULOutputStream& out, int chunkSize, Request& request,
-                        AnswerFields const& own);
+// Answers with the request's message again: its header lines as they came and its body, or each of
+// its parts with its own. Lines that belong to the connection or to the request alone are left out,
+// and control characters in a line, which only lenient reading lets in, become blanks. The boundary
+// is the request's, unless it occurs in a part.
+//
+// In chunks of at most that many bytes, or with a length where the size is 0. Nothing of it is held
+// but what the client does not take at once.
+void sendEcho(postwire::Request& request, postwire::Response& response, int chunkSize);

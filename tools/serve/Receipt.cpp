@@ -2,11 +2,10 @@
 
 #include "tools/common/MessageSummary.h"
 #include "tools/common/TextEscapes.h"
-#include "tools/serve/RequestReader.h"
 
-std::string makeReceipt(Request& request) {
+std::string makeReceipt(postwire::Request& request) {
     std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<receipt>\n  <uri>";
-    xml.append(escapedForXml(request.uri)).append("</uri>\n");
-    appendXml(xml, summarise(request.message));
+    xml.append(escapedForXml(request.uri())).append("</uri>\n");
+    appendXml(xml, summarise(request.message()));
     return xml.append("</receipt>\n");
 }

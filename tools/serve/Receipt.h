@@ -2,8 +2,8 @@
 
 #include <string>
 
-struct Request;
+#include "service/Request.h"
 
 // What arrived, as XML: the URI, and for the message and each of its parts the type, the size and
 // the SHA-256 of the body.
-std::string makeReceipt(Request& request);
+std::string makeReceipt(postwire::Request& request);

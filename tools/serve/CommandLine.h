@@ -1,0 +1,18 @@
+#pragma once
+
+#include <optional>
+
+#include "service/ServerOptions.h"
+#include "tools/serve/Answers.h"
+
+// What the program was told.
+struct CommandLine {
+    postwire::ServerOptions server;
+    AnswerOptions answers;
+};
+
+// Reads the options; the code to return at once in place of them, see CommandLineParser.
+//
+// Raises: std::system_error for a file that can't be read, std::invalid_argument for what is no
+//   content type.
+std::optional<int> readCommandLine(int argc, char const* const* argv, CommandLine& line);
