@@ -4,14 +4,10 @@
 
 namespace postwire {
 
-namespace {
-
 std::string withReason(std::string const& text, int systemError) {
     if (systemError == 0) return text;
     return text + ": " + std::generic_category().message(systemError);
 }
-
-}  // namespace
 
 ServiceError::ServiceError(Code code, std::string const& text, int systemError)
     : std::runtime_error(withReason(text, systemError)), m_code(code), m_systemError(systemError) {}

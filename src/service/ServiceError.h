@@ -7,6 +7,9 @@
 
 namespace postwire {
 
+// The text with the system's own for the number behind it; 0: as it is.
+std::string withReason(std::string const& text, int systemError);
+
 // What the service classes raise.
 //
 // Ownership: holds its text; copies and catches like any std::exception, across libraries too.
@@ -20,6 +23,7 @@ public:
         timeLimit,    // the peer did not take its answer within the limit
         source,       // what was to be sent can't be read, or is not as long as it was
         malformed,    // a body is not in the transfer coding that it names
+        certificate,  // a certificate, a key or a list of authorities can't be used
     };
 
     // The text gets the system's own behind it where there is a number.

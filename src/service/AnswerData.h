@@ -1,0 +1,18 @@
+#pragma once
+
+#include "service/Answer.h"
+
+namespace postwire {
+
+struct Answer::Data {
+    HTTPMessage message;
+    int status = 0;
+    std::string reason;
+    std::vector<std::string> files;
+    std::uint64_t bytesSent = 0;
+    std::uint64_t bytesReceived = 0;
+    std::chrono::microseconds duration{};
+    int traceError = 0;
+};
+
+}  // namespace postwire

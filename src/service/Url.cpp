@@ -1,0 +1,78 @@
+#include "service/Url.h"
+
+#include <cstdint>
+
+// The library's sources, compiled here: it then is the same for every architecture, and no program
+// needs it.
+#include <boost/url/src.hpp>
+
+#include "service/ClientError.h"
+
+namespace postwire {
+
+namespace {
+
+[[noreturn]] void refuse(std::string const& why, std::string_view url) {
+    std::string shown(url.substr(0, 200));
+    for (char& c : shown)
+        if (c < ' ' || c > '~') c = '?';
+    throw ClientError(ClientError::Code::usage, why + ": " + shown);
+}
+
+// Without brackets; a zone is written "%25eth0" in a URL, RFC 6874.
+std::string hostOf(boost::urls::url_view const& url) {
+    std::string host = url.host_address();
+    return host;
+}
+
+int portOf(boost::urls::url_view const& url, int otherwise) {
+    if (!url.has_port() || url.port().empty()) return otherwise;
+    return url.port_number();
+}
+
+}  // namespace
+
+Url parseUrl(std::string_view text) {
+    auto const parsed = boost::urls::parse_uri(text);
+    if (!parsed) refuse("not a URL", text);
+    boost::urls::url_view const& url = *parsed;
+    boost::urls::scheme const scheme = url.scheme_id();
+    if (scheme != boost::urls::scheme::http && scheme != boost::urls::scheme::https)
+        refuse("a URL begins with http:// or https://", text);
+    Url result;
+    result.isTls = scheme == boost::urls::scheme::https;
+    int const usual = result.isTls ? 443 : 80;
+    result.host = hostOf(url);
+    if (result.host.empty()) refuse("a URL names a host", text);
+    // Of a name only what can stand in Host and goes to the resolver as it is.
+    if (result.host.find_first_of(std::string_view("\0 \r\n/@", 6)) != std::string::npos)
+        refuse("not the name of a host", text);
+    result.port = portOf(url, usual);
+    if (result.port == 0) refuse("no port between 1 and 65535", text);
+    result.authority = std::string(url.encoded_host());
+    if (result.port != usual) result.authority += ":" + std::to_string(result.port);
+    result.target = std::string(url.encoded_path());
+    if (result.target.empty()) result.target = "/";
+    if (url.has_query()) result.target.append("?").append(std::string(url.encoded_query()));
+    if (url.has_userinfo()) {
+        result.credentials = url.user();
+        result.credentials.append(":").append(url.password());
+    }
+    return result;
+}
+
+std::string basicCredentials(std::string_view credentials) {
+    constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text = "Basic ";
+    for (std::size_t at = 0; at < credentials.size(); at += 3) {
+        std::string_view const group = credentials.substr(at, 3);
+        std::uint32_t bits = 0;
+        for (std::size_t i = 0; i < 3; ++i)
+            bits = bits << 8 | (i < group.size() ? static_cast<unsigned char>(group[i]) : 0U);
+        for (std::size_t i = 0; i < 4; ++i)
+            text += i <= group.size() ? kDigits[bits >> (18 - 6 * i) & 63] : '=';
+    }
+    return text;
+}
+
+}  // namespace postwire
