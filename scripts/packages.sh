@@ -11,7 +11,7 @@ packages_of_preset() {
     packages_to_build
     echo dpkg-dev file # for the Debian packages
     # Whom the tests let the programs talk to, and who judges what they say.
-    echo curl tshark nginx haproxy apache2-bin \
+    echo openssl curl tshark nginx haproxy apache2-bin \
         python3-requests python3-requests-toolbelt python3-zeep
     case $1 in
         i386) echo g++-multilib ;;

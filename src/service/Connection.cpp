@@ -10,6 +10,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include "foundation/GuardedAllocation.h"
 #include "service/ServiceError.h"
 
 namespace postwire {
@@ -44,11 +45,13 @@ PeerAddress::Key PeerAddress::key() const noexcept {
 // What a peer that was given up has not taken goes with it, instead of staying in the system.
 Connection::~Connection() {
     linger const atOnce{1, 0};
+    if (tls && !failed) tls->close();
     if (failed) ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
     ::close(fd);
 }
 
 int Connection::receive(char* bytes, std::size_t size) noexcept {
+    if (tls) return receiveTls(bytes, size);
     for (;;) {
         ssize_t const n = ::recv(fd, bytes, std::min<std::size_t>(size, INT_MAX), MSG_DONTWAIT);
         if (n > 0 && trace) trace->received(bytes, static_cast<std::size_t>(n));
@@ -63,6 +66,7 @@ int Connection::receive(char* bytes, std::size_t size) noexcept {
 
 std::size_t Connection::transmit(char const* first, std::size_t firstSize, char const* second,
                                  std::size_t secondSize) {
+    if (tls) return transmitTls(first, firstSize, second, secondSize);
     iovec pieces[2] = {{const_cast<char*>(first), firstSize},
                        {const_cast<char*>(second), secondSize}};
     msghdr message{};
@@ -80,6 +84,69 @@ std::size_t Connection::transmit(char const* first, std::size_t firstSize, char 
         failed = true;
         throw ServiceError(ServiceError::Code::peerGone, "can't send", errno);
     }
+}
+
+// As much as there is and fits: what is left within TLS no event would tell of. One who closes
+// without saying so, as many clients do between two requests, has only ended.
+int Connection::receiveTls(char* bytes, std::size_t size) noexcept {
+    std::size_t got = 0;
+    runQuietly([&] {
+        try {
+            while (got < size && !ended) {
+                int const n = tls->read(bytes + got, size - got);
+                if (n == -1) break;
+                ended = n == 0;
+                got += static_cast<std::size_t>(n);
+            }
+        } catch (TlsFailure const& e) {
+            ended = true;
+            failed = failed || !e.isEnd;
+        }
+    });
+    if (got > 0 && trace) trace->received(bytes, got);
+    if (got > 0) return static_cast<int>(got);
+    return ended ? 0 : -1;
+}
+
+std::size_t Connection::transmitTls(char const* first, std::size_t firstSize, char const* second,
+                                    std::size_t secondSize) try {
+    std::size_t const ofFirst = tls->write(first, firstSize);
+    std::size_t const ofSecond = ofFirst == firstSize ? tls->write(second, secondSize) : 0;
+    if (trace && ofFirst + ofSecond > 0) trace->sent(first, ofFirst, second, ofSecond);
+    return ofFirst + ofSecond;
+} catch (TlsFailure const& e) {
+    failed = true;
+    throw ServiceError(ServiceError::Code::peerGone, "can't send", e.systemError);
+}
+
+bool Connection::flush() noexcept {
+    bool flushed = true;
+    runQuietly([&] {
+        try {
+            flushed = !tls || tls->flush();
+        } catch (TlsFailure const&) {
+            failed = true;
+        }
+    });
+    return flushed;
+}
+
+bool Connection::shakeHands() noexcept {
+    failed = true;
+    runQuietly([&] {
+        try {
+            greeted = tls->shakeHands();
+            failed = false;
+        } catch (TlsFailure const&) {
+            // The peer has been told by an alert.
+        }
+    });
+    return greeted || failed;
+}
+
+void Connection::endOutput() noexcept {
+    if (tls) tls->close();
+    ::shutdown(fd, SHUT_WR);
 }
 
 bool Connection::await(short events, Clock::time_point until) const noexcept {

@@ -12,6 +12,7 @@
 #include "service/BodyChoice.h"
 #include "service/Descriptor.h"
 #include "service/ExchangeReport.h"
+#include "service/TlsSession.h"
 #include "service/WireTrace.h"
 
 namespace postwire {
@@ -43,6 +44,7 @@ union PeerAddress {
 struct Connection {
     enum class State {
         away,        // with a handler, or with the lane that waits for the rest of a request
+        greeting,    // within the handshake of TLS
         idle,        // between requests
         partial,     // some bytes of a request have come
         writing,     // what is left of an answer waits for the peer
@@ -64,12 +66,28 @@ struct Connection {
     std::size_t transmit(char const* first, std::size_t firstSize, char const* second = nullptr,
                          std::size_t secondSize = 0);
 
+    // Sends what TLS keeps; false when there is no room for it.
+    bool flush() noexcept;
+
+    // Goes on with the handshake of TLS; true when it is over, be it that the connection failed.
+    bool shakeHands() noexcept;
+
+    // Says that nothing more will be sent.
+    void endOutput() noexcept;
+
+    // Whether bytes are here that no event will tell of.
+    bool holdsInput() const noexcept { return tls && tls->holdsInput(); }
+
     // Waits on the calling thread until the descriptor is readable or writable; false when the
     // moment has come before.
     bool await(short events, Clock::time_point until) const noexcept;
 
     // Whether the peer has closed its side.
     bool isHalfClosed() const noexcept;
+
+    // Null for clear text.
+    std::unique_ptr<TlsSession> tls;
+    bool greeted = false;  // the handshake is over
 
     Connection* previous = nullptr;  // of the list of its state
     Connection* next = nullptr;
@@ -97,6 +115,11 @@ struct Connection {
     std::string output;  // the rest of an answer, from `sent` on
     std::size_t sent = 0;
     std::size_t budgeted = 0;  // of the server's budget, for `output`
+
+private:
+    int receiveTls(char* bytes, std::size_t size) noexcept;
+    std::size_t transmitTls(char const* first, std::size_t firstSize, char const* second,
+                            std::size_t secondSize);
 };
 
 // Connections in the order in which their deadlines end.

@@ -155,7 +155,11 @@ Loop::Turn Loop::serveArrived() {
             connection.watched = connection.pending = true;
             if (!watch(m_epoll, connection.fd, kAllEvents, &connection)) connection.failed = true;
         }
-        if (settle(connection) && converse(connection) == Turn::lost) return Turn::lost;
+        if (connection.tls && !connection.greeted && !connection.failed) {
+            if (greet(connection) == Turn::lost) return Turn::lost;
+        } else if (settle(connection) && converse(connection) == Turn::lost) {
+            return Turn::lost;
+        }
     }
     return Turn::kept;
 }
@@ -167,6 +171,8 @@ Loop::Turn Loop::onEvent(Connection& connection, std::uint32_t events) {
     switch (connection.state) {
         case Connection::State::away:
             break;
+        case Connection::State::greeting:
+            return greet(connection);
         case Connection::State::writing:
             if (!(events & (EPOLLOUT | EPOLLHUP | EPOLLERR))) break;
             if (writeOn(connection) && settle(connection)) return converse(connection);
@@ -183,6 +189,22 @@ Loop::Turn Loop::onEvent(Connection& connection, std::uint32_t events) {
 }
 
 // Where no memory is left for a connection, that one ends.
+// The time for the handshake runs from its beginning. What came behind it no event will tell of.
+Loop::Turn Loop::greet(Connection& connection) {
+    if (!connection.shakeHands()) {
+        if (connection.state != Connection::State::greeting)
+            enlist(connection, Connection::State::greeting, m_core.options().headLimit);
+        return Turn::kept;
+    }
+    if (connection.failed) {
+        connection.failed = false;  // what the peer is told is not taken back by a reset
+        close(connection);
+        return Turn::kept;
+    }
+    connection.pending = true;
+    return converse(connection);
+}
+
 Loop::Turn Loop::converse(Connection& connection) try {
     takeOut(connection);
     for (int i = 0; i < kMostAtOnce; ++i) {
@@ -243,6 +265,7 @@ Loop::Turn Loop::serve(Connection& connection, RequestReader::Outcome& outcome) 
 bool Loop::settle(Connection& connection) {
     // Tried first: while it was away, the event that there is room again may have come and gone.
     bool const written = writeOn(connection);
+    connection.pending = connection.pending || connection.holdsInput();
     if (written) {
         if (connection.report) m_core.report(connection);
         connection.sent = 0;
@@ -287,13 +310,13 @@ bool Loop::writeOn(Connection& connection) try {
         connection.sent += taken;
     }
     std::string().swap(output);
-    return true;
+    return connection.flush();
 } catch (std::exception const&) {
     return true;  // settled as failed: it is a ServiceError, or there was no memory for one
 }
 
 void Loop::startDiscarding(Connection& connection) {
-    ::shutdown(connection.fd, SHUT_WR);
+    connection.endOutput();
     connection.input.clear();
     enlist(connection, Connection::State::discarding, kDiscardTime);
     discard(connection);
@@ -308,6 +331,7 @@ void Loop::discard(Connection& connection) {
 }
 
 void Loop::expire() {
+    while (!m_greeting.empty() && m_greeting.front()->deadline <= m_now) close(*m_greeting.front());
     while (!m_partial.empty() && m_partial.front()->deadline <= m_now)
         refuseLate(*m_partial.front());
     while (!m_writing.empty() && m_writing.front()->deadline <= m_now) {
@@ -320,6 +344,7 @@ void Loop::expire() {
     for (int left = m_wayWanted.exchange(0); left > 0 && !m_idle.empty(); --left)
         close(*m_idle.front());
     bool const stops = m_core.isStopping() && m_now >= m_core.stoppedAt() + kStopGrace;
+    while (!m_greeting.empty() && stops) close(*m_greeting.front());
     while (!m_idle.empty() && (stops || m_idle.front()->deadline <= m_now)) close(*m_idle.front());
 }
 
@@ -349,7 +374,8 @@ void Loop::refuseLate(Connection& connection) try {
 int Loop::timeToWait() const {
     if (!m_again.empty()) return 0;
     Clock::time_point next = Clock::time_point::max();
-    for (ConnectionList const* const list : {&m_idle, &m_partial, &m_writing, &m_discarding})
+    for (ConnectionList const* const list :
+         {&m_greeting, &m_idle, &m_partial, &m_writing, &m_discarding})
         if (!list->empty()) next = std::min(next, list->front()->deadline);
     if (!m_writing.empty()) next = std::min<Clock::time_point>(next, m_now + kRateTick);
     if (m_core.isStopping()) next = std::min(next, m_now + kStopTick);
@@ -373,6 +399,8 @@ void Loop::takeOut(Connection& connection) {
 
 ConnectionList& Loop::listOf(Connection::State state) {
     switch (state) {
+        case Connection::State::greeting:
+            return m_greeting;
         case Connection::State::partial:
             return m_partial;
         case Connection::State::writing:
@@ -390,7 +418,7 @@ void Loop::close(Connection& connection) {
 }
 
 void Loop::closeAll() {
-    for (ConnectionList* const list : {&m_idle, &m_partial, &m_writing, &m_discarding})
+    for (ConnectionList* const list : {&m_greeting, &m_idle, &m_partial, &m_writing, &m_discarding})
         while (!list->empty()) close(*list->front());
     std::lock_guard<std::mutex> const lock(m_mutex);
     for (ConnectionList* const list : {&m_arrived, &m_again, &m_adopted})

@@ -66,6 +66,7 @@ private:
     Turn serveEvents();
     Turn serveArrived();
     Turn onEvent(Connection& connection, std::uint32_t events);
+    Turn greet(Connection& connection);
     Turn converse(Connection& connection);
     Turn serve(Connection& connection, RequestReader::Outcome& outcome);
     unsigned enterHandler();
@@ -97,7 +98,7 @@ private:
     int m_nextEvent = 0;
     ConnectionList m_arrived;  // to be looked at before the next events
     ConnectionList m_again;    // and after them
-    ConnectionList m_idle, m_partial, m_writing, m_discarding;
+    ConnectionList m_greeting, m_idle, m_partial, m_writing, m_discarding;
     std::unique_ptr<Exchange> m_exchange;
     Clock::time_point m_now{};
     Clock::time_point m_ratesSeen{};  // when peers that write slowly were last looked for

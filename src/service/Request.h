@@ -39,6 +39,13 @@ public:
     [[nodiscard]] std::string peerAddress() const;
     [[nodiscard]] int peerPort() const;
 
+    // "TLSv1.3"; empty for clear text.
+    [[nodiscard]] std::string tlsVersion() const;
+
+    // The subject of the certificate that the client has shown, as RFC 2253 writes it; empty where
+    // none was asked for.
+    [[nodiscard]] std::string clientCertificate() const;
+
     // The tree, for the handler to look at, take from and change.
     [[nodiscard]] HTTPMessage& message();
 

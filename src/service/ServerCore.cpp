@@ -188,6 +188,7 @@ bool ServerCore::acceptOne() try {
     }
     Loop& loop = *m_loops[m_nextLoop++ % m_loops.size()];
     auto connection = std::make_unique<Connection>(std::move(socket), peer, loop);
+    if (m_options.tls) connection->tls = m_options.tls->accept(connection->fd);
     if (!m_options.traceFolder.empty()) beginToTrace(*connection);
     if (admit(*connection))
         loop.adopt(*connection.release());
@@ -206,8 +207,8 @@ void ServerCore::lack(int error) noexcept {
 }
 
 void ServerCore::beginToTrace(Connection& connection) try {
-    connection.trace =
-        std::make_unique<WireTrace>(beginTrace(m_options.traceFolder, "connection", m_traces));
+    connection.trace = std::make_unique<WireTrace>(
+        beginTrace(m_options.traceFolder, "connection", m_traces, connection.tls != nullptr));
 } catch (ServiceError const& e) {
     traceFailed(e.systemError());
 }
@@ -241,7 +242,8 @@ bool ServerCore::admit(Connection const& connection) {
 
 void ServerCore::turnAway(std::unique_ptr<Connection> connection) noexcept {
     std::unique_ptr<Exchange> exchange;
-    if (m_connections <= m_options.maxConnections + kMostTurnedAway)
+    // Within TLS nothing can be said before the handshake.
+    if (!connection->tls && m_connections <= m_options.maxConnections + kMostTurnedAway)
         runQuietly([&] { exchange = takeExchange(); });
     if (!exchange) {
         connection->failed = true;

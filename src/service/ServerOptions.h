@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -11,6 +12,7 @@
 #include "parser/HTTPReadPolicy.h"
 #include "service/BodyChoice.h"
 #include "service/ExchangeReport.h"
+#include "service/TlsContext.h"
 
 namespace postwire {
 
@@ -26,6 +28,10 @@ struct POSTWIRE_EXPORT ServerOptions {
     int port = 0;         // 0: one that the system chooses; Server::port tells which
     int descriptor = -1;  // a listening socket, instead of the two above
     int backlog = 4096;   // connections that the system holds until they are accepted
+
+    // Where there is one, all connections are of TLS. The handshake has the time of a head; who has
+    // not finished by then is cut off. The program may keep a copy, and have it reload.
+    std::optional<TlsContext> tls;
 
     // Threads that wait for connections and read from them; 0: one for each processor.
     int loops = 0;

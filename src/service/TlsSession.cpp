@@ -132,6 +132,8 @@ std::size_t TlsSession::write(char const* bytes, std::size_t size) {
     return taken;
 }
 
+bool TlsSession::holdsInput() const { return ::SSL_has_pending(m_session.get()) == 1; }
+
 bool TlsSession::flush() {
     if (!send()) fail(-1);
     return !hasUnsent();
@@ -159,6 +161,7 @@ bool TlsSession::send() {
 
 void TlsSession::close() noexcept {
     if (!m_established || m_failed) return;
+    m_failed = true;  // nothing more is said
     ::ERR_clear_error();
     ::SSL_shutdown(m_session.get());
     send();
@@ -173,6 +176,7 @@ void TlsSession::fail(int result) {
     char const* const reason = ::ERR_reason_error_string(code);
     TlsFailure failure;
     failure.systemError = m_systemError;
+    failure.isEnd = m_ended && m_established && m_systemError == 0;
     if (!m_distrust.empty())
         failure.text = m_distrust;
     else if (m_systemError != 0)

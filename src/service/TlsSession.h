@@ -12,6 +12,7 @@ namespace postwire {
 struct TlsFailure {
     std::string text;
     int systemError = 0;  // of the connection beneath; 0 where that was not the cause
+    bool isEnd = false;   // the peer has closed the connection without saying so before
 };
 
 // TLS over one connected descriptor. No call waits, and none raises SIGPIPE: what the system does
@@ -38,6 +39,9 @@ public:
 
     // How many of the bytes were taken; 0 where those taken before are not out yet.
     std::size_t write(char const* bytes, std::size_t size);
+
+    // Whether there may be bytes to read without a receive.
+    [[nodiscard]] bool holdsInput() const;
 
     // Sends what is kept; true when nothing is left.
     bool flush();

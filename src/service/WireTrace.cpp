@@ -70,14 +70,16 @@ void WireTrace::write(Descriptor const& to, iovec* pieces, int count) noexcept {
     }
 }
 
-WireTrace beginTrace(std::string const& folder, std::string const& prefix, int& number) {
+WireTrace beginTrace(std::string const& folder, std::string const& prefix, int& number,
+                     bool isClearTextOfTls) {
     for (;;) {
         char digits[16];
         std::snprintf(digits, sizeof digits, "-%06d", ++number);
         std::string const path = folder + "/" + prefix + digits + ".trace";
         Descriptor bytes = openNew(path);
         Descriptor times = bytes.get() == -1 ? Descriptor() : openNew(path + ".times");
-        if (times.get() != -1) return WireTrace(std::move(bytes), std::move(times));
+        if (times.get() != -1)
+            return WireTrace(std::move(bytes), std::move(times), isClearTextOfTls);
         if (errno == EEXIST) continue;
         throw ServiceError(ServiceError::Code::system, "can't trace into " + path, errno);
     }

@@ -44,6 +44,7 @@ private:
 // A pair of new files PREFIX-000001.trace, or with the first number after `number` that is free,
 // which no one but their owner may read: a trace holds every secret that went over the connection.
 // Raises ServiceError::Code::system.
-WireTrace beginTrace(std::string const& folder, std::string const& prefix, int& number);
+WireTrace beginTrace(std::string const& folder, std::string const& prefix, int& number,
+                     bool isClearTextOfTls);
 
 }  // namespace postwire
