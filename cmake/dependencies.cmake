@@ -31,3 +31,7 @@ endfunction()
 find_package(OpenSSL QUIET)
 postwire_check_library(OpenSSL OpenSSL::SSL libssl-dev
   "#include <openssl/ssl.h>\nint main() { SSL_CTX_free(SSL_CTX_new(TLS_method())); }")
+set(Boost_NO_BOOST_CMAKE ON)  # headers alone, which are the same for all architectures
+find_package(Boost QUIET)
+postwire_check_library(BoostUrl Boost::headers libboost-url1.81-dev
+  "#include <boost/url/src.hpp>\nint main() {}")

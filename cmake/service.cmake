@@ -1,8 +1,8 @@
 # The floor above the library: servers and clients that programs embed. A shared library of its own,
 # which the other one does not know. What it takes of other makers stays within it, unseen by those
 # who link it: their names in cmake/dependencies.cmake, and the targets that are linked.
-set(libraries)
-set(targets)
+set(libraries OpenSSL BoostUrl)
+set(targets OpenSSL::SSL Boost::headers)
 postwire_has_all(complete postwire-service ${libraries})
 if(NOT complete)
   return()
