@@ -44,6 +44,10 @@ constexpr int hexDigitValue(char c) {
 
 constexpr bool isHexDigit(char c) { return hexDigitValue(c) >= 0; }
 
+// The digit for the lowest four bits.
+constexpr char hexDigit(unsigned value) { return "0123456789abcdef"[value & 15U]; }
+constexpr char upperHexDigit(unsigned value) { return "0123456789ABCDEF"[value & 15U]; }
+
 // The lower-case form of each character of a token, RFC 9110 section 5.6.2; 0 for all others.
 inline constexpr std::array<char, 256> kTokenLowerCase = [] {
     std::array<char, 256> table{};

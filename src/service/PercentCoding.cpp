@@ -19,7 +19,6 @@ std::string percentDecoded(std::string_view text) {
 }
 
 void appendPercentEncoded(std::string& to, std::string_view bytes) {
-    constexpr char kDigits[] = "0123456789ABCDEF";
     for (char const c : bytes) {
         if (isLetterOrDigit(c) ||
             (c != '\0' && std::string_view("!#$&+-.^_`|~").find(c) != std::string_view::npos)) {
@@ -27,7 +26,7 @@ void appendPercentEncoded(std::string& to, std::string_view bytes) {
             continue;
         }
         auto const byte = static_cast<unsigned char>(c);
-        to += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
+        to += {'%', upperHexDigit(byte >> 4U), upperHexDigit(byte)};
     }
 }
 

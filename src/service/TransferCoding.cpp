@@ -108,7 +108,6 @@ void EncodingOutputStream::writeQuoted(char c) {
 }
 
 void EncodingOutputStream::addQuoted(char c, bool asItIs) {
-    constexpr char kDigits[] = "0123456789ABCDEF";
     std::size_t const width = asItIs ? 1 : 3;
     if (m_column + width > kLongestQuotedLine) {
         m_encoded += "=\r\n";
@@ -116,7 +115,7 @@ void EncodingOutputStream::addQuoted(char c, bool asItIs) {
     }
     m_column += width;
     auto const byte = static_cast<unsigned char>(c);
-    char const quoted[] = {'=', kDigits[byte >> 4], kDigits[byte & 15]};
+    char const quoted[] = {'=', upperHexDigit(byte >> 4U), upperHexDigit(byte)};
     if (asItIs)
         m_encoded += c;
     else

@@ -24,7 +24,7 @@ std::string makeBoundary() {
     std::string boundary = "postwire-";
     for (int word = 0; word < 4; ++word) {
         for (unsigned int bits = device(), digit = 0; digit < 8; ++digit, bits >>= 4)
-            boundary += "0123456789abcdef"[bits & 15];
+            boundary += hexDigit(bits);
     }
     return boundary;
 }

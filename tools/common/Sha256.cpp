@@ -4,6 +4,8 @@
 
 #include <openssl/evp.h>
 
+#include "foundation/AsciiText.h"
+
 namespace {
 
 void require(int done) {
@@ -43,8 +45,8 @@ std::string Sha256::hex() {
     require(EVP_DigestFinal_ex(m_context->digest, digest, &length));
     std::string text;
     for (unsigned int i = 0; i < length; ++i) {
-        text += "0123456789abcdef"[digest[i] >> 4];
-        text += "0123456789abcdef"[digest[i] & 15];
+        text += hexDigit(digest[i] >> 4U);
+        text += hexDigit(digest[i]);
     }
     return text;
 }

@@ -4,6 +4,8 @@
 #include <array>
 #include <cstdint>
 
+#include "foundation/AsciiText.h"
+
 namespace {
 
 struct Character {
@@ -86,8 +88,8 @@ std::string escapedForJson(std::string_view text) {
             to += c.bytes;
         } else if (c.isControl() || !c.valid) {
             to += "\\u00";
-            to += "0123456789abcdef"[c.point >> 4];
-            to += "0123456789abcdef"[c.point & 15];
+            to += hexDigit(c.point >> 4U);
+            to += hexDigit(c.point);
         } else {
             to += c.bytes;
         }

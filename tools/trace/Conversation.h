@@ -1,55 +1,55 @@
 #pragma once
 
-#include <cstddef>
-#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
-#include "message/HTTPMessage.h"
-#include "tools/trace/TraceFile.h"
+#include "foundation/QORThrowable.h"
 
-// One message of a traced connection.
-struct TracedMessage {
-    bool request;
-    bool read;                          // received by the traced side
-    std::string_view bytes;             // as they were on the wire
-    std::string_view head;              // start line and header lines
-    std::size_t firstBlock;             // of the trace, by which messages are put in order
-    std::size_t calls;                  // sends or receives that carried a byte of it
-    std::unique_ptr<HTTPMessage> tree;  // null for a message without a body, such as 100 Continue
-    std::string error;                  // why reading stopped here; empty for a whole message
-};
+#include "parser/HTTPParser.h"
+#include "tools/trace/Direction.h"
+#include "tools/trace/MessageCollector.h"
+#include "tools/trace/TracedMessage.h"
 
-// The messages of a trace, both directions joined in the order in which they began.
+// The messages of a trace, both directions joined in the order in which they began. One of them at
+// a time is read, and kept as far as was asked for.
 class Conversation {
 public:
     enum class Role { Guess, Client, Server };
 
-    // With Role::Guess the side whose bytes begin with "HTTP/" is the server.
-    Conversation(TraceFile const& trace, Role role);
+    // With Role::Guess the side whose bytes begin with "HTTP/" is the server. The file is borrowed.
+    Conversation(TraceFile& file, Role role, Keeping keeping);
     Conversation(Conversation const&) = delete;
     Conversation& operator=(Conversation const&) = delete;
 
-    std::vector<TracedMessage> const& messages() const { return m_messages; }
+    // The next message into `message`; false when there is none. One that can't be read takes the
+    // rest of its direction: where the next one begins is not known any more.
+    bool next(TracedMessage& message);
 
     // Whether the traced side is the server.
-    bool isServer() const { return m_server; }
+    bool isServer();
+
+    // For what was read of them all in all.
+    Direction const& received() const { return m_received; }
+    Direction const& sent() const { return m_sent; }
 
 private:
-    // One direction: its bytes, and where each block of the trace begins in them.
-    struct Direction {
-        std::string bytes;
-        std::vector<std::size_t> starts;
-        std::vector<std::size_t> blocks;
-    };
+    Direction* nextDirection();
+    bool guess(Direction const* first);
+    void readHead(Direction& direction, TracedMessage& message);
+    void readMessage(Direction& direction, TracedMessage& message);
+    std::string why(QORException& error, Direction& direction);
+    bool drop(Direction& direction);
 
-    void readMessages(Direction const& direction, bool read);
-    TracedMessage readMessage(Direction const& direction, std::size_t begin, bool request) const;
-    static void locate(Direction const& direction, std::size_t begin, TracedMessage& message);
-
-    Direction m_received;
-    Direction m_sent;
-    bool m_server = false;
-    std::vector<TracedMessage> m_messages;
+    TraceFile& m_file;
+    Role m_role;
+    Keeping m_keeping;
+    Direction m_received, m_sent;
+    MessageCollector m_collector{m_keeping};
+    HTTPParser m_parser;
+    std::optional<bool> m_server;  // not known before it is asked for
+    std::uint64_t m_messages = 0;
+    // Of what was sent, and of what was received.
+    std::uint64_t m_before[2] = {0, 0};  // the number of the message before
+    bool m_broken[2] = {false, false};   // whether it could not be read
 };

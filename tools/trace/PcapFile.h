@@ -18,19 +18,21 @@ public:
 };
 
 // Writes a capture file of one made-up TCP connection: handshake, data in segments that an Ethernet
-// would carry, closing. Addresses, ports and times are not those of the real connection, which a
-// trace does not hold; bytes and their order are.
+// would carry, closing. Addresses and ports are not those of the real connection, which a trace
+// does not hold; bytes and their order are, and times where they are given.
 class PcapFile {
 public:
-    // Creates the file, which its owner alone may read, and writes the handshake; "-" stands for
-    // standard output.
-    PcapFile(std::string const& path, PcapEndpoint client, PcapEndpoint server);
+    // Creates the file, which its owner alone may read, and writes the handshake, right before this
+    // time in microseconds, or at made-up times where it is negative; "-" stands for standard
+    // output.
+    PcapFile(std::string const& path, PcapEndpoint client, PcapEndpoint server, std::int64_t time);
     PcapFile(PcapFile const&) = delete;
     PcapFile& operator=(PcapFile const&) = delete;
     ~PcapFile();
 
-    // What one side sent in one call.
-    void write(bool fromClient, std::string_view bytes);
+    // What one side sends next, at this time or, where that is later, right behind the packet
+    // before. The other side acknowledges what `ends` a call.
+    void write(bool fromClient, std::string_view bytes, bool ends, std::int64_t time);
 
     // Writes the closing packets and reports what could not be written.
     void finish();
@@ -50,7 +52,8 @@ private:
     std::string m_path;
     Side m_client;
     Side m_server;
-    std::int64_t m_microseconds = 0;
+    std::int64_t m_microseconds;  // of the next packet
+    std::int64_t m_interval;
     std::unique_ptr<struct pcap, Closer> m_handle;
     std::unique_ptr<struct pcap_dumper, Closer> m_dumper;
 };

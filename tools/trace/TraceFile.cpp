@@ -5,26 +5,19 @@
 #include <charconv>
 #include <climits>
 #include <cstring>
-#include <fstream>
 
-#include "tools/common/BlockReader.h"
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
-std::string contentOf(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw TraceError(path + ": " + std::strerror(errno));
-    std::string content;
-    for (BlockReader block(in); block.next();) content.append(block.bytes(), block.size());
-    if (in.bad()) throw TraceError(path + ": " + std::strerror(errno));  // it may be a folder
-    return content;
-}
+constexpr std::size_t kBuffer = 1 << 17;
 
-struct BlockHeader {
-    bool read;
-    std::size_t count;
-    std::size_t length;  // of the header itself
-};
+[[noreturn]] void fail(std::string const& path) {
+    throw TraceError(path + ": " + std::strerror(errno));
+}
 
 enum class Outcome { Good, Cut, Bad };
 
@@ -36,43 +29,129 @@ Outcome take(std::string_view& left, std::string_view text) {
     return n == text.size() ? Outcome::Good : Outcome::Cut;
 }
 
-Outcome takeNumber(std::string_view& left, std::size_t& number) {
+Outcome takeNumber(std::string_view& left, std::uint64_t& number) {
     auto const [end, error] = std::from_chars(left.data(), left.data() + left.size(), number);
     if (error != std::errc()) return left.empty() ? Outcome::Cut : Outcome::Bad;
-    if (number > INT_MAX) return Outcome::Bad;  // no single call carries so much
-    left.remove_prefix(static_cast<std::size_t>(end - left.data()));
+    auto const digits = static_cast<std::size_t>(end - left.data());
+    // No single call carries so much.
+    if (number > INT_MAX || digits > 10) return Outcome::Bad;
+    left.remove_prefix(digits);
     return Outcome::Good;
 }
 
-Outcome readHeader(std::string_view left, BlockHeader& header) {
-    std::size_t const before = left.size();
-    std::string_view const write = "\n<write[";
-    header.read = left.size() > 2 && left[2] == 'r';
-    Outcome outcome = take(left, header.read ? "\n<read[" : write);
-    if (outcome == Outcome::Good) outcome = takeNumber(left, header.count);
+// The line before a record; what is behind it stays in `left`.
+Outcome takeLine(std::string_view& left, TraceRecord& record) {
+    record.read = left.size() > 2 && left[2] == 'r';
+    Outcome outcome = take(left, record.read ? "\n<read[" : "\n<write[");
+    if (outcome == Outcome::Good) outcome = takeNumber(left, record.count);
     if (outcome == Outcome::Good) outcome = take(left, "]>\n");
-    header.length = before - left.size();
     return outcome;
 }
 
 }  // namespace
 
-TraceFile::TraceFile(std::string const& path) : m_content(contentOf(path)) {
-    std::string_view const all = m_content;
-    for (std::size_t at = 0; at < all.size();) {
-        BlockHeader header{};
-        Outcome const outcome = readHeader(all.substr(at), header);
-        if (outcome == Outcome::Cut && (at != 0 || all.size() > 2)) {
-            m_missing = -1;
-            return;
-        }
-        if (outcome != Outcome::Good) {
-            throw TraceError(path + (at == 0 ? ": not a socket trace"
-                                             : ": damaged at byte " + std::to_string(at)));
-        }
-        std::string_view const bytes = all.substr(at + header.length, header.count);
-        m_blocks.push_back({header.read, bytes});
-        m_missing = static_cast<long>(header.count - bytes.size());
-        at += header.length + bytes.size();
+TraceFile::TraceFile(std::string const& path, bool follow)
+    : m_path(path), m_descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+    if (m_descriptor == -1) fail(path);
+    if (!follow) return;
+    m_watch = ::inotify_init1(IN_CLOEXEC);
+    if (m_watch == -1 || ::inotify_add_watch(m_watch, path.c_str(), IN_MODIFY | IN_CLOSE_WRITE) < 0)
+        fail(path);
+}
+
+TraceFile::~TraceFile() {
+    ::close(m_descriptor);
+    if (m_watch != -1) ::close(m_watch);
+}
+
+std::size_t TraceFile::read(char* to, std::size_t n, std::uint64_t at) {
+    for (;;) {
+        ssize_t const got = ::pread(m_descriptor, to, n, static_cast<off_t>(at));
+        if (got > 0) return static_cast<std::size_t>(got);
+        if (got < 0 && errno != EINTR) fail(m_path);
+        if (got == 0 && !waitForMore()) return 0;
     }
+}
+
+std::uint64_t TraceFile::size() const {
+    struct stat state {};
+    if (::fstat(m_descriptor, &state) == -1) fail(m_path);
+    return static_cast<std::uint64_t>(state.st_size);
+}
+
+bool TraceFile::waitForMore() {
+    if (m_watch == -1) return false;
+    alignas(inotify_event) char events[4096];
+    ssize_t const got = ::read(m_watch, events, sizeof events);
+    if (got == -1 && errno != EINTR) fail(m_path);
+    for (ssize_t at = 0; at < got && m_watch != -1;) {
+        inotify_event event{};
+        std::memcpy(&event, events + at, sizeof event);
+        at += static_cast<ssize_t>(sizeof event + event.len);
+        if (event.mask & IN_MODIFY) continue;
+        ::close(m_watch);  // what was written before this is read once more
+        m_watch = -1;
+    }
+    return true;
+}
+
+TraceCursor::TraceCursor(TraceFile& file)
+    : m_file(file), m_times(file.path() + ".times"), m_buffer(kBuffer) {}
+
+bool TraceCursor::next() {
+    skip(m_left);
+    m_left = 0;
+    for (;;) {
+        std::string_view left = buffered();
+        Outcome const outcome = takeLine(left, m_record);
+        if (outcome == Outcome::Good) {
+            m_begin = m_end - left.size();
+            m_left = m_record.count;
+            m_record.index = m_records++;
+            m_record.time = m_times.of(m_record.index, m_record.read, m_record.count);
+            return true;
+        }
+        if (outcome == Outcome::Bad) throw TraceError(whyBad());
+        if (!refill()) break;
+    }
+    std::uint64_t const at = position(), size = m_file.size();
+    if (at == 0 && m_end - m_begin > 0 && m_end - m_begin < 3) throw TraceError(whyBad());
+    m_missing = m_begin != m_end ? -1 : at > size ? static_cast<std::int64_t>(at - size) : 0;
+    return false;
+}
+
+std::string TraceCursor::whyBad() const {
+    return m_file.path() + (position() == 0 ? ": not a socket trace"
+                                            : ": damaged at byte " + std::to_string(position()));
+}
+
+std::string_view TraceCursor::take(std::size_t n) {
+    if (m_left == 0 || (m_begin == m_end && !refill())) return {};
+    std::uint64_t const least = std::min<std::uint64_t>({n, m_left, m_end - m_begin});
+    std::string_view const taken = buffered().substr(0, static_cast<std::size_t>(least));
+    m_begin += taken.size();
+    m_left -= taken.size();
+    return taken;
+}
+
+// Adds to what is buffered; false at the end of the file.
+bool TraceCursor::refill() {
+    std::copy(m_buffer.begin() + static_cast<std::ptrdiff_t>(m_begin),
+              m_buffer.begin() + static_cast<std::ptrdiff_t>(m_end), m_buffer.begin());
+    m_end -= m_begin;
+    m_begin = 0;
+    std::size_t const got = m_file.read(&m_buffer[m_end], m_buffer.size() - m_end, m_readTo);
+    m_readTo += got;
+    m_end += got;
+    return got > 0;
+}
+
+void TraceCursor::skip(std::uint64_t n) {
+    std::size_t const held = m_end - m_begin;
+    if (n <= held) {
+        m_begin += static_cast<std::size_t>(n);
+        return;
+    }
+    m_readTo += n - held;
+    m_begin = m_end = 0;
 }
