@@ -1,18 +1,14 @@
 #!/usr/bin/env python3
-"""Loads postwire-serve and its peers over loopback and writes what it measured as JSON.
+"""Loads postwire::Server and its peers over loopback and writes what it measured as JSON.
 
-usage: measure.py BUILD_FOLDER OUT.json [--rounds N] [--seconds S] [--servers NAME,NAME] [--realtime]
+usage: measure.py BUILD_FOLDER OUT.json [--rows NAME,NAME] [--rounds N] [--seconds S]
 
-In every round each server is started in turn, in an order drawn anew, checked for right answers and
-loaded with wrk over 1 and then 8 connections that are kept open; so whatever else happens on the
-machine happens to all of them. With two or more processors the server has the first and wrk the
-second to itself. Where strace may be used, the system calls of an exchange are counted as well.
-
---realtime (root) is for a machine that has other work to do: server and wrk go before it, in runs
-that end before the system would interrupt them in its favour, which it does after 0.95 s.
+Rows: rates, latency, idle, slow, sleeping, compute, upload; those that are not measured stay in the
+file as they were. In every round each server is started in turn, in an order drawn anew, and checked
+for right answers, so that whatever else happens on the machine happens to all of them. With two or
+more processors the server has the first and the load the second to itself.
 """
 import argparse
-import collections
 import contextlib
 import json
 import os
@@ -20,22 +16,30 @@ import pathlib
 import platform
 import random
 import re
+import resource
 import shutil
 import signal
 import socket
+import statistics
 import subprocess
+import sys
 import tempfile
 import time
 
 HERE = pathlib.Path(__file__).parent
 BODY = 1024  # of the request and of the answer
-CONNECTIONS = 1, 8
+CONNECTIONS = 1, 8, 64, 256, 1000, 4000
+LATENCY = 64, 256
+IDLE = 10_000
+SLOW = 1000
+ACTIVE = 64
+UPLOAD = 1 << 30
 TICK = os.sysconf('SC_CLK_TCK')
-TRACED = 200
-CHECKED = 0.5  # seconds in which the answers are looked at
-PAUSE = 0.2
-NAMES = {'postwire': 'postwire-serve', 'beast': 'echo_beast', 'poco': 'echo_poco',
-         'httplib': 'echo_httplib', 'raw': 'echo_raw'}
+CHECKED = 0.3  # seconds in which the answers are looked at
+PAUSE = 0.1
+PROGRAMS = {'postwire': 'echo_postwire', 'nginx': 'nginx', 'beast': 'echo_beast',
+            'raw': 'echo_raw', 'poco': 'echo_poco', 'httplib': 'echo_httplib'}
+MOST = {'poco': 8, 'httplib': 8}  # connections: their threads are 16
 
 
 def free_port():
@@ -43,89 +47,13 @@ def free_port():
         return taken.getsockname()[1]
 
 
-def pinned(processor):
-    return ['taskset', '-c', str(processor)] if os.cpu_count() > 1 else []
+def on_processor(number):
+    return ['taskset', '-c', str(number)] if os.cpu_count() > 1 else []
 
 
-class Bench:
-    def __init__(self, build, folder):
-        self.bin = build / 'bin'
-        self.request = build / 'bench' / 'peers' / 'corpus' / 'small.http'
-        self.answer = pathlib.Path(folder, 'answer')
-        self.answer.write_bytes(b'x' * BODY)
-        self.environment = {**os.environ, 'REQUEST_FILE': str(self.request)}
-
-    def command(self, name, port):
-        program = self.bin / NAMES[name]
-        if name == 'postwire':
-            return [program, '--port', str(port), '--answer', self.answer]
-        # The raw server does not know what it reads, so it is told how much a request is.
-        return [program, str(port), str(self.request.stat().st_size if name == 'raw' else BODY)]
-
-    @contextlib.contextmanager
-    def running(self, name, *before):
-        """The port of a server, and its process."""
-        port = free_port()
-        with subprocess.Popen([*pinned(0), *before, *self.command(name, port)],
-                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL) as process:
-            try:
-                while True:
-                    if process.poll() is not None:
-                        raise RuntimeError(f'{name} ended with {process.returncode}')
-                    with contextlib.suppress(ConnectionRefusedError):
-                        socket.create_connection(('127.0.0.1', port)).close()
-                        break
-                    time.sleep(0.01)
-                yield port, process
-            finally:
-                process.terminate()
-
-    def load(self, port, connections, seconds, check=False):
-        """What post.lua reports of one run of wrk."""
-        wrk = subprocess.Popen(
-            [*pinned(1), 'wrk', '-t1', f'-c{connections}', '-d60s', '-s', HERE / 'post.lua',
-             f'http://127.0.0.1:{port}/'], stdout=subprocess.PIPE, text=True,
-            env={**self.environment, **({'CHECK': '1'} if check else {})})
-        time.sleep(seconds)
-        wrk.send_signal(signal.SIGINT)  # it knows whole seconds only
-        line = re.search('^RESULT (.*)$', wrk.communicate()[0], re.M).group(1)
-        result = {key: int(value) for key, value in (word.split('=') for word in line.split())}
-        if result['bad'] or result['errors'] or not result['requests']:
-            raise RuntimeError(f'wrong answers: {line}')
-        return result
-
-    def measure(self, name, connections, seconds):
-        with self.running(name) as (port, process):
-            self.load(port, connections, CHECKED, check=True)
-            time.sleep(PAUSE)
-            before = processor_time(process.pid)
-            result = self.load(port, connections, seconds)
-            used = processor_time(process.pid) - before
-        time.sleep(PAUSE)
-        return {'server': name, 'connections': connections, 'rate': result['req_per_s'],
-                'p50_us': result['p50_us'], 'p99_us': result['p99_us'],
-                'cpu_us': round(used / result['requests'] * 1e6, 2)}
-
-    def system_calls(self, name):
-        """How often each call is made for an exchange: of two traced runs, one longer than the
-        other, the difference, in which start and end cancel out."""
-        short, long = (self.traced(name, n) for n in (TRACED, 2 * TRACED))
-        per_exchange = {call: round((long[call] - short[call]) / TRACED, 2) for call in long}
-        return {call: n for call, n in sorted(per_exchange.items()) if n >= 0.1}
-
-    def traced(self, name, exchanges):
-        with tempfile.NamedTemporaryFile(mode='r') as log:
-            with self.running(name, 'strace', '-f', '-qq', '-o', log.name) as (port, process):
-                exchange(port, self.request.read_bytes(), exchanges)
-                for child in children(process.pid):
-                    os.kill(child, 15)
-            # A call that another thread's interrupts stands in two lines.
-            return collections.Counter(re.findall(r'^\d+ +(\w+)\(', log.read(), re.M))
-
-
-def children(pid):
-    return [int(child) for child in
-            pathlib.Path(f'/proc/{pid}/task/{pid}/children').read_text().split()]
+def field(pid, name):
+    return int(re.search(rf'{name}:\s+(\d+) kB',
+                         pathlib.Path(f'/proc/{pid}/status').read_text()).group(1))
 
 
 def processor_time(pid):
@@ -133,60 +61,234 @@ def processor_time(pid):
     return (int(fields[11]) + int(fields[12])) / TICK
 
 
-def exchange(port, request, times):
-    with socket.create_connection(('127.0.0.1', port)) as client:
-        client.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        for _ in range(times):
-            client.sendall(request)
-            data = b''
-            while (end := data.find(b'\r\n\r\n')) == -1 or len(data) < end + 4 + BODY:
-                block = client.recv(65536)
-                if not block:
-                    raise EOFError(data)
-                data += block
+def listens(port):
+    with contextlib.suppress(ConnectionRefusedError):
+        socket.create_connection(('127.0.0.1', port)).close()
+        return True
+    return False
+
+
+class Bench:
+    def __init__(self, build, folder, options):
+        self.bin, self.folder, self.options = build / 'bin', folder, options
+        self.request = build / 'bench' / 'peers' / 'corpus' / 'small.http'
+        self.wire = self.request.read_bytes()
+
+    def servers(self, *names):
+        return [name for name in names or PROGRAMS
+                if name == 'nginx' and shutil.which(name) or (self.bin / PROGRAMS[name]).exists()]
+
+    def command(self, name, port):
+        if name == 'nginx':
+            text = (HERE / 'nginx.conf').read_text()
+            conf = self.folder / 'nginx.conf'
+            conf.write_text(text.replace('PORT', str(port)).replace('BODY', 'x' * BODY))
+            return ['nginx', '-c', conf, '-p', self.folder]
+        # The raw server does not know what it reads, so it is told how much a request is.
+        return [self.bin / PROGRAMS[name], str(port),
+                str(len(self.wire) if name == 'raw' else BODY)]
+
+    @contextlib.contextmanager
+    def running(self, name, command=None, processors=0):
+        """The port of a server, and its process."""
+        port = free_port()
+        command = command and [str(port) if word == 'PORT' else word for word in command]
+        with subprocess.Popen([*on_processor(processors), *(command or self.command(name, port))],
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL) as process:
+            try:
+                while not listens(port):
+                    if process.poll() is not None:
+                        raise RuntimeError(f'{name} ended with {process.returncode}')
+                    time.sleep(0.01)
+                yield port, process
+            finally:
+                process.kill()
+
+    def load(self, port, connections, seconds, check=False, uri=None):
+        """What post.lua reports of one run of wrk."""
+        request = self.request
+        if uri:
+            request = self.folder / 'request'
+            request.write_bytes(re.sub(rb'(?<=POST )\S+', uri.encode(), self.wire, count=1))
+        wrk = subprocess.Popen(
+            [*on_processor(1), 'wrk', '-t1', f'-c{connections}', '-d60s', '-s', HERE / 'post.lua',
+             f'http://127.0.0.1:{port}/'], stdout=subprocess.PIPE, text=True,
+            env={**os.environ, 'REQUEST_FILE': str(request), **({'CHECK': '1'} if check else {})})
+        time.sleep(seconds + connections / 10_000)
+        wrk.send_signal(signal.SIGINT)  # it knows whole seconds only
+        line = re.search('^RESULT (.*)$', wrk.communicate()[0], re.M).group(1)
+        result = {key: int(value) for key, value in (word.split('=') for word in line.split())}
+        if result['bad'] or result['errors']:
+            raise RuntimeError(f'wrong answers: {line}')
+        return result
+
+    def rate(self, port, process, connections, uri=None):
+        self.load(port, min(connections, 64), CHECKED, check=True, uri=uri)
+        time.sleep(PAUSE)
+        before = processor_time(process.pid)
+        result = self.load(port, connections, self.options.seconds, uri=uri)
+        used = processor_time(process.pid) - before
+        time.sleep(PAUSE)
+        return {'rate': result['req_per_s'], 'p50_us': result['p50_us'],
+                'p99_us': result['p99_us'], 'cpu_us': round(used / max(result['requests'], 1) * 1e6, 2)}
+
+    def offered(self, port, connections, rate, uri='/', seconds=None):
+        """A running h2load that offers so many requests a second, and the file of its times."""
+        log = tempfile.NamedTemporaryFile(mode='r', dir=self.folder)
+        body = self.folder / 'request-body'
+        body.write_bytes(self.wire[-BODY:])
+        fields = self.wire.partition(b'\r\n\r\n')[0].decode().split('\r\n')[1:]
+        heads = [word for line in fields
+                 if not re.match('(?i)host|content-length|connection', line)
+                 for word in ('-H', line)]
+        return subprocess.Popen(
+            [*on_processor(1), 'h2load', '--h1', f'-c{connections}', '-t1',
+             f'--rps={rate / connections:.3f}', f'-D{seconds or self.options.seconds:.0f}',
+             '--warm-up-time=1', '-d', body, *heads, f'--log-file={log.name}',
+             f'http://127.0.0.1:{port}{uri}'], stdout=subprocess.DEVNULL), log
+
+    def p99(self, load):
+        """Milliseconds, of a load that has been offered; and how many a second were answered."""
+        process, log = load
+        process.wait()
+        lines = [line.split() for line in log.read().splitlines()]
+        if not lines or any(line[1] != '200' for line in lines):
+            raise RuntimeError(f'{len(lines)} answers, not all of them 200')
+        times = [int(line[2]) for line in lines]
+        return statistics.quantiles(times, n=100)[98] / 1000
+
+    # The rows. Each yields what it found of one server at a time.
+
+    def rates(self):
+        for _ in range(self.options.rounds):
+            for name in random.sample(names := self.servers(), len(names)):
+                for connections in CONNECTIONS:
+                    if connections <= MOST.get(name, connections):
+                        with self.running(name) as (port, process):
+                            yield {'server': name, 'connections': connections,
+                                   **self.rate(port, process, connections)}
+
+    def latency(self):
+        for connections in LATENCY:
+            with self.running('nginx') as (port, process):
+                half = self.rate(port, process, connections)['rate'] / 2
+            for _ in range(self.options.rounds):
+                for name in random.sample(names := self.servers('postwire', 'nginx', 'beast'),
+                                          len(names)):
+                    with self.running(name) as (port, process):
+                        yield {'server': name, 'connections': connections, 'offered': round(half),
+                               'p99_ms': self.p99(self.offered(port, connections, half))}
+
+    def idle(self):
+        """Memory of a connection that waits, and what others lose by them."""
+        programs = {'postwire': None}
+        if self.options.i386.exists():
+            programs['postwire, 32 bit'] = [self.options.i386, 'PORT', str(BODY)]
+        for name, command in programs.items():
+            with self.running(name, command) as (port, process):
+                alone = [self.rate(port, process, ACTIVE)['rate'] for _ in range(3)]
+                before = field(process.pid, 'VmRSS'), field(process.pid, 'VmSize')
+                clients = []
+                for _ in range(IDLE):
+                    clients.append(socket.create_connection(('127.0.0.1', port)))
+                    # Each has been served once, so that its costs are those of a kept connection.
+                    clients[-1].sendall(self.wire)
+                    clients[-1].recv(4096)
+                time.sleep(1)
+                after = field(process.pid, 'VmRSS'), field(process.pid, 'VmSize')
+                beside = [self.rate(port, process, ACTIVE)['rate'] for _ in range(3)]
+                yield {'server': name, 'resident_kib': round((after[0] - before[0]) / IDLE, 2),
+                       'space_kib': round((after[1] - before[1]) / IDLE, 2),
+                       'rate': statistics.median(beside), 'alone': statistics.median(alone)}
+                for client in clients:
+                    client.close()
+
+    def slow(self):
+        for _ in range(self.options.rounds):
+            with self.running('postwire') as (port, process):
+                alone = self.rate(port, process, ACTIVE)['rate']
+                with subprocess.Popen([*on_processor(1), sys.executable, HERE / 'slow_clients.py',
+                                       str(port), str(SLOW), '60']) as clients:
+                    try:
+                        while len(os.listdir(f'/proc/{process.pid}/fd')) < SLOW:
+                            time.sleep(0.1)
+                        beside = self.rate(port, process, ACTIVE)['rate']
+                    finally:
+                        clients.kill()
+                yield {'rate': beside, 'alone': alone}
+
+    def sleeping(self):
+        """3000 requests a second over 64 connections, a tenth of which sleep; the others' times."""
+        for _ in range(self.options.rounds):
+            with self.running('postwire') as (port, process):
+                sleepers = self.offered(port, 7, 300, '/sleep', self.options.seconds + 1)
+                quick = self.p99(self.offered(port, ACTIVE - 7, 2700))
+                yield {'quick_p99_ms': quick, 'sleeping_p99_ms': self.p99(sleepers)}
+
+    def compute(self):
+        for _ in range(self.options.rounds):
+            run = {}
+            for key, processors in ('one', '0'), ('two', '0,1'):
+                with self.running('postwire', processors=processors) as (port, process):
+                    run[key] = self.rate(port, process, ACTIVE, '/compute')['rate']
+            yield run
+
+    def upload(self):
+        source = self.folder / 'upload'
+        with source.open('wb') as file:
+            file.truncate(UPLOAD)
+        kept = {'postwire': self.folder / 'uploads', 'nginx': self.folder / 'body'}
+        servers = (('postwire', [self.bin / 'serve_uploads', 'PORT', kept['postwire']], '/'),
+                   ('nginx', None, '/upload'))
+        for _ in range(self.options.rounds):
+            for name, command, uri in servers:
+                kept[name].mkdir(exist_ok=True)
+                with self.running(name, command) as (port, _):
+                    begin = time.monotonic()
+                    subprocess.run([*on_processor(1), 'curl', '-sSf', '-o', '/dev/null', '-X',
+                                    'POST', '-H', 'Expect:', '-T', source,
+                                    f'http://127.0.0.1:{port}{uri}'], check=True)
+                    seconds = time.monotonic() - begin
+                if [path.stat().st_size for path in kept[name].iterdir()] != [UPLOAD]:
+                    raise RuntimeError(f'{name} has not kept the upload')
+                shutil.rmtree(kept[name])
+                yield {'server': name, 'seconds': round(seconds, 3)}
+
+
+ROWS = 'rates', 'latency', 'idle', 'slow', 'sleeping', 'compute', 'upload'
 
 
 def machine():
     model = re.search('model name\t: (.*)', pathlib.Path('/proc/cpuinfo').read_text())
     return {'processor': model.group(1) if model else platform.machine(),
-            'processors': os.cpu_count(), 'kernel': platform.release(),
-            'load_before': round(os.getloadavg()[0], 2)}
-
-
-def can_trace():
-    return shutil.which('strace') and subprocess.run(
-        ['strace', '-qq', '-o', '/dev/null', 'true'], capture_output=True).returncode == 0
+            'processors': os.cpu_count(), 'kernel': platform.release()}
 
 
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument('build', type=pathlib.Path)
     parser.add_argument('out', type=pathlib.Path)
-    parser.add_argument('--rounds', type=int, default=9)
-    parser.add_argument('--seconds', type=float, default=3)
-    parser.add_argument('--realtime', action='store_true')
-    parser.add_argument('--servers', default=','.join(NAMES))
+    parser.add_argument('--i386', type=pathlib.Path, default=pathlib.Path('none'))
+    parser.add_argument('--rows', default=','.join(ROWS))
+    parser.add_argument('--rounds', type=int, default=5)
+    parser.add_argument('--seconds', type=float, default=2)
     options = parser.parse_args()
-    if options.realtime:
-        os.sched_setscheduler(0, os.SCHED_RR, os.sched_param(1))
-        options.seconds = min(options.seconds, 0.8)
+    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    data = json.loads(options.out.read_text()) if options.out.exists() else {}
+    data['machine'] = machine()
+    rows = data.setdefault('rows', {})
     with tempfile.TemporaryDirectory() as folder:
-        bench = Bench(options.build, folder)
-        servers = [name for name in options.servers.split(',')
-                   if (bench.bin / NAMES[name]).exists()]
-        facts = {'machine': machine(), 'seconds': options.seconds, 'realtime': options.realtime}
-        facts['calls'] = {name: bench.system_calls(name) for name in servers} if can_trace() else {}
-        runs = []
-        for number in range(options.rounds):
-            for name in random.sample(servers, len(servers)):
-                for connections in CONNECTIONS:
-                    run = {'round': number + 1, **bench.measure(name, connections,
-                                                                options.seconds)}
-                    runs.append(run)
-                    print(*(f'{key}={value}' for key, value in run.items()), flush=True)
-    lines = ',\n'.join('    ' + json.dumps(run) for run in runs)
-    head = json.dumps(facts, indent=2).removesuffix('\n}')
-    options.out.write_text(f'{head},\n  "runs": [\n{lines}\n  ]\n}}\n')
+        bench = Bench(options.build, pathlib.Path(folder), options)
+        for name in options.rows.split(','):
+            row = {'load_before': round(os.getloadavg()[0], 2), 'seconds': options.seconds,
+                   'runs': []}
+            for run in getattr(bench, name)():
+                row['runs'].append(run)
+                print(name, *(f'{key}={value}' for key, value in run.items()), flush=True)
+            rows[name] = row
+    text = json.dumps(data, indent=1)
+    options.out.write_text(re.sub(r'\n {5,}| *\n {4}(?=})', ' ', text) + '\n')
 
 
 if __name__ == '__main__':

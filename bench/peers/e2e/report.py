@@ -1,133 +1,198 @@
 #!/usr/bin/env python3
-"""Draws what measure.py wrote, and puts it as a table into a page.
+"""Draws what measure.py wrote, and puts it as tables into a page.
 
 usage: report.py IN.json PAGE.md PLOT.svg
 
-The table replaces what stands in the page between the lines that name this program. Exits with 1
-where postwire-serve answers fewer requests a second than Boost.Beast, or has a longer p99.
+The tables replace what stands in the page between the lines that name this program. Exits with 1
+where a floor is missed in a row that was measured on two or more processors that had nothing else to
+do: a load below LOAD before it began.
 """
 import collections
 import json
+import math
 import pathlib
 import statistics
 import sys
-import xml.sax.saxutils
 
-TITLES = {'postwire': 'postwire-serve', 'beast': 'Boost.Beast', 'poco': 'POCO HTTPServer',
-          'httplib': 'cpp-httplib', 'raw': 'no HTTP at all'}
-PANELS = ('rate', 'requests a second'), ('p99_us', 'latency p99, microseconds')
+TITLES = {'postwire': 'postwire::Server', 'nginx': 'nginx, `return 200`', 'beast': 'Boost.Beast',
+          'poco': 'POCO HTTPServer', 'httplib': 'cpp-httplib', 'raw': 'no HTTP at all'}
 BEGIN, END = '<!-- written by report.py -->\n', '<!-- end -->\n'
-COLOURS = {'postwire': '#0b6e4f', 'raw': '#c9c9c9'}
-OTHERS = '#7f9bb3'
-
-
-def collect(data):
-    """Values of all rounds: by number of connections, server and quantity."""
-    values = collections.defaultdict(list)
-    for run in data['runs']:
-        for key in 'rate', 'p50_us', 'p99_us', 'cpu_us':
-            values[run['connections'], run['server'], key].append(run[key])
-    return values
+COLOURS = {'postwire': '#0b6e4f', 'nginx': '#b5541c', 'beast': '#3b6ea5', 'poco': '#8f6bb1',
+           'httplib': '#a3873b', 'raw': '#b5b5b5'}
+LOAD = 0.7
+median = statistics.median
 
 
 def number(value):
-    return f'{value:,.0f}'.replace(',', ' ') if value >= 100 else f'{value:.1f}'
+    return f'{value:,.0f}'.replace(',', ' ') if value >= 100 else f'{value:.3g}'
 
 
-def calls_of(data, server):
-    calls = data['calls'].get(server)
-    if not calls:
-        return '–'
-    return ', '.join(name if n == 1 else f'{n:g} {name}' for name, n in calls.items())
+def grouped(runs, *keys):
+    """Runs by these keys; in the order of the rounds."""
+    groups = collections.defaultdict(list)
+    for run in runs:
+        groups[tuple(run[key] for key in keys)].append(run)
+    return groups
 
 
-def ratio(values, connections, key):
-    """Ours over Beast's, of the same round; the median of all rounds."""
-    ours, theirs = (values[connections, server, key] for server in ('postwire', 'beast'))
-    return statistics.median(a / b for a, b in zip(ours, theirs, strict=True))
+def ratio(ours, theirs, key):
+    """Of the same round; the median of all rounds."""
+    pairs = [(a[key], b[key]) for a, b in zip(ours, theirs) if b[key]]
+    return median(a / b for a, b in pairs) if pairs else math.inf
 
 
-def table(data, values, servers, connections):
-    facts = data['machine']
+# The floors: each yields what was measured, its floor in words, its value, and whether that is kept.
+
+def rates(runs):
+    groups = grouped(runs, 'server', 'connections')
+    for server, n in sorted(groups, key=lambda key: key[1]):
+        if server == 'postwire':
+            ours = groups['postwire', n]
+            for peer, floor in ('nginx', 0.8 if n > 1 else None), ('beast', 1 if n > 1 else 0.99):
+                if floor and (peer, n) in groups:
+                    value = ratio(ours, groups[peer, n], 'rate')
+                    yield (f'requests a second, {n} connection{"s" if n > 1 else ""}',
+                           f'at least {floor} of {TITLES[peer].partition(",")[0]}', f'{value:.2f}', value >= floor)
+
+
+def latency(runs):
+    groups = grouped(runs, 'server', 'connections')
+    for n in sorted({n for _, n in groups}):
+        value = ratio(groups['postwire', n], groups['nginx', n], 'p99_ms')
+        at = [median(run['p99_ms'] for run in groups[server, n]) for server in ('postwire', 'nginx')]
+        yield (f'p99 at half of nginx\'s most, {n} connections', 'at most 1.2 of nginx',
+               f'{value:.2f} ({at[0]:.2g} and {at[1]:.2g} ms)', value <= 1.2)
+
+
+def idle(runs):
+    for run in runs:
+        what = f'10 000 idle connections, {run["server"].replace("postwire", "64 bit", 1)}'
+        what = what.replace('64 bit, 32 bit', '32 bit')
+        yield (f'{what}: resident, address space each', 'at most 8 and 16 KiB',
+               f'{run["resident_kib"]:.2g} and {run["space_kib"]:.2g} KiB',
+               run['resident_kib'] <= 8 and run['space_kib'] <= 16)
+        value = run['rate'] / run['alone']
+        yield f'{what}: 64 others', 'at least 0.9 of the rate', f'{value:.2f}', value >= 0.9
+
+
+def slow(runs):
+    value = median(run['rate'] / run['alone'] for run in runs)
+    yield ('1 000 connections that send a byte a second: 64 others', 'at least 0.8 of the rate',
+           f'{value:.2f}', value >= 0.8)
+
+
+def sleeping(runs):
+    value = median(run['quick_p99_ms'] for run in runs)
+    yield ('a tenth of the requests sleeps 20 ms: p99 of the others', 'at most 5 ms',
+           f'{value:.2g} ms', value <= 5)
+
+
+def compute(runs):
+    value = median(run['two'] / run['one'] for run in runs)
+    yield ('a handler that computes 200 µs, two processors', 'at least 1.7 of one', f'{value:.2f}',
+           value >= 1.7)
+
+
+def upload(runs):
+    groups = grouped(runs, 'server')
+    value = 1 / ratio(groups['postwire',], groups['nginx',], 'seconds')
+    at = [median(run['seconds'] for run in groups[server,]) for server in ('postwire', 'nginx')]
+    yield ('1 GiB to disk', 'at least 0.8 of nginx', f'{value:.2f} ({at[0]:.1f} and {at[1]:.1f} s)',
+           value >= 0.8)
+
+
+ROWS = {row.__name__: row for row in (rates, latency, idle, slow, sleeping, compute, upload)}
+
+
+def judged(data):
+    """What each floor says of itself, and whether it is missed on a machine that allows to say so."""
+    for name in (name for name in ROWS if name in data['rows']):
+        row = data['rows'][name]
+        quiet = data['machine']['processors'] > 1 and row['load_before'] < LOAD
+        for what, floor, value, good in ROWS[name](row['runs']):
+            verdict = 'kept' if good else 'missed' if quiet else 'missed, the machine was busy'
+            yield f'| {what} | {floor} | {value} | {verdict} |', quiet and not good
+
+
+def table(data):
+    facts, rows = data['machine'], data['rows']
+    groups = grouped(rows['rates']['runs'], 'server', 'connections')
+    connections = sorted({n for _, n in groups})
+    servers = [name for name in TITLES if (name, connections[0]) in groups]
+    loads = ', '.join(f'{name} {row["load_before"]:g}' for name, row in rows.items())
     yield (f'{facts["processor"]}, {facts["processors"]} processors, Linux {facts["kernel"]}; '
-           f'{len(values[connections[0], servers[0], "rate"])} rounds of {data["seconds"]} s each, '
-           f'medians; load of the machine before: {facts["load_before"]}'
-           + (', which server and wrk went before.' if data['realtime'] else '.'))
-    for n in connections:
-        yield f'\n{n} connection{"s" if n > 1 else ""}:\n'
-        yield '| server | requests/s | p50 µs | p99 µs | processor µs/request |'
-        yield '|---|---:|---:|---:|---:|'
+           f'medians of {len(groups[servers[0], connections[0]])} rounds of '
+           f'{rows["rates"]["seconds"]:g} s; load of the machine before each row: {loads}.')
+    for key, title in ('rate', 'Requests a second'), ('cpu_us', 'Processor time a request, µs'):
+        yield f'\n{title}, over connections:\n'
+        yield f'| server | {" | ".join(map(number, connections))} |'
+        yield f'|---|{"---:|" * len(connections)}'
         for server in servers:
-            cells = (number(statistics.median(values[n, server, key]))
-                     for key in ('rate', 'p50_us', 'p99_us', 'cpu_us'))
+            cells = (number(median(run[key] for run in groups[server, n]))
+                     if any(run['rate'] for run in groups[server, n]) else '–'
+                     for n in connections)
             yield f'| {TITLES[server]} | {" | ".join(cells)} |'
-    yield '\nSystem calls of one exchange, counted by strace:\n'
-    yield '| server | calls |'
-    yield '|---|---|'
-    for server in servers:
-        yield f'| {TITLES[server]} | {calls_of(data, server)} |'
+    yield '\n| measured | floor | is | |'
+    yield '|---|---|---|---|'
 
 
-def verdicts(values, connections):
-    for n in connections:
-        rate, p99 = ratio(values, n, 'rate'), ratio(values, n, 'p99_us')
-        yield (f'Over {n} connection{"s" if n > 1 else ""} postwire-serve answers {rate:.2f} times '
-               f'as many requests a second as Boost.Beast; its p99 is {p99:.2f} times as long.'), \
-            rate >= 1 and p99 <= 1
+WIDTH, HEIGHT, LEFT, TOP = 620, 330, 70, 30
 
 
-def bar(x, y, width, server, values, scale):
-    middle, low, high = statistics.median(values), min(values), max(values)
-    end = x + middle * scale
-    yield (f'<rect x="{x}" y="{y}" width="{middle * scale:.1f}" height="18" '
-           f'fill="{COLOURS.get(server, OTHERS)}"/>')
-    yield (f'<path d="M{x + low * scale:.1f} {y + 9}H{min(x + high * scale, x + width):.1f}" '
-           f'stroke="#222" stroke-width="1.5"/>')
-    yield f'<text x="{max(end, min(x + high * scale, x + width)) + 6:.1f}" y="{y + 13}">' \
-          f'{number(middle)}</text>'
+def plot(data):
+    """Requests a second over connections, both a scale of their own, a line a server."""
+    groups = grouped(data['rows']['rates']['runs'], 'server', 'connections')
+    connections = sorted({n for _, n in groups})
+    most = max(run['rate'] for runs in groups.values() for run in runs)
+    step = 10 ** math.floor(math.log10(most)) / 2
 
+    def x(n):
+        return LEFT + WIDTH * math.log(n / connections[0]) / math.log(connections[-1])
 
-def panel(left, top, values, servers, n, key, title):
-    name_width, width = 120, 190
-    yield f'<text x="{left}" y="{top}" font-weight="bold">{title}, {n} ' \
-          f'connection{"s" if n > 1 else ""}</text>'
-    # One bad round must not flatten the others: the line of a range may be cut off.
-    scale = width / (1.15 * max(statistics.median(values[n, server, key]) for server in servers))
-    for row, server in enumerate(servers):
-        y = top + 10 + row * 25
-        label = xml.sax.saxutils.escape(TITLES[server])
-        yield f'<text x="{left + name_width - 6}" y="{y + 13}" text-anchor="end">{label}</text>'
-        yield from bar(left + name_width, y, width, server, values[n, server, key], scale)
+    def y(rate):
+        return TOP + HEIGHT * (1 - rate / most)
 
-
-def plot(values, servers, connections):
-    height = 30 + 25 * len(servers) + 20
-    total = height * len(PANELS) + 30
-    yield (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 800 {total}" '
+    yield (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 880 {TOP + HEIGHT + 60}" '
            'font-family="sans-serif" font-size="12" fill="#222">')
-    yield f'<rect width="800" height="{total}" fill="#fff"/>'
-    for row, (key, title) in enumerate(PANELS):
-        for column, n in enumerate(connections):
-            yield from panel(15 + 400 * column, 24 + row * height, values, servers, n, key, title)
-    yield (f'<text x="15" y="{total - 12}" fill="#555">Bars: median of all rounds. Lines: from the '
-           'lowest round to the highest.</text>')
+    yield f'<rect width="880" height="{TOP + HEIGHT + 60}" fill="#fff"/>'
+    yield f'<text x="{LEFT}" y="18" font-weight="bold">requests a second</text>'
+    for i in range(int(most / step) + 1):
+        yield (f'<path d="M{LEFT} {y(i * step):.1f}h{WIDTH}" stroke="#ddd"/>'
+               f'<text x="{LEFT - 6}" y="{y(i * step) + 4:.1f}" text-anchor="end">'
+               f'{number(i * step) if i else 0}</text>')
+    for n in connections:
+        yield f'<text x="{x(n):.1f}" y="{TOP + HEIGHT + 18}" text-anchor="middle">{n}</text>'
+    yield (f'<text x="{LEFT + WIDTH}" y="{TOP + HEIGHT + 38}" text-anchor="end">connections; dots: '
+           'medians; lines up and down: from the lowest round to the highest</text>')
+    shown = [name for name in TITLES if (name, connections[0]) in groups]
+    for row, server in enumerate(shown):
+        colour = COLOURS[server]
+        points = []
+        for n in connections:
+            if (server, n) in groups:
+                values = [run['rate'] for run in groups[server, n]]
+                points.append(f'{x(n):.1f} {y(median(values)):.1f}')
+                yield (f'<path d="M{x(n):.1f} {y(min(values)):.1f}V{y(max(values)):.1f}" '
+                       f'stroke="{colour}"/><circle cx="{x(n):.1f}" cy="{y(median(values)):.1f}" '
+                       f'r="3" fill="{colour}"/>')
+        yield f'<path d="M{"L".join(points)}" fill="none" stroke="{colour}" stroke-width="2"/>'
+        yield (f'<path d="M{LEFT + WIDTH + 20} {TOP + 20 * row}h20" stroke="{colour}" '
+               f'stroke-width="3"/><text x="{LEFT + WIDTH + 46}" y="{TOP + 20 * row + 4}">'
+               f'{TITLES[server].replace("`", "")}</text>')
     yield '</svg>'
 
 
 def main():
     source, page, picture = map(pathlib.Path, sys.argv[1:])
     data = json.loads(source.read_text())
-    values = collect(data)
-    connections = sorted({n for n, _, _ in values})
-    servers = [name for name in TITLES if (connections[0], name, 'rate') in values]
-    judged = list(verdicts(values, connections))
-    lines = [*table(data, values, servers, connections), '', *(text for text, _ in judged)]
+    verdicts = list(judged(data))
+    lines = [*table(data), *(text for text, _ in verdicts)]
     before, _, rest = page.read_text().partition(BEGIN)
     _, _, after = rest.partition(END)
     page.write_text(f'{before}{BEGIN}' + '\n'.join(lines) + f'\n{END}{after}')
-    picture.write_text('\n'.join(plot(values, servers, connections)) + '\n')
+    picture.write_text('\n'.join(plot(data)) + '\n')
     print('\n'.join(lines))
-    sys.exit(not all(good for _, good in judged))
+    sys.exit(any(missed for _, missed in verdicts))
 
 
 if __name__ == '__main__':
