@@ -255,7 +255,7 @@ void HTTPParser::readHead(ZULBufferedInputStream& is, Reading& r) {
     LineSource lines(is, m_line, r.lineRules(isPart), r.policy.maxLine,
                      isPart ? r.partHead : r.head, Policy::HTTP_ERR_HEADER_LINE_TOO_LONG);
     for (HeaderLine field;;) {
-        bool const isGood = isStrict && lines.readGoodField(field);
+        bool const isGood = isStrict && lines.readGoodField(field, m_nameAsItCame);
         if (!isGood && !lines.readLine())
             raise(HTTPException::HTTP_ERR_END_OF_STREAM, kProcessHeaders, __LINE__);
         if (!isGood && m_line.pcount() == 0) break;
@@ -278,6 +278,10 @@ void HTTPParser::processHeader(QORByteBuffer& osline) {
 bool HTTPParser::cutField(Reading const& r, HeaderLine& field) {
     char* name = m_line.str();
     char* const end = name + m_line.pcount();
+    if (m_nameAsItCame) {
+        m_nameAsItCame->assign(name, std::find(name, end, ':'));
+        HTTPMessage::trim(*m_nameAsItCame);
+    }
     char* colon = name + copyTokenInLowerCase(name, end, name);
     if (r.policy.strictFraming) {
         judgeFieldLine(name, colon, end);

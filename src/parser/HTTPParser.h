@@ -20,6 +20,7 @@ class Budget;
 class Delimiter;
 class FramedStream;
 struct MessageReading;
+struct NameAsItCame;  // in a header of its own, which is not installed
 }  // namespace postwire::internal
 
 // Reads one HTTP/1.0 or HTTP/1.1 message and reports it to a handler while it reads.
@@ -96,6 +97,7 @@ public:
     void processPart(ZULBufferedInputStream* is);
 
 private:
+    friend struct postwire::internal::NameAsItCame;
     using Reading = postwire::internal::MessageReading;
     enum class Framing { None, Length, Chunks, Boundary, Rest };
 
@@ -158,6 +160,7 @@ private:
     bool m_expectsContinue = false;
     bool m_tookAll = false;  // its body ended with the stream
     bool m_wasRead = false;  // all of it
+    std::string* m_nameAsItCame = nullptr;  // where names are left in their own letter case
 };
 
 // Builds an HTTPMessage tree from the parser's events: the message's headers, its body bytes, and

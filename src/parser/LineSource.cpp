@@ -100,7 +100,7 @@ void LineSource::requireRoom(char const* bytes, unsigned int more) const {
 
 // Scanned and copied in one go. A longer line than there is room for here is none of these, nor is
 // an empty one.
-bool LineSource::readGoodField(HeaderLine& field) {
+bool LineSource::readGoodField(HeaderLine& field, std::string* asItCame) {
     int have = 0;
     char const* const begin = m_is.peek(have);
     if (have == 0 || *begin == '\r') return false;
@@ -116,6 +116,7 @@ bool LineSource::readGoodField(HeaderLine& field) {
     if (!isWhole || (isPart && isBlank(cr[2]))) return false;
     auto const size = static_cast<unsigned int>(cr - begin);
     if (size > m_maxLine || !m_bytes.takeIfLeft(size + 2)) return false;
+    if (asItCame) asItCame->assign(begin, nameSize);
     m_is.skip(static_cast<int>(size + 2));
     name[nameSize] = name[size] = '\0';
     field = {name, nameSize, size - nameSize - 1};

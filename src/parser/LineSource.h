@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <string>
 
 #include "foundation/QORByteBuffer.h"
 #include "foundation/ZULBufferedInputStream.h"
@@ -34,8 +35,8 @@ public:
 
     // The next line where it is a field line without a fault, whole in the read-ahead: that is
     // scanned once, and its name is a token in lower case then. It is good until the next one is
-    // read. False for all others, and nothing is taken.
-    bool readGoodField(HeaderLine& field);
+    // read. False for all others, and nothing is taken. `asItCame` gets the name too, if not null.
+    bool readGoodField(HeaderLine& field, std::string* asItCame);
 
 private:
     bool takeEmptyLine();

@@ -15,7 +15,7 @@ struct Exchange;
 
 // One header line as it came. The texts end with the handler's call.
 struct HeadLine {
-    std::string_view name;  // in lower case
+    std::string_view name;  // in its own letter case
     std::string_view text;  // without white space at its ends; continued lines joined by a blank
 };
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -14,6 +13,7 @@
 #include "foundation/HTTPException.h"
 #include "message/LineAsItCame.h"
 #include "parser/HTTPReadPolicy.h"
+#include "parser/NameAsItCame.h"
 #include "service/ServiceError.h"
 
 namespace postwire {
@@ -93,6 +93,7 @@ RequestReader::RequestReader(ServerOptions const& options, Budget& budget)
     m_parser.setMsgHandler(this);
     m_parser.setReadPolicy(policy);
     m_parser.setContinueCallback(&RequestReader::wantGoOn, this);
+    internal::NameAsItCame::keep(m_parser, m_name);
     setMessage(&m_message);
 }
 
@@ -197,7 +198,7 @@ void RequestReader::reset() {
 void RequestReader::setURI(char const* uri) { m_uri = uri; }
 
 void RequestReader::header(char const* name, HTTPHeader* value) {
-    m_lines.append(name, std::strlen(name) + 1);
+    m_lines.append(m_name).push_back('\0');
     m_lines.append(internal::LineAsItCame::text(*value)).push_back('\0');
     if (m_target) return m_target->header(name, value);
     HTTPMOMMsgHandler::header(name, value);
@@ -241,7 +242,9 @@ void RequestReader::tellHead(HTTPMsgHandler& handler) {
     for (HeadLine const& line : headLines(0)) {
         HTTPHeader value;
         value.parse(std::string(line.text).c_str());
-        handler.header(std::string(line.name).c_str(), &value);
+        std::string name(line.name);
+        toLowerCase(name.data(), name.data() + name.size());
+        handler.header(name.c_str(), &value);
     }
 }
 

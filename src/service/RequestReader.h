@@ -101,6 +101,7 @@ private:
     HTTPMessage m_message;
     Refusal m_refusal;
     std::string m_uri;
+    std::string m_name;                // of the header line whose event comes, in its letter case
     std::string m_lines;               // of all heads: names and texts, each with a zero byte
     std::vector<std::size_t> m_heads;  // where in m_lines each begins
     std::size_t m_budgeted = 0;        // for the bodies of the tree

@@ -10,15 +10,31 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-HttpPeer::HttpPeer() : m_socket(::socket(AF_INET, SOCK_STREAM, 0)) {
+namespace {
+
+int patientSocket(int family) {
+    int const socket = ::socket(family, SOCK_STREAM, 0);
     timeval const limit{20, 0};
-    ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    return socket;
 }
+
+}  // namespace
+
+HttpPeer::HttpPeer() : m_socket(patientSocket(AF_INET)) {}
 
 HttpPeer::HttpPeer(int port, int receiveBuffer) : HttpPeer() {
     if (receiveBuffer > 0)
         ::setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
     connect(port);
+}
+
+HttpPeer::HttpPeer(std::string const& address, int port) : m_socket(patientSocket(AF_INET6)) {
+    sockaddr_in6 peer{};
+    peer.sin6_family = AF_INET6;
+    peer.sin6_port = htons(static_cast<std::uint16_t>(port));
+    EXPECT_EQ(1, ::inet_pton(AF_INET6, address.c_str(), &peer.sin6_addr));
+    ::connect(m_socket, reinterpret_cast<sockaddr*>(&peer), sizeof peer);
 }
 
 void HttpPeer::connect(int port) const {
@@ -86,9 +102,14 @@ bool HttpPeer::isClosed() {
     return m_got.empty() && ::recv(m_socket, &byte, 1, 0) == 0;
 }
 
-bool HttpPeer::isCutOff() {
+bool HttpPeer::isCutOff(std::size_t takes) const {
     pollfd reset{m_socket, 0, 0};
-    return ::poll(&reset, 1, 20000) == 1;
+    std::string bytes(takes, ' ');
+    for (int i = 0; i < 150; ++i) {
+        if (::poll(&reset, 1, 200) == 1) return true;
+        if (takes > 0) ::recv(m_socket, bytes.data(), takes, MSG_DONTWAIT);
+    }
+    return false;
 }
 
 std::string post(std::string_view uri, std::string_view body, std::string_view lines) {

@@ -18,6 +18,7 @@ public:
 
     HttpPeer();
     explicit HttpPeer(int port, int receiveBuffer = 0);
+    HttpPeer(std::string const& address, int port);
     HttpPeer(HttpPeer const&) = delete;
     HttpPeer& operator=(HttpPeer const&) = delete;
     ~HttpPeer();
@@ -40,8 +41,8 @@ public:
     // Waits until the server closes; true when nothing came before.
     bool isClosed();
 
-    // Waits, without taking anything, until the server resets the connection.
-    bool isCutOff();
+    // Waits until the server resets the connection, and takes so many bytes five times a second.
+    bool isCutOff(std::size_t takes = 0) const;
 
 private:
     bool more();

@@ -33,16 +33,6 @@ using postwire::ServiceError;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-// Says what was read: body, number of parts, target.
-void describe(Request& request, Response& response) {
-    HTTPMessage& message = request.message();
-    std::string text(request.uri());
-    text += " " + std::to_string(message.num_parts()) + " ";
-    text.append(message.contentSize() > 0 ? message.contentBytes() : "",
-                static_cast<std::size_t>(message.contentSize()));
-    response.send(200, "text/plain", text);
-}
-
 std::string chunked(std::string const& body) {
     return "POST / HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n5\r\n" +
            body.substr(0, 5) + "\r\n1;x=y\r\n" + body.substr(5, 1) + "\r\n0\r\n\r\n";
@@ -95,8 +85,8 @@ TEST(ServerReading, HandlerSeesPeerVersionAndHeadLinesAsTheyCame) {
     });
     std::string const parts = "--B\r\nZ: 2\r\na:  b; c=\"d\" \r\nZ: 1\r\n\r\na\r\n--B--\r\n";
     EXPECT_EQ(
-        "127.0.0.1 1.1\nhost=a\nx-a=1\nx-b=\nx-a=2; q\ncontent-type=multipart/related; boundary=B\n"
-        "content-length=44\nz=2\na=b; c=\"d\"\nz=1",
+        "127.0.0.1 1.1\nHost=a\nX-A=1\nx-b=\nX-A=2; q\nContent-Type=multipart/related; boundary=B\n"
+        "Content-Length=44\nZ=2\na=b; c=\"d\"\nZ=1",
         HttpPeer(server.port())
             .exchange(post("/", parts,
                            "X-A: 1\r\nx-b:\r\nX-A: 2; q\r\n"
@@ -389,7 +379,7 @@ TEST(ServerAnswers, NodesWriteOnePieceAndPartsWithLengthAndInChunks) {
     EXPECT_EQ("hello!", old.exchange("POST /chunked HTTP/1.0\r\n\r\n").body);
 }
 
-// Adds up what it gets, a kilobyte at a time.
+// Adds up what it gets.
 class Counter : public HTTPMsgHandler {
 public:
     explicit Counter(bool raises) : m_raises(raises) {}
@@ -403,7 +393,7 @@ public:
     void content(ZULInputStream& is, int) override { content(is); }
     void content(ZULInputStream& is) override {
         if (m_raises) throw 42;
-        char block[1024];
+        char block[65536];
         long long size = 0;
         for (int n; (n = is.read(block, sizeof block)) > 0; size += n) {
         }
@@ -428,20 +418,29 @@ ServerOptions choosing() {
         choice.maxBody = request.uri() == "/tree" ? 1 << 20 : 0;
         if (request.uri() == "/tree" || request.uri() == "/") return choice;
         choice.handler = std::make_shared<Counter>(request.uri() == "/raise");
-        choice.maxBody = request.uri() == "/small" ? 10 : 100 << 20;
+        choice.maxBody = request.uri() == "/small" ? 10 : 3LL << 30;
         return choice;
     };
     return options;
 }
 
+void tellBody(Request& request, Response& response) {
+    if (auto* const counter = dynamic_cast<Counter*>(request.bodyHandler()))
+        return response.send(200, "", counter->text);
+    response.send(200, "", std::to_string(request.message().contentSize()));
+}
+
+TEST(ServerBodies, ChunksBeyondTheLargestLengthReachTheHandler) {
+    RunningServer server(tellBody, choosing());
+    HttpPeer peer(server.port());
+    peer.send("POST /huge HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n");
+    std::string const chunk = "1000000\r\n" + std::string(16 << 20, 'x') + "\r\n";
+    for (int i = 0; i < 129; ++i) peer.send(chunk);
+    EXPECT_EQ("reset/huge 2164260864 end", peer.exchange("0\r\n\r\n").body);
+}
+
 TEST(ServerBodies, GoToTheTreeOrTheHandlerThatTheProgramChose) {
-    RunningServer server(
-        [](Request& request, Response& response) {
-            if (auto* const counter = dynamic_cast<Counter*>(request.bodyHandler()))
-                return response.send(200, "", counter->text);
-            response.send(200, "", std::to_string(request.message().contentSize()));
-        },
-        choosing());
+    RunningServer server(tellBody, choosing());
     std::string const parts = "--B\r\nX: 2\r\n\r\nab\r\n--B--\r\n";
     std::string const type = "X: 1\r\nContent-Type: multipart/related; boundary=B\r\n";
     struct {
@@ -545,8 +544,10 @@ TEST(ServerLimits, IdleConnectionsGiveWayWhereDescriptorsRunOut) {
     EXPECT_EQ(200, HttpPeer(server.port()).exchange(post("/")).status);
     std::vector<std::unique_ptr<HttpPeer>> idle;
     rlimit few = before;
+    few.rlim_cur = std::min<rlim_t>(few.rlim_max, 4096);
+    ::setrlimit(RLIMIT_NOFILE, &few);
     // Both ends are this process's: the clients' descriptors are made first.
-    for (int i = 0; i < 80; ++i) idle.push_back(std::make_unique<HttpPeer>());
+    for (int i = 0; i < 1040; ++i) idle.push_back(std::make_unique<HttpPeer>());
     int const highest = ::dup(0);
     few.rlim_cur = static_cast<rlim_t>(highest) + 20;
     ::close(highest);

@@ -25,7 +25,9 @@ bool isEchoed(HeadLine const& line) {
         "connection", "content-length",    "date",    "expect",          "host", "keep-alive", "te",
         "trailer",    "transfer-encoding", "upgrade", "proxy-connection"};
     return isToken(line.name) &&
-           std::find(std::begin(kOwn), std::end(kOwn), line.name) == std::end(kOwn);
+           std::none_of(std::begin(kOwn), std::end(kOwn), [&](std::string_view own) {
+               return equalsInAnyCase(line.name, own);
+           });
 }
 
 // The text of a Content-Type with another boundary.
@@ -76,7 +78,7 @@ private:
 
     std::string textOf(HeadLine const& line, std::size_t head) const {
         std::string const& boundary = m_newBoundaries[head];
-        bool const changes = !boundary.empty() && line.name == "content-type";
+        bool const changes = !boundary.empty() && equalsInAnyCase(line.name, "content-type");
         std::string text = changes ? withBoundary(line.text, boundary) : std::string(line.text);
         std::replace_if(text.begin(), text.end(), isControlCharacter, ' ');
         return text;
