@@ -158,8 +158,8 @@ private:
     bool m_saysClose = false;
     bool m_saysKeepAlive = false;
     bool m_expectsContinue = false;
-    bool m_tookAll = false;  // its body ended with the stream
-    bool m_wasRead = false;  // all of it
+    bool m_tookAll = false;                 // its body ended with the stream
+    bool m_wasRead = false;                 // all of it
     std::string* m_nameAsItCame = nullptr;  // where names are left in their own letter case
 };
 

@@ -271,7 +271,7 @@ void RequestReader::content(ZULInputStream& is) {
 bool RequestReader::isChunked() const {
     std::string_view coding;
     for (HeadLine const& line : headLines(headCount() - 1))
-        if (line.name == "transfer-encoding") coding = line.text;
+        if (equalsInAnyCase(line.name, "transfer-encoding")) coding = line.text;
     return equalsInAnyCase(coding, "chunked");
 }
 
@@ -280,8 +280,9 @@ bool RequestReader::isChunked() const {
 void RequestReader::contentWithoutEnd(ZULInputStream& is) {
     if (headCount() > 1) throw Refusal{400, "a part has neither Content-Length nor chunked coding"};
     for (HeadLine const& line : headLines(0))
-        if (line.name == "content-length" || line.name == "transfer-encoding")
-            throw Refusal{400, "bad " + std::string(line.name)};
+        for (char const* const framing : {"content-length", "transfer-encoding"})
+            if (equalsInAnyCase(line.name, framing))
+                throw Refusal{400, std::string("bad ") + framing};
     if (m_target) return m_target->content(is, 0);
     HTTPMOMMsgHandler::content(is, 0);
 }

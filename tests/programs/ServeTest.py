@@ -58,8 +58,8 @@ class Echoes(programs.TestCase):
                 framing = 'Transfer-Encoding: chunked' if options else f'Content-Length: {len(body)}'
                 self.assertRegex(head, DATE)
                 self.assertEqual(re.sub(DATE, '\r\n', head).split('\r\n')[1:-2], [
-                    'Connection: close', framing, 'x-odd: a b', 'content-type: text/xml; charset="x"',
-                    'x-twice: 1', 'x-twice: 2', 'x-long: ' + 'y' * 5000])
+                    'Connection: close', framing, 'X-Odd: a b', 'Content-Type: text/xml; charset="x"',
+                    'X-Twice: 1', 'x-twice: 2', 'X-Long: ' + 'y' * 5000])
 
     def test_parts_come_back_in_their_order_and_nesting(self):
         receipts = self.server()
@@ -70,9 +70,9 @@ class Echoes(programs.TestCase):
                 status, head, got = client.answer()
             self.assertEqual(status, 200)
             self.assertEqual('Transfer-Encoding' in head, bool(options) and version == '1.1')
-            echoed = re.search(r'^content-type: .*(?=\r$)', head, re.M).group()
+            echoed = re.search(r'^Content-Type: .*(?=\r$)', head, re.M).group()
             self.assertEqual(echoed.lower(), TYPE.lower())
-            self.assertIn(b'\r\nx-two: 2\r\n', got)
+            self.assertIn(b'\r\nX-Two: 2\r\n', got)
             with receipts.connect() as client:
                 client.send(request(PARTS, TYPE) + request(got, echoed))
                 self.assertEqual(client.answer()[2], client.answer()[2])

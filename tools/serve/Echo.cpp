@@ -25,9 +25,8 @@ bool isEchoed(HeadLine const& line) {
         "connection", "content-length",    "date",    "expect",          "host", "keep-alive", "te",
         "trailer",    "transfer-encoding", "upgrade", "proxy-connection"};
     return isToken(line.name) &&
-           std::none_of(std::begin(kOwn), std::end(kOwn), [&](std::string_view own) {
-               return equalsInAnyCase(line.name, own);
-           });
+           std::none_of(std::begin(kOwn), std::end(kOwn),
+                        [&](std::string_view own) { return equalsInAnyCase(line.name, own); });
 }
 
 // The text of a Content-Type with another boundary.
