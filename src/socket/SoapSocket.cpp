@@ -297,6 +297,14 @@ void SoapSocket::trace(char const* direction, unsigned char const* bytes, int n)
 }
 
 void SoapSocket::SetServerHostInfo(char* host) {
+    SetServerHostInfo(static_cast<char const*>(host));
+}
+
+void SoapSocket::SetServerHostInfo(std::nullptr_t) {
+    SetServerHostInfo(static_cast<char const*>(nullptr));
+}
+
+void SoapSocket::SetServerHostInfo(char const* host) {
     if (host) {
         m_host = host;
         return;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdio>
 #include <string>
 
@@ -180,6 +181,8 @@ public:
 
     // The host for Open(int), copied; null: this machine's name.
     void SetServerHostInfo(char* host);
+    void SetServerHostInfo(char const* host);
+    void SetServerHostInfo(std::nullptr_t);
 
     // Each Open does nothing on an open socket. One that fails leaves the socket not open; its
     // descriptor is closed by the next Open, by Close or by the destructor.

@@ -121,7 +121,9 @@ struct Sockets {
     void onSocket(Call const& call, std::string const& a, int n) {
         if (call.is("wrap")) near = std::make_unique<SoapSocket>(::socket(AF_INET, SOCK_STREAM, 0));
         if (call.is("made")) near = std::make_unique<SoapSocket>(port(), address(a));
-        if (call.is("host")) near->SetServerHostInfo(call.all() ? std::string(a).data() : nullptr);
+        if (call.is("host"))
+            call.all() ? near->SetServerHostInfo(std::string(a).c_str())
+                       : near->SetServerHostInfo(nullptr);
         if (call.is("openHost")) near->Open(port());
         if (call.is("openAt")) near->Open(port(), address(a));
         if (call.is("open")) near->Open();
