@@ -85,9 +85,8 @@ void ZULChunkedOutputStream::beginAt(unsigned int place) {
     m_begin = place;
 }
 
-// Half a page from where the data are, counted within pages: processors take a load for one that
-// waits for a store where the addresses are the same in their last 12 bits, and a copy from there
-// takes up to twice the time.
+// Half a page away from the place that the data have within theirs, because a copy between two
+// addresses with the same last 12 bits takes up to twice the time.
 void ZULChunkedOutputStream::beginApart(char const* data) {
     auto const wanted = reinterpret_cast<std::uintptr_t>(data) + kPage / 2;
     auto const first = reinterpret_cast<std::uintptr_t>(m_chunk.str()) + kSizeLine;

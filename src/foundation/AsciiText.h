@@ -166,7 +166,7 @@ inline void toLowerCase(char* text, char* end) {
         word |= (fromA & ~behindZ & ~word & kEach * 0x80) >> 2;
         std::memcpy(at, &word, 8);
     };
-    // Read before its first bytes are written: a load across a fresh store waits for it.
+    // Loaded before any byte is stored, because a load of bytes that were just stored is slow.
     std::uint64_t const last = eightBytes(end - 8);
     for (; end - text > 8; text += 8) storeLowerCase(eightBytes(text), text);
     storeLowerCase(last, end - 8);

@@ -88,7 +88,8 @@ private:
     std::string m_value;
     std::map<std::string, std::string, std::less<>> m_attributes;
     int m_quoted;
-    postwire::internal::HeaderLine const* m_borrowed;  // null once its text is taken apart
+    // The line whose text is not taken apart yet; null for a header that has its value itself.
+    postwire::internal::HeaderLine const* m_borrowed;
 };
 
 // Orders field names as strcasecmp does in the POSIX locale: letters without their case, bytes
@@ -146,7 +147,7 @@ private:
     using Entries =
         std::multimap<std::string, HTTPHeader, httphdr_CaseInsensitiveStringComparePredicate>;
 
-    // They stage what may never be asked for.
+    // Both store lines of which most are never asked for.
     friend class HTTPMOMMsgHandler;
     friend class HttpMsgNode;
     friend struct postwire::internal::ConstTree;

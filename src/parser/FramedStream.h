@@ -21,16 +21,17 @@ public:
     int read(char* bytes, int n) override;
 
 protected:
-    // How many bytes of n the framing lets be asked for beneath; -1 at the end of the body.
+    // The caller wants n bytes: how many of these to ask the stream beneath for, or -1 where the
+    // body has ended.
     virtual int bytesToAsk(int n);
 
-    // So many came; 0 or less: the stream beneath has ended.
+    // The stream beneath gave n bytes, or has ended where n is 0 or less.
     virtual void noteArrival(int n);
 
-    // Whether so many may be given without a look at what is behind them.
+    // Whether n bytes are within the budget, so that no byte behind them need be looked at.
     bool isWithin(int n) const { return !m_ended && n <= m_bytes.left(); }
 
-    // Counts what came; what the caller of read gets.
+    // Counts the n bytes that came, and remembers an end; what read returns for them.
     int countRead(int n);
 
 private:

@@ -30,9 +30,9 @@ struct NameAsItCame;  // in a header of its own, which is not installed
 // Units: lengths are bytes; level 0 is the message, 1 its parts, 2 the parts of a part.
 // Raises: HTTPException 1000 to 1010 for bad input; QORAssertError for a missing handler or
 //   stream, for a body with both a length and chunks, and for parts nested deeper than level 2;
-//   what the stream or the handler raises passes through. Under a policy that does not leave the
-//   default as it is, HTTPPolicyException, an HTTPException, takes the place of the two assertions
-//   that input can fail. After any of these the next parse starts clean.
+//   what the stream or the handler raises passes through. A policy that changes the reading makes
+//   HTTPPolicyException, an HTTPException, of all that input can fail: no assertion is left that a
+//   peer could meet. After any of these the next parse starts clean.
 // Rule: body framing follows RFC 9112 section 6.3, with chunked as the only transfer coding. The
 //   one method is POST. Lines are not folded together and have no limit of their own.
 //   HTTPReadPolicy says what a policy changes in this.

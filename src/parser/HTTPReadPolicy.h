@@ -34,14 +34,14 @@ struct POSTWIRE_EXPORT HTTPReadPolicy {
     // a line there, and nowhere else.
     bool strictFraming = false;
 
-    // Of a head, and without partsEndAtBoundary of what stands between parts; the line's end left
-    // out, continued lines joined.
+    // The longest line of a head, without its end and with the lines that continue it. Without
+    // partsEndAtBoundary the lines between parts are limited, too.
     int maxLine = 0;
     int maxHead = 0;      // start line and header lines, 1xx heads included
     int maxHeaders = 0;   // of the message, and of each part
     int maxParts = 0;     // at all levels together
     int maxPartHead = 0;  // header lines of one part
-    int maxBody = 0;      // all bodies of a message together, and what stands around its parts
+    int maxBody = 0;      // of the body: all parts together, and what stands around them
 
     // Chunk framing: size lines, extensions and trailers. Where either is set, at most
     // maxChunkFraming bytes, and maxChunkFramingRatio bytes more for each byte of data so far.
