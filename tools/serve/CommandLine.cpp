@@ -30,6 +30,7 @@ struct Given {
     int maxBody = 64 << 20;
     bool contract = false;
     std::string answer;
+    postwire::TlsContext::Server tls;
 };
 
 std::chrono::milliseconds milliseconds(double seconds) {
@@ -57,6 +58,21 @@ void define(CLI::App& app, CommandLine& line, Given& given) {
         ->type_name("DIR");
     app.add_option("--trace", line.server.traceFolder, "Trace every connection into a file")
         ->type_name("DIR");
+}
+
+void defineTls(CLI::App& app, Given& given) {
+    CLI::Option* const certificate =
+        app.add_option("--tls-cert", given.tls.certificate,
+                       "Speak TLS, with this certificate and those up to its authority; read again "
+                       "on SIGHUP, like the two below")
+            ->type_name("FILE");
+    app.add_option("--tls-key", given.tls.key, "Its key, where it stands in another file")
+        ->type_name("FILE")
+        ->needs(certificate);
+    app.add_option("--tls-client-ca", given.tls.clientAuthorities,
+                   "Take clients alone whose certificate one of these authorities has issued")
+        ->type_name("FILE")
+        ->needs(certificate);
 }
 
 void defineLimits(CLI::App& app, CommandLine& line, Given& given) {
@@ -134,10 +150,13 @@ std::optional<int> readCommandLine(int argc, char const* const* argv, CommandLin
     line.server.handlers = 16;
     line.server.address = "0.0.0.0";
     define(parser.app(), line, given);
+    defineTls(parser.app(), given);
     defineLimits(parser.app(), line, given);
     if (auto const code = parser.parse(argc, argv)) return code;
     setPolicy(line.server, given);
     setLimits(line.server, given);
+    if (given.tls.key.empty()) given.tls.key = given.tls.certificate;
+    if (!given.tls.certificate.empty()) line.server.tls = postwire::TlsContext::server(given.tls);
     if (!given.answer.empty()) readAnswer(given.answer, line.answers);
     return {};
 }

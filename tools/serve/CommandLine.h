@@ -14,5 +14,5 @@ struct CommandLine {
 // Reads the options; the code to return at once in place of them, see CommandLineParser.
 //
 // Raises: std::system_error for a file that can't be read, std::invalid_argument for what is no
-//   content type.
+//   content type, postwire::ServiceError for a certificate that can't be used.
 std::optional<int> readCommandLine(int argc, char const* const* argv, CommandLine& line);

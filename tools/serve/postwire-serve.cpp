@@ -33,6 +33,13 @@ void keepMemoryLow() {
     ::mallopt(M_ARENA_MAX, static_cast<int>(std::max(1U, std::thread::hardware_concurrency())));
 }
 
+// Connections stay; where the new files are not good the old ones go on.
+void reloadCertificates(postwire::ServerOptions& server) try {
+    if (server.tls) server.tls->reload();
+} catch (postwire::ServiceError const& e) {
+    complain(e.what());
+}
+
 // The line is printed once requests are served, since nobody finds the port without it.
 void serve(CommandLine& line) {
     Answers answers(line.answers);
@@ -47,7 +54,8 @@ void serve(CommandLine& line) {
     postwire::Server server(line.server);
     listening = &server;
     auto const stop = [&server] { server.stop(); };
-    Signals const signals({{SIGTERM, stop}, {SIGINT, stop}});
+    auto const reload = [&line] { reloadCertificates(line.server); };
+    Signals const signals({{SIGTERM, stop}, {SIGINT, stop}, {SIGHUP, reload}});
     server.run([&answers](postwire::Request& request, postwire::Response& response) {
         answers.answer(request, response);
     });
@@ -67,6 +75,8 @@ int main(int argc, char** argv) try {
     serve(line);
     return static_cast<int>(ExitCode::Done);
 } catch (postwire::ServiceError const& e) {
+    if (e.code() == postwire::ServiceError::Code::certificate)
+        return failed(ExitCode::BadFile, e.what());
     bool const cantListen = e.code() == postwire::ServiceError::Code::address;
     return failed(cantListen ? ExitCode::BadConnection : ExitCode::Otherwise, e.what());
 } catch (QORThrowable& e) {
