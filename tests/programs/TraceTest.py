@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """postwire-trace: what it prints and writes of a trace, and what it says of files that are none."""
 import html.parser
+import pathlib
 import re
 import subprocess
 
@@ -252,6 +253,16 @@ class Trace(programs.TestCase):
             bad = self.run_program('postwire-trace', *arguments)
             self.assertEqual((2, '', f'postwire-trace: {text} (see postwire-trace --help)\n'),
                              (bad.returncode, bad.stdout, bad.stderr))
+
+    def test_bash_completes_commands_options_and_roles(self):
+        script = pathlib.Path(__file__).parents[2] / 'tools' / 'completion.bash'
+        for line, words in (('s', 'show stats'), ('show --f', '--follow --from'),
+                            ('pcap --role g', 'guess'), ('show --from ', '')):
+            done = subprocess.run(
+                ['bash', '-c', '. "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _postwire "$1"; '
+                 'echo "${COMPREPLY[*]}"', script, programs.FOLDER / 'postwire-trace',
+                 *line.split(' ')], capture_output=True, text=True, check=True)
+            self.assertEqual((words, ''), (done.stdout.strip(), done.stderr))
 
     def test_a_trace_cut_at_any_byte_is_used_as_far_as_it_goes(self):
         content = trace(('read', REQUEST), ('write', RESPONSE))
