@@ -28,7 +28,8 @@ std::string_view idOf(MessageView const& part) {
 MessageView rootOf(MessageView const& message) {
     MessageView::Parts const parts = message.parts();
     if (parts.empty()) return message;
-    if (auto const start = message.type().parameter("start"))
+    MediaType const type = message.type();  // whose text the parameter is
+    if (auto const start = type.parameter("start"))
         for (MessageView const part : parts)
             if (idOf(part) == withoutBrackets(*start)) return part;
     return *parts.begin();

@@ -91,6 +91,7 @@ void startLookup(std::shared_ptr<Lookup> const& lookup, ExchangeWatch& watch) {
 void resolveBySystem(std::shared_ptr<Lookup> const& lookup, ExchangeWatch& watch) {
     startLookup(lookup, watch);
     watch.await(lookup->finished.descriptor(), POLLIN);
+    lookup->finished.take();  // orders what the thread has written before this
     if (lookup->error == 0) return;
     char const* const reason = lookup->error == EAI_SYSTEM ? "" : ::gai_strerror(lookup->error);
     std::string const text = "the name " + lookup->host + " can't be resolved";
