@@ -48,7 +48,7 @@ Verdict judge(HTTPMessageReader& reader, HTTPMessage& request) try {
     return {0, e.getDetails()};
 } catch (QORThrowable& e) {  // a fault of this program: all that is known of it
     return {500, e.toString()};
-} catch (std::exception const& e) {  // what streams, handlers and callbacks of one's own raise
+} catch (std::exception const& e) {  // what your streams, handlers and callbacks raise
     return {500, e.what()};
 }
 

@@ -90,9 +90,10 @@ void defineLimits(CLI::App& app, CommandLine& line, Given& given) {
         ->type_name("SECONDS")
         ->check(within(0.01, 86400.0))
         ->capture_default_str();
-    app.add_flag("--contract", given.contract,
-                 "Read as the library does by default, without its policy for peers that are not "
-                 "trusted: lengths that parts lack are missed, lenient forms are taken");
+    app.add_flag(
+        "--contract", given.contract,
+        "For peers that are trusted: read requests leniently, as the library does by default; "
+        "each part needs a length or chunks, and one request is taken a connection");
     app.add_option("--max-body", given.maxBody, "Largest body taken, all parts together")
         ->type_name("BYTES")
         ->check(within(0, INT_MAX))
