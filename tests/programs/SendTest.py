@@ -115,12 +115,12 @@ class OnTheWire(Send):
 
     def test_parts_with_their_fields(self):
         with Listener() as listener:
-            self.send(listener.url, '--direct', '--boundary', 'b1', '--attach', self.binary)
-        head = ('\r\n--b1\r\nContent-ID: <data.bin@postwire>\r\n'
-                f'Content-Length: {len(BINARY)}\r\nContent-Transfer-Encoding: binary\r\n'
-                'Content-Type: application/octet-stream\r\n\r\n').encode()
-        chunks = programs.chunked(BINARY, 65536).removesuffix(b'0\r\n\r\n')
-        self.assertIn(head + b'\r\n' + chunks, listener.received)
+            self.send(listener.url, '--boundary', 'b1', '--attach', self.binary)
+        head = ('\r\n--b1\r\nContent-Type: application/octet-stream\r\n'
+                'Content-Transfer-Encoding: binary\r\nContent-ID: <data.bin@postwire>\r\n'
+                'Content-Disposition: attachment; filename=data.bin\r\n'
+                f'Content-Length: {len(BINARY)}\r\n\r\n').encode()
+        self.assertIn(head + BINARY + b'\r\n--b1--\r\n', listener.received)
 
     def test_boundary_is_found_wherever_it_lies(self):
         with Listener() as listener:

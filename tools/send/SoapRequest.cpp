@@ -2,114 +2,57 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <fstream>
+#include <memory>
 #include <numeric>
 #include <set>
 #include <stdexcept>
 #include <system_error>
 
+#include "foundation/ZULChunkedOutputStream.h"
+
 #include "foundation/AsciiText.h"
-#include "tools/common/BlockReader.h"
+#include "service/ServiceError.h"
 #include "tools/common/Boundary.h"
 #include "tools/common/PartFiles.h"
 #include "tools/common/Sha256.h"
-#include "tools/common/WholeMessage.h"
 
 namespace {
 
-// The fields asked for come last, so that they replace those made here.
-template <class Node>
-void start(WholeMessage<Node>& message, SoapRequest const& request, std::string const& type) {
-    message.startRequest(request.url.target.c_str(), 0);
-    message.setField("Host", hostField(request.url).c_str());
-    message.setField("Connection", "close");
-    message.setField("User-Agent", "postwire-send/" POSTWIRE_VERSION);
-    message.setField("SOAPAction", "\"\"");
-    message.setField("Content-Type", type.c_str());
-    for (HeaderField const& field : request.fields)
-        message.setField(field.name.c_str(), field.value.c_str());
+using postwire::ByteSource;
+using postwire::OutgoingMessage;
+using postwire::ServiceError;
+using postwire::SoapVersion;
+
+bool isMultipart(SoapRequest const& request) {
+    return request.mtom || !request.attachments.empty();
 }
 
-std::ifstream open(std::string const& path) {
+std::ifstream openFile(std::string const& path) {
     std::ifstream stream(path, std::ios::binary);
     if (!stream) throw std::system_error(errno, std::generic_category(), path);
     return stream;
 }
 
-// The file's bytes, block by block, as the body of a node.
-void writeBody(OnePieceHttpMsg& node, SentFile& file) {
-    std::ifstream stream = open(file.path);
-    Sha256 digest;
-    long long sent = 0;
-    for (BlockReader block(stream); block.next();) {
-        sent += static_cast<long long>(block.size());
-        // The size may be on the wire already: what goes beyond it would be read as what follows.
-        if (sent > file.size) break;
-        digest.add(block.bytes(), block.size());
-        node.write(block.bytes(), static_cast<int>(block.size()));
+// The file's bytes, whose digest is known once they have gone.
+ByteSource sourceOf(SentFile& file) {
+    if (file.bytes) {
+        file.sha256 = sha256(file.bytes->data(), file.bytes->size());
+        return ByteSource::borrowed(*file.bytes);
     }
-    if (stream.bad() || sent != file.size)
-        throw std::runtime_error(file.path + ": can't be read, or its size has changed");
-    file.sha256 = digest.hex();
-}
-
-// An empty part must not be direct: it would leave no head behind.
-void writePart(MultipartHttpMsg& parent, SentFile& file, bool direct) {
-    bool const inChunks = direct && file.size > 0;
-    OnePieceHttpMsg* const part = parent.addOnePiece(inChunks ? -1 : 0);
-    part->reset();  // no Host in a part
-    part->setHeader("Content-Type", file.type.c_str());
-    part->setHeader("Content-ID", ("<" + file.contentId + ">").c_str());
-    part->setHeader("Content-Transfer-Encoding", "binary");
-    // For readers that do not look for delimiters in bodies.
-    if (inChunks) part->setHeader("Content-Length", std::to_string(file.size).c_str());
-    writeBody(*part, file);
-    parent.endPart(part);
-}
-
-void writeAttachments(SoapRequest& request, MultipartHttpMsg& parent) {
-    for (SentFile& file : request.attachments) writePart(parent, file, request.direct);
-}
-
-// Of the parts around the attachments, where they are nested. The boundary around must not be how
-// this one begins: a reader may take such a line for a delimiter.
-std::string innerBoundary(SoapRequest const& request) { return "in-" + request.boundary; }
-
-void writeNestedAttachments(SoapRequest& request, MultipartHttpMsg& parent) {
-    std::string const boundary = innerBoundary(request);
-    MultipartHttpMsg* const part = parent.addMultiPart(0, boundary.c_str());
-    part->reset();
-    part->setHeader("Content-Type", ("multipart/mixed; boundary=" + boundary).c_str());
-    writeAttachments(request, *part);
-    parent.endPart(part);
-}
-
-// RFC 2387: the parameter type is that of the root part, which start names.
-std::string relatedType(SoapRequest const& request) {
-    std::string const& type = request.envelope.type;
-    return "multipart/related; boundary=\"" + request.boundary + "\"; type=\"" +
-           type.substr(0, type.find_first_of("; ")) + "\"; start=\"<" + request.envelope.contentId +
-           ">\"";
-}
-
-void writeMultipart(SoapRequest& request, ZULOutputStream& out) {
-    WholeMultipart message(out, request.chunkSize, request.boundary.c_str());
-    start(message, request, relatedType(request));
-    writePart(message, request.envelope, false);
-    if (request.nested) {
-        writeNestedAttachments(request, message);
-    } else {
-        writeAttachments(request, message);
-    }
-    message.finish();
-}
-
-void writeOnePiece(SoapRequest& request, ZULOutputStream& out) {
-    WholeOnePiece message(out, request.chunkSize);
-    start(message, request, request.envelope.type);
-    writeBody(message, request.envelope);
-    message.finish();
+    auto const open = [&file]() -> ByteSource::Reader {
+        auto const stream = std::make_shared<std::ifstream>(openFile(file.path));
+        auto const digest = std::make_shared<Sha256>();
+        return [&file, stream, digest](char* bytes, std::size_t n) {
+            stream->read(bytes, static_cast<std::streamsize>(n));
+            if (stream->bad()) throw std::runtime_error(file.path + " can't be read");
+            auto const got = static_cast<std::size_t>(stream->gcount());
+            digest->add(bytes, got);
+            if (got == 0) file.sha256 = digest->hex();
+            return got;
+        };
+    };
+    return ByteSource::reader(open, static_cast<std::uint64_t>(file.size));
 }
 
 // Fields whose value follows from how the message is sent.
@@ -118,27 +61,9 @@ void refuseOwnFields(SoapRequest const& request) {
         bool const type = equalsInAnyCase(field.name, "Content-Type");
         if (equalsInAnyCase(field.name, "Content-Length") ||
             equalsInAnyCase(field.name, "Transfer-Encoding") ||
-            equalsInAnyCase(field.name, "Connection") || (type && !request.attachments.empty()))
+            equalsInAnyCase(field.name, "Connection") || (type && isMultipart(request)))
             throw std::invalid_argument(field.name + " follows from how the message is sent");
     }
-}
-
-// The most that stands in memory at a time.
-long long heldAtOnce(SoapRequest const& request) {
-    if (request.chunkSize == 0 || request.nested) return request.bodySize();
-    if (request.attachments.empty()) return 0;
-    long long held = request.envelope.size;
-    for (SentFile const& file : request.attachments)
-        if (!request.direct) held = std::max(held, file.size);
-    return held;
-}
-
-void refuseTooLarge(SoapRequest const& request) {
-    constexpr int kAroundBodies = 1 << 20;
-    if (heldAtOnce(request) > INT_MAX - kAroundBodies)
-        throw std::invalid_argument(request.attachments.empty()
-                                        ? "the body is too large to be sent without --chunked"
-                                        : "the files are too large to be sent without --direct");
 }
 
 void makeContentIds(SoapRequest& request) {
@@ -156,20 +81,66 @@ void makeContentIds(SoapRequest& request) {
 }
 
 bool occursInFile(std::string const& boundary, SentFile const& file) {
-    std::ifstream stream = open(file.path);
+    std::ifstream stream = openFile(file.path);
     return boundaryOccurs(boundary, stream);
 }
 
 void checkBoundary(SoapRequest const& request) {
-    if (!isPlainBoundary(innerBoundary(request)))
-        throw std::invalid_argument("a boundary is made of at most 67 letters, digits and '+_.-");
     auto const refuseIn = [&](SentFile const& file) {
-        if (occursInFile(request.boundary, file) || occursInFile(innerBoundary(request), file))
+        if (!file.bytes &&
+            (occursInFile(request.boundary, file) || occursInFile("in-" + request.boundary, file)))
             throw std::invalid_argument("the boundary " + request.boundary + " occurs in " +
                                         file.path + "; without --boundary one is made");
     };
     refuseIn(request.envelope);
     std::for_each(request.attachments.begin(), request.attachments.end(), refuseIn);
+}
+
+OutgoingMessage makeMessage(SoapRequest& request) {
+    ByteSource envelope = sourceOf(request.envelope);
+    OutgoingMessage message =
+        request.soap.empty()
+            ? OutgoingMessage(request.envelope.type, envelope)
+            : OutgoingMessage(request.soap == "1.2" ? SoapVersion::soap12 : SoapVersion::soap11,
+                              envelope);
+    message.setAction(request.action);
+    message.setMtom(request.mtom);
+    message.setNested(request.nested);
+    message.setStart(request.envelope.contentId);
+    if (!request.boundary.empty()) message.setBoundary(request.boundary);
+    for (SentFile& file : request.attachments)
+        message.attach({sourceOf(file), file.type, file.contentId, "",
+                        file.path.substr(file.path.rfind('/') + 1), request.coding});
+    return message;
+}
+
+// The fields asked for come in the place of those made here.
+std::string headOf(SoapRequest const& request) {
+    OutgoingMessage const& message = *request.message;
+    std::vector<HeaderField> fields = {{"Host", hostField(request.url)},
+                                       {"Connection", "close"},
+                                       {"User-Agent", "postwire-send/" POSTWIRE_VERSION},
+                                       {"Content-Type", message.contentType()}};
+    for (auto const& [name, text] : message.requestFields()) fields.push_back({name, text});
+    bool const isSoap12 = beginsInAnyCase(request.envelope.type, "application/soap+xml");
+    if (request.soap.empty() && request.action.empty() && !isSoap12)
+        fields.push_back({"SOAPAction", "\"\""});
+    if (request.chunkSize > 0)
+        fields.push_back({"Transfer-Encoding", "chunked"});
+    else
+        fields.push_back({"Content-Length", std::to_string(*message.size())});
+    for (HeaderField const& asked : request.fields) {
+        auto const has = std::find_if(fields.begin(), fields.end(), [&](HeaderField const& field) {
+            return equalsInAnyCase(field.name, asked.name);
+        });
+        if (has == fields.end())
+            fields.push_back(asked);
+        else
+            has->value = asked.value;
+    }
+    std::string head = "POST " + request.url.target + " HTTP/1.1\r\n";
+    for (HeaderField const& field : fields) head += field.name + ": " + field.value + "\r\n";
+    return head + "\r\n";
 }
 
 }  // namespace
@@ -179,21 +150,22 @@ long long SoapRequest::bodySize() const {
                            [](long long sum, SentFile const& file) { return sum + file.size; });
 }
 
-void prepare(SoapRequest& request) {
+void prepare(SoapRequest& request) try {
     refuseOwnFields(request);
-    refuseTooLarge(request);
+    if (!request.start.empty()) request.envelope.contentId = request.start;
     makeContentIds(request);
-    if (request.boundary.empty()) {
-        request.boundary = makeBoundary();
-    } else {
-        checkBoundary(request);
-    }
+    request.message = makeMessage(request);
+    if (!request.boundary.empty()) checkBoundary(request);
+} catch (ServiceError const& e) {
+    if (e.code() != ServiceError::Code::usage) throw;
+    throw std::invalid_argument(e.what());
 }
 
 void write(SoapRequest& request, ZULOutputStream& out) {
-    if (request.attachments.empty()) {
-        writeOnePiece(request, out);
-    } else {
-        writeMultipart(request, out);
-    }
+    std::string const head = headOf(request);
+    out.write(head.data(), static_cast<int>(head.size()));
+    if (request.chunkSize == 0) return request.message->write(out);
+    ZULChunkedOutputStream chunks(out, request.chunkSize);
+    request.message->write(chunks);
+    chunks.close();
 }

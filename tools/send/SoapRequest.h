@@ -1,8 +1,10 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "service/OutgoingMessage.h"
 #include "tools/common/HeaderFields.h"
 #include "tools/common/SentFile.h"
 #include "tools/send/HttpUrl.h"
@@ -16,19 +18,24 @@ struct SoapRequest {
     std::vector<SentFile> attachments;
     std::vector<HeaderField> fields;
     std::string boundary;  // empty: one is made
-    int chunkSize = 0;     // 0: with a length, for which all of it is held in memory
-    bool direct = false;   // chunked, and each block of an attachment a chunk: no file is held
+    int chunkSize = 0;     // 0: with a length
     bool nested = false;   // the attachments form a multipart part of their own
+    std::string soap;      // "1.1" or "1.2"; empty: the envelope's type is what counts
+    std::string action;
+    std::string start;  // Content-ID of the envelope; empty: one is given
+    bool mtom = false;
+    postwire::TransferCoding coding = postwire::TransferCoding::binary;  // of the attachments
+    std::optional<postwire::OutgoingMessage> message;                    // once it is prepared
 
     long long bodySize() const;
 };
 
-// Settles what can be settled before there is a connection: boundary and Content-IDs. Raises
-// std::invalid_argument with a text for a person when the boundary asked for is none or occurs in a
-// file, when two files have one Content-ID, when a header field was given that the request makes
-// itself, and when a file is too large to be held.
+// Settles what can be settled before there is a connection: boundary, Content-IDs, and the message.
+// The request must stay where it is. Raises std::invalid_argument with a text for a person when the
+// boundary asked for is none or occurs in a file, when two files have one Content-ID, and when a
+// header field was given that the request makes itself.
 void prepare(SoapRequest& request);
 
-// Writes the request and fills in the SHA-256 of each file. Raises std::runtime_error when a file
-// can't be read or has another size than before, and what the stream raises.
+// Writes the request and fills in the SHA-256 of each file. Raises postwire::ServiceError when a
+// file can't be read or has another size than before, and what the stream raises.
 void write(SoapRequest& request, ZULOutputStream& out);

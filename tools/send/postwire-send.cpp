@@ -54,7 +54,9 @@ constexpr int kMaxParts = 1000;  // of an answer: each may become a file
 struct CommandLine {
     std::string url;
     std::string body;
-    std::string type = "text/xml; charset=utf-8";
+    std::string type;
+    std::string encoding = "binary";
+    bool direct = false;
     std::vector<std::string> attachments;
     std::vector<std::string> fields;
     SoapRequest request;
@@ -83,13 +85,25 @@ int complained(int code, std::string const& text) {
 
 void defineMessage(CLI::App& app, CommandLine& line) {
     app.add_option("url", line.url, "Where to: http://host[:port][/path]")->required();
-    app.add_option("--body", line.body, "The envelope")->type_name("FILE")->required();
-    app.add_option("--type", line.type, "Its content type")->capture_default_str();
+    app.add_option("--body", line.body, "The envelope; - is the standard input")
+        ->type_name("FILE")
+        ->required();
+    CLI::Option* const type = app.add_option("--type", line.type, "Its content type")
+                                  ->default_str("text/xml; charset=utf-8");
+    app.add_option("--soap", line.request.soap, "The version of SOAP that it is in")
+        ->check(CLI::IsMember({"1.1", "1.2"}))
+        ->excludes(type);
+    app.add_option("--action", line.request.action, "What is asked for")->type_name("URI");
+    app.add_flag("--mtom", line.request.mtom, "Wrap the envelope up as MTOM has it");
+    app.add_option("--start", line.request.start, "The envelope's Content-ID")->type_name("CID");
     CLI::Option* const attach =
         app.add_option("--attach", line.attachments,
                        "A file to go along, its content type and its Content-ID; may be repeated")
             ->type_name("FILE[;TYPE[;CID]]")
             ->allow_extra_args(false);
+    app.add_option("--encoding", line.encoding, "How attachments stand on the wire")
+        ->check(CLI::IsMember({"binary", "base64"}))
+        ->needs(attach);
     app.add_flag("--nest", line.request.nested, "Put the attachments into a part of their own")
         ->needs(attach);
     app.add_option("-H,--header", line.fields, "A header field; may be repeated")
@@ -103,8 +117,7 @@ void defineMessage(CLI::App& app, CommandLine& line) {
                        "Send in chunks of at most SIZE bytes instead of with a length")
             ->type_name("SIZE")
             ->check(CLI::Range(1, 1 << 30).description(""));
-    app.add_flag("--direct", line.request.direct,
-                 "Send in chunks, attachments straight from their files")
+    app.add_flag("--direct", line.direct, "Send in chunks, attachments straight from their files")
         ->needs(attach)
         ->excludes(chunked)
         ->excludes("--nest");
@@ -132,10 +145,15 @@ void complete(CommandLine& line) {
     SoapRequest& request = line.request;
     request.url = parseHttpUrl(line.url);
     for (std::string const& field : line.fields) request.fields.push_back(parseHeaderField(field));
-    request.envelope = describeFile(line.body, line.type, "envelope@postwire");
+    if (line.type.empty()) request.soap = request.soap.empty() ? "1.1" : request.soap;
+    if (line.type.empty()) line.type = "text/xml";  // the version says which
+    char const* const id = "envelope@postwire";
+    request.envelope = line.body == "-" ? readStandardInput(line.type, id)
+                                        : describeFile(line.body, line.type, id);
+    request.coding = *postwire::transferCodingOf(line.encoding);
     for (std::string const& file : line.attachments)
         request.attachments.push_back(parseAttachment(file));
-    if (request.direct) request.chunkSize = kDirectChunk;
+    if (line.direct) request.chunkSize = kDirectChunk;
     prepare(request);
 }
 
