@@ -98,7 +98,7 @@ class RequestsToolbelt(Stacks):
         content_type, echo = self.arrives(encoder.to_string(), encoder.content_type)
         parts = decoder.MultipartDecoder(echo, content_type).parts
         self.assertEqual([p.content for p in parts], list(BODIES))
-        self.assertIn(b'filename=0.bin', parts[0].headers[b'content-disposition'])
+        self.assertIn(b'filename="0.bin"', parts[0].headers[b'content-disposition'])
 
 
 class Zeep(Stacks):
