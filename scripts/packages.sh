@@ -13,7 +13,8 @@ packages_of_preset() {
     echo dpkg-dev file # for the Debian packages
     # Whom the tests let the programs talk to, and who judges what they say.
     echo openssl curl tshark nginx haproxy apache2-bin \
-        python3-requests python3-requests-toolbelt python3-zeep
+        python3-requests python3-requests-toolbelt python3-zeep \
+        default-jdk-headless libsaaj-ri-java libaxis-java
     case $1 in
         i386) echo g++-multilib ;;
         clang) echo clang-14 ;;
