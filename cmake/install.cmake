@@ -49,6 +49,7 @@ function(postwire_install family libdir library development)
   list(TRANSFORM ${family}_HEADERS REPLACE "(.+)" src/\\1/*.h OUTPUT_VARIABLE folders)
   file(GLOB headers CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/src ${folders})
   foreach(header IN LISTS headers)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS src/${header})
     file(STRINGS src/${header} shown REGEX POSTWIRE_EXPORT LIMIT_COUNT 1)
     # And what a public class holds by value.
     if(shown OR header STREQUAL message/HeaderLines.h)

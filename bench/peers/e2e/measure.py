@@ -264,6 +264,17 @@ def machine():
             'processors': os.cpu_count(), 'kernel': platform.release()}
 
 
+def busy():
+    """The share of the processors that others use, in a second."""
+    def times():
+        fields = [int(n) for n in pathlib.Path('/proc/stat').read_text().split('\n')[0].split()[1:]]
+        return sum(fields), fields[3] + fields[4]
+    before = times()
+    time.sleep(1)
+    after = times()
+    return round(1 - (after[1] - before[1]) / (after[0] - before[0]), 2)
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument('build', type=pathlib.Path)
@@ -281,14 +292,13 @@ def main():
     with tempfile.TemporaryDirectory() as folder:
         bench = Bench(options.build, pathlib.Path(folder), options)
         for name in options.rows.split(','):
-            row = {'load_before': round(os.getloadavg()[0], 2), 'seconds': options.seconds,
-                   'runs': []}
+            row = {'busy_before': busy(), 'seconds': options.seconds, 'runs': []}
             for run in getattr(bench, name)():
                 row['runs'].append(run)
                 print(name, *(f'{key}={value}' for key, value in run.items()), flush=True)
             rows[name] = row
-    text = json.dumps(data, indent=1)
-    options.out.write_text(re.sub(r'\n {5,}| *\n {4}(?=})', ' ', text) + '\n')
+            text = json.dumps(data, indent=1)
+            options.out.write_text(re.sub(r'\n {5,}| *\n {4}(?=})', ' ', text) + '\n')
 
 
 if __name__ == '__main__':

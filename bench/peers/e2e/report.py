@@ -5,7 +5,7 @@ usage: report.py IN.json PAGE.md PLOT.svg
 
 The tables replace what stands in the page between the lines that name this program. Exits with 1
 where a floor is missed in a row that was measured on two or more processors that had nothing else to
-do: a load below LOAD before it began.
+do: less than BUSY of them in use before it began.
 """
 import collections
 import json
@@ -19,7 +19,7 @@ TITLES = {'postwire': 'postwire::Server', 'nginx': 'nginx, `return 200`', 'beast
 BEGIN, END = '<!-- written by report.py -->\n', '<!-- end -->\n'
 COLOURS = {'postwire': '#0b6e4f', 'nginx': '#b5541c', 'beast': '#3b6ea5', 'poco': '#8f6bb1',
            'httplib': '#a3873b', 'raw': '#b5b5b5'}
-LOAD = 0.7
+BUSY = 0.1
 median = statistics.median
 
 
@@ -108,7 +108,7 @@ def judged(data):
     """What each floor says of itself, and whether it is missed on a machine that allows to say so."""
     for name in (name for name in ROWS if name in data['rows']):
         row = data['rows'][name]
-        quiet = data['machine']['processors'] > 1 and row['load_before'] < LOAD
+        quiet = data['machine']['processors'] > 1 and row['busy_before'] < BUSY
         for what, floor, value, good in ROWS[name](row['runs']):
             verdict = 'kept' if good else 'missed' if quiet else 'missed, the machine was busy'
             yield f'| {what} | {floor} | {value} | {verdict} |', quiet and not good
@@ -119,16 +119,17 @@ def table(data):
     groups = grouped(rows['rates']['runs'], 'server', 'connections')
     connections = sorted({n for _, n in groups})
     servers = [name for name in TITLES if (name, connections[0]) in groups]
-    loads = ', '.join(f'{name} {row["load_before"]:g}' for name, row in rows.items())
+    used = ', '.join(f'{name} {row["busy_before"]:.0%}' for name, row in rows.items())
     yield (f'{facts["processor"]}, {facts["processors"]} processors, Linux {facts["kernel"]}; '
            f'medians of {len(groups[servers[0], connections[0]])} rounds of '
-           f'{rows["rates"]["seconds"]:g} s; load of the machine before each row: {loads}.')
+           f'{rows["rates"]["seconds"]:g} s; in use by others before each row: {used}.')
     for key, title in ('rate', 'Requests a second'), ('cpu_us', 'Processor time a request, µs'):
         yield f'\n{title}, over connections:\n'
         yield f'| server | {" | ".join(map(number, connections))} |'
         yield f'|---|{"---:|" * len(connections)}'
         for server in servers:
-            cells = (number(median(run[key] for run in groups[server, n]))
+            cells = (number(median(run[key] for run in groups[server, n]
+                                   if key == 'rate' or run['rate']))
                      if any(run['rate'] for run in groups[server, n]) else '–'
                      for n in connections)
             yield f'| {TITLES[server]} | {" | ".join(cells)} |'
