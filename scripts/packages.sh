@@ -3,7 +3,7 @@
 
 # What configuring and building takes, but for what one preset needs beyond it.
 packages_to_build() {
-    echo cmake ninja-build g++ googletest python3 pkg-config libcli11-dev libssl-dev libpcap-dev \
+    echo cmake ninja-build g++ googletest python3 pkg-config libcli11-dev nlohmann-json3-dev libssl-dev libpcap-dev \
         libboost-url1.81-dev
 }
 

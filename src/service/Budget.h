@@ -19,6 +19,8 @@ public:
         return false;
     }
 
+    [[nodiscard]] std::size_t left() const { return m_left.load(std::memory_order_relaxed); }
+
     void giveBack(std::size_t bytes) { m_left.fetch_add(bytes, std::memory_order_relaxed); }
 
 private:

@@ -9,6 +9,7 @@
 
 #include "foundation/QORThrowable.h"
 
+#include "foundation/AsciiText.h"
 #include "foundation/GuardedAllocation.h"
 #include "foundation/HTTPException.h"
 #include "socket/SoapSocket.h"
@@ -162,6 +163,11 @@ void Exchange::report() {
     report->peer = connection->peer.host();
     report->peerPort = connection->peer.port();
     report->uri = reader.uri();
+    report->minorVersion = reader.minorVersion();
+    for (HeadLine const& line : reader.headLines(0)) {
+        if (equalsInAnyCase(line.name, "user-agent")) report->userAgent = line.text;
+        if (equalsInAnyCase(line.name, "referer")) report->referer = line.text;
+    }
     report->status = answer.status();
     report->bytesIn = reader.received();
     report->bytesOut = answer.taken();

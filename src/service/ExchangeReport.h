@@ -16,7 +16,10 @@ struct POSTWIRE_EXPORT ExchangeReport {
     std::string peer;
     int peerPort = 0;
     std::string uri;  // empty where none was read
-    int status = 0;   // 0: none was sent
+    int minorVersion = 1;
+    std::string userAgent;  // as the client says; empty where it doesn't
+    std::string referer;
+    int status = 0;  // 0: none was sent
     long long bytesIn = 0;
     long long bytesOut = 0;  // that the system took
     // From the request's first byte to the end of its head, then to that of its body, then the

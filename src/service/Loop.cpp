@@ -387,6 +387,7 @@ int Loop::timeToWait() const {
 void Loop::enlist(Connection& connection, Connection::State state, Clock::duration limit) {
     takeOut(connection);
     connection.state = state;
+    if (state == Connection::State::idle) m_core.countIdle(1);
     connection.deadline = m_now + limit;
     listOf(state).append(connection);
 }
@@ -394,6 +395,7 @@ void Loop::enlist(Connection& connection, Connection::State state, Clock::durati
 void Loop::takeOut(Connection& connection) {
     if (connection.state == Connection::State::away) return;
     listOf(connection.state).remove(connection);
+    if (connection.state == Connection::State::idle) m_core.countIdle(-1);
     connection.state = Connection::State::away;
 }
 

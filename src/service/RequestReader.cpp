@@ -104,6 +104,9 @@ void RequestReader::clear() {
     m_message.reset();
     m_source.forget();
     m_uri.clear();
+    constexpr std::size_t kKept = 65536;  // for the next request
+    if (m_lines.capacity() > kKept) std::string().swap(m_lines);
+    if (m_heads.capacity() > kKept / sizeof m_heads[0]) std::vector<std::size_t>().swap(m_heads);
     m_headEnd = {};
     m_budget.giveBack(std::exchange(m_budgeted, 0));
 }
@@ -198,10 +201,18 @@ void RequestReader::reset() {
 void RequestReader::setURI(char const* uri) { m_uri = uri; }
 
 void RequestReader::header(char const* name, HTTPHeader* value) {
+    constexpr std::size_t kCopies = 2;  // here and in the tree
+    std::size_t const textSize = internal::LineAsItCame::text(*value).size();
+    if (m_waits) takeMemory(kCopies * (m_name.size() + textSize + 2));
     m_lines.append(m_name).push_back('\0');
     m_lines.append(internal::LineAsItCame::text(*value)).push_back('\0');
     if (m_target) return m_target->header(name, value);
     HTTPMOMMsgHandler::header(name, value);
+}
+
+void RequestReader::takeMemory(std::size_t bytes) {
+    if (!m_budget.take(bytes)) throw BudgetSpent();
+    m_budgeted += bytes;
 }
 
 // Before the first event of a body, the message's own or a part's; 0 where it has no length.
@@ -294,6 +305,8 @@ void RequestReader::startMultiParts(char const* boundary) {
 }
 
 void RequestReader::startPart() {
+    constexpr std::size_t kPart = 512;  // a part without its lines and its body
+    if (m_waits) takeMemory(kPart);
     m_heads.push_back(m_lines.size());
     if (m_target) return m_target->startPart();
     HTTPMOMMsgHandler::startPart();

@@ -84,6 +84,7 @@ private:
 
     Outcome parse();
     Outcome refuse(int status, std::string text, long code = 0);
+    void takeMemory(std::size_t bytes);
     void beginBody(long long length);
     [[nodiscard]] bool isChunked() const;
     void contentWithoutEnd(ZULInputStream& is);

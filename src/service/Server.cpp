@@ -21,6 +21,7 @@ Server::Server(ServerOptions const& options) : m_core(std::make_unique<ServerCor
 Server::~Server() = default;
 
 int Server::port() const { return m_core->port(); }
+ServerLoad Server::load() const noexcept { return m_core->load(); }
 void Server::run(Handler handler) { m_core->run(std::move(handler)); }
 void Server::stop() noexcept { m_core->stop(); }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 
@@ -13,6 +14,13 @@
 namespace postwire {
 
 class ServerCore;
+
+// What a server holds at a moment.
+struct ServerLoad {
+    int connections = 0;
+    int idle = 0;            // of these, between two requests
+    std::size_t memory = 0;  // bytes of ServerOptions::bodyBudget
+};
 
 // An HTTP/1.1 server for POST requests that a program embeds: it listens, reads each request under
 // a policy and within limits, calls the program's handler, and writes the answer. Connections that
@@ -42,6 +50,9 @@ public:
 
     // The port that is listened on; 0 for a socket of the file system.
     [[nodiscard]] int port() const;
+
+    // At any time, from any thread.
+    [[nodiscard]] ServerLoad load() const noexcept;
 
     // Serves until stop; once for each server. Returns when all requests under way are answered,
     // or, without the handlers that still run, when their time limits have passed.

@@ -92,6 +92,10 @@ void ServerCore::stop() noexcept {
     m_wakeUp.send();
 }
 
+ServerLoad ServerCore::load() const noexcept {
+    return {m_connections, m_idle, m_options.bodyBudget - m_budget.left()};
+}
+
 void ServerCore::run(Exchange::Handler handler) {
     if (m_handler) throw ServiceError(ServiceError::Code::usage, "a server runs once");
     m_handler = std::move(handler);

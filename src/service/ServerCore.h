@@ -15,6 +15,7 @@
 #include "service/Listener.h"
 #include "service/Loop.h"
 #include "service/ReadLane.h"
+#include "service/Server.h"
 #include "service/ServerOptions.h"
 
 namespace postwire {
@@ -32,11 +33,15 @@ public:
     [[nodiscard]] int port() const { return m_port; }
     void run(Exchange::Handler handler);
     void stop() noexcept;
+    [[nodiscard]] ServerLoad load() const noexcept;
 
     // For loops and lanes, from any thread.
 
     [[nodiscard]] ServerOptions const& options() const { return m_options; }
     [[nodiscard]] Exchange::Handler const& handler() const { return m_handler; }
+    // A connection begins or ceases to be idle.
+    void countIdle(int change) noexcept { m_idle.fetch_add(change, std::memory_order_relaxed); }
+
     [[nodiscard]] Budget& budget() { return m_budget; }
     [[nodiscard]] Crew& crew() { return m_crew; }
     [[nodiscard]] bool isStopping() const { return m_stopping.load(std::memory_order_acquire); }
@@ -93,6 +98,7 @@ private:
     std::atomic<bool> m_asleep{false};
     Clock::time_point m_stoppedAt{};  // written before m_stopping
     std::atomic<int> m_connections{0};
+    std::atomic<int> m_idle{0};
     int m_traces = 0;
     bool m_acceptsAgainLater = false;
     Clock::time_point m_lackedAt{};    // descriptors or memory, last

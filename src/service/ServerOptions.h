@@ -51,8 +51,9 @@ struct POSTWIRE_EXPORT ServerOptions {
     BodyChooser chooseBody;
 
     HTTPReadPolicy policy = HTTPReadPolicy::hardened();
-    // All bodies held in message trees together. A request that would go beyond it is answered 503
-    // at once: if it waited, it would keep what it has, and so might all others.
+    // All that trees hold together: bodies, and where they did not come at once, heads of parts. A
+    // request that would go beyond it is answered 503 at once: if it waited, it would keep what it
+    // has, and so might all others.
     std::size_t bodyBudget = std::size_t{256} << 20;
 
     // Until a request begins; then the connection is closed.

@@ -2,9 +2,13 @@
 """Two servers behind a proxy, under load, one of them killed and started again: what was
 acknowledged is intact. The proxies' configurations are those that docs/scale-out.md shows."""
 import collections
+import concurrent.futures
 import contextlib
 import http.client
 import random
+import re
+import socket
+import sys
 import threading
 
 import peers
@@ -109,6 +113,51 @@ class ScaleOut(programs.TestCase):
 
     def test_nginx(self):
         self.run_behind(peers.nginx)
+
+
+# Has a program listen on a socket that is there already, as systemd does.
+HAND_OVER = ('import os, sys; os.dup2(int(sys.argv[1]), 3); '
+             'os.environ.update(LISTEN_PID=str(os.getpid()), LISTEN_FDS="1"); '
+             'os.execv(sys.argv[2], sys.argv[2:])')
+
+
+class Restart(programs.TestCase):
+    def test_ten_times_under_load_loses_no_request_and_answers_none_twice(self):
+        listener = self.enterContext(socket.create_server(('127.0.0.1', 0), backlog=4096))
+        log, answered, stopping = self.folder() / 'log', [], threading.Event()
+
+        def start():
+            return programs.Server('--access-log', log, pass_fds=[listener.fileno()], before=(
+                sys.executable, '-c', HAND_OVER, str(listener.fileno())))
+
+        def ask(name):
+            client, number = programs.Client(port), 0
+            while not stopping.is_set():
+                uri, number = f'/{name}/{number}', number + 1
+                client.send(programs.request(b'x', target=uri))
+                status, head, body = client.answer()
+                answered.append((uri, status, programs.receipt(body)[0]))
+                if '\r\nConnection: close\r\n' in head:
+                    client.socket.close()
+                    client = programs.Client(port)
+            client.socket.close()
+        server, port = start(), listener.getsockname()[1]
+        with concurrent.futures.ThreadPoolExecutor(64) as threads:
+            clients = [threads.submit(ask, name) for name in range(64)]
+            for _ in range(10):
+                before, asked = server, len(answered)
+                server = start()
+                self.assertEqual((before.stop(), before.complaints), (0, ''))
+                while len(answered) < asked + 200 and not any(c.done() for c in clients):
+                    pass
+            stopping.set()
+            for client in clients:
+                client.result()
+        self.assertEqual(server.stop(), 0)
+        self.assertGreater(len(answered), 2000)
+        self.assertEqual([a for a in answered if a != (a[0], 200, a[0])], [])
+        served = re.findall(r'"POST (\S+) ', log.read_text())
+        self.assertEqual(sorted(served), sorted(uri for uri, _, _ in answered))
 
 
 if __name__ == '__main__':

@@ -2,12 +2,13 @@
 """postwire-serve before clients of all kinds: usual ones, old ones, slow ones, hostile ones."""
 import contextlib
 import ctypes
+import json
 import os
 import pathlib
 import random
 import re
 import resource
-import socket
+import signal
 import string
 import struct
 import subprocess
@@ -237,6 +238,84 @@ class Saves(programs.TestCase):
         server.stop()
         self.assertEqual(server.complaints.count(str(folder)), 2)
         self.assertEqual(server.complaints.count(f'a trace in {traces} could not be written'), 1)
+
+
+class Logs(programs.TestCase):
+    def exchange(self, server, uri, *fields):
+        with server.connect() as client:
+            client.send(request(b'x', *fields, target=uri).replace(b'\xc3\xa9', b'\xe9'))
+            client.answer()
+
+    def test_each_exchange_in_either_format_into_a_file_that_may_be_renamed(self):
+        for format_ in 'combined', 'json':
+            log = self.folder() / 'log'
+            server = self.server('--access-log', log, '--access-log-format', format_)
+            self.exchange(server, '/a', 'User-Agent: "\\\xe9"', 'Referer: r')
+            old = log.rename(log.parent / 'old')
+            server.process.send_signal(signal.SIGHUP)
+            while not log.exists():
+                pass
+            with server.connect() as client:
+                client.send(b'GET / HTTP/1.1\r\n\r\n')
+                client.answer()
+            server.stop()
+            first, second = sorted((old.read_text() + log.read_text()).splitlines(),
+                                   key=lambda line: '405' in line)
+            if format_ == 'json':
+                first, second = json.loads(first), json.loads(second)
+                self.assertEqual([first[key] for key in ('peer', 'uri', 'status', 'userAgent')],
+                                 ['127.0.0.1', '/a', 200, '"\\\ufffd"'])
+                self.assertEqual((second['status'], second['error']), (405, 'method is not POST'))
+            else:
+                self.assertRegex(first, r'^127\.0\.0\.1 - - \[\d\d/\w{3}/\d{4}:\d\d:\d\d:\d\d \+0000\] '
+                                 r'"POST /a HTTP/1\.1" 200 \d{3} "r" "\\x22\\x5C\\xE9\\x22" (\d+ ?){4}$')
+                self.assertIn('] "-" 405 ', second)
+
+    def test_a_full_disk_or_a_pipe_that_nobody_reads_holds_up_no_answer(self):
+        pipe, end = os.pipe()
+        self.addCleanup(os.close, pipe)
+        uri = '/' + 'x' * 15_000
+        for log, process in ('/dev/full', {}), (f'/proc/self/fd/{end}', {'pass_fds': [end]}):
+            server = self.server('--access-log', log, **process)
+            with server.connect() as client:
+                for _ in range(6):  # more lines than are held
+                    client.send(request(b'x', target=uri) * 70)
+                    self.assertEqual({client.answer()[0] for _ in range(70)}, {200})
+            self.assertEqual(server.stop(), 0)
+            self.assertEqual(server.complaints.count("can't write the access log"), 1)
+        os.close(end)
+
+    def test_counters_at_a_signal(self):
+        server = self.server()
+        with server.connect() as idle:
+            idle.send(request(b'x'))
+            idle.answer()
+            self.exchange(server, '/')
+            counts = {}
+            while [counts.get(name) for name in ('requests_200', 'connections')] != ['2', '1']:
+                server.process.send_signal(signal.SIGUSR1)
+                lines = iter(server.process.stderr.readline, '')
+                counts = dict(line.split() for line in iter(lambda: next(lines), '\n'))
+        self.assertEqual((counts['connections_idle'], counts['memory']), ('1', '0'))
+        self.assertGreaterEqual(int(counts['p99_microseconds']), int(counts['p50_microseconds']))
+
+
+class Memory(programs.TestCase):
+    def test_echoes_of_many_long_heads_hold_little_more_than_they_are_and_give_it_back(self):
+        attributes = '; '.join(f'a{i}={i:05}' for i in range(1000))
+        data = request(multipart('b', *[(['Content-Type: x/y; ' + attributes], b'')] * 1000), MIXED)
+        server = self.server('--echo', '--memory', str(1 << 30))
+        before, clients = server.resident(), []
+        for _ in range(16):
+            clients.append(self.enterContext(server.connect()))
+            clients[-1].send(data)
+        for client in clients:
+            self.assertEqual(client.answer()[0], 200)
+        self.assertLess(server.resident('VmHWM') - before, 2 * 16 * len(data) // 1024)
+        for client in clients:
+            client.socket.close()
+        while server.resident() > before + 32 * 1024:
+            pass
 
 
 @programs.row_tests('serve_options.txt')

@@ -108,10 +108,10 @@ class Server:
     """postwire-serve on a port that the system chose; stopped, and its exit code checked, at the
     end of the block."""
 
-    def __init__(self, *options, sanitizer='', **process):
+    def __init__(self, *options, sanitizer='', before=(), **process):
         # What AddressSanitizer keeps of freed memory would pass for growth.
         sanitizer = f"{os.environ.get('ASAN_OPTIONS', '')}:quarantine_size_mb=1:{sanitizer}"
-        self.process = subprocess.Popen([FOLDER / 'postwire-serve', *options],
+        self.process = subprocess.Popen([*before, FOLDER / 'postwire-serve', *options],
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                         env={**os.environ, 'ASAN_OPTIONS': sanitizer}, **process)
         line = self.process.stdout.readline()
@@ -147,10 +147,10 @@ class Server:
     def descriptors(self):
         return len(list(pathlib.Path(f'/proc/{self.process.pid}/fd').iterdir()))
 
-    def resident(self):
-        """KiB of memory in use."""
+    def resident(self, which='VmRSS'):
+        """KiB of memory in use; VmHWM: at most so far."""
         status = pathlib.Path(f'/proc/{self.process.pid}/status').read_text()
-        return int(re.search(r'VmRSS:\s+(\d+)', status).group(1))
+        return int(re.search(which + r':\s+(\d+)', status).group(1))
 
 
 class Listener:

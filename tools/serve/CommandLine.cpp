@@ -4,10 +4,16 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdint>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <system_error>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "tools/common/CommandLineParser.h"
 #include "tools/common/SentFile.h"
@@ -31,6 +37,8 @@ struct Given {
     bool contract = false;
     std::string answer;
     postwire::TlsContext::Server tls;
+    std::optional<std::size_t> memory;
+    std::string accessLogFormat = "combined";
 };
 
 std::chrono::milliseconds milliseconds(double seconds) {
@@ -43,6 +51,10 @@ void define(CLI::App& app, CommandLine& line, Given& given) {
     app.add_option("--port", line.server.port, "Port to listen on; 0: any free one")
         ->type_name("PORT")
         ->check(within(0, 65535))
+        ->capture_default_str();
+    app.add_option("--host", line.server.address,
+                   "IPv4 or IPv6 address to listen on; *: all of both kinds")
+        ->type_name("ADDRESS")
         ->capture_default_str();
     CLI::Option* const echo =
         app.add_flag("--echo", line.answers.echo, "Answer with the same message, not a receipt");
@@ -58,6 +70,43 @@ void define(CLI::App& app, CommandLine& line, Given& given) {
         ->type_name("DIR");
     app.add_option("--trace", line.server.traceFolder, "Trace every connection into a file")
         ->type_name("DIR");
+    CLI::Option* const log =
+        app.add_option(
+               "--access-log", line.accessLog,
+               "Write a line for each exchange; -: to standard output. Opened anew on SIGHUP")
+            ->type_name("FILE");
+    app.add_option("--access-log-format", given.accessLogFormat,
+                   "combined (and microseconds for head, body, handler, answer) or json")
+        ->type_name("FORMAT")
+        ->needs(log)
+        ->check(oneOf({"combined", "json"}))
+        ->capture_default_str();
+}
+
+void defineServerLimits(CLI::App& app, CommandLine& line, Given& given) {
+    app.add_option("--max-connections", line.server.maxConnections,
+                   "Connections at once; one more is answered 503 and closed")
+        ->type_name("N")
+        ->check(within(1, 1000000))
+        ->capture_default_str();
+    app.add_option("--per-address", line.server.maxConnectionsOfAddress,
+                   "The same for one client's address; 0: no limit of its own")
+        ->type_name("N")
+        ->check(within(0, 1000000))
+        ->capture_default_str();
+    app.add_option(
+           "--memory", given.memory,
+           "For all messages held at once, 503 beyond it; 268435456 or, where that is more, "
+           "one of --max-body")
+        ->type_name("BYTES")
+        ->check(within(std::size_t{65536}, SIZE_MAX));
+    app.add_option(
+           "--min-rate", line.server.lowestRate,
+           "Bytes a second that a client has to send of a request and to take of an answer, "
+           "from the tenth second on; 0: any")
+        ->type_name("BYTES")
+        ->check(within(0, 1 << 30))
+        ->capture_default_str();
 }
 
 void defineTls(CLI::App& app, Given& given) {
@@ -125,7 +174,23 @@ void setLimits(postwire::ServerOptions& server, Given const& given) {
     server.headLimit = std::min(server.headLimit, server.requestLimit);
     // One body of the largest size fits.
     auto const largest = static_cast<std::size_t>(given.maxBody) + (std::size_t{1} << 20);
-    server.bodyBudget = std::max(server.bodyBudget, largest);
+    server.bodyBudget = given.memory.value_or(std::max(server.bodyBudget, largest));
+}
+
+// The socket that the one who started this program listens on already, for it or its successor:
+// the protocol of systemd, whose first descriptor is 3. -1: none.
+int handedOver() {
+    constexpr int kFirst = 3;
+    char const* const process = std::getenv("LISTEN_PID");
+    char const* const count = std::getenv("LISTEN_FDS");
+    if (!process || !count || std::to_string(::getpid()) != process) return -1;
+    if (std::string(count) != "1")
+        throw std::invalid_argument("LISTEN_FDS is " + std::string(count) + ", not 1");
+    ::unsetenv("LISTEN_PID");
+    ::unsetenv("LISTEN_FDS");
+    if (::fcntl(kFirst, F_SETFD, FD_CLOEXEC) == -1)
+        throw std::system_error(errno, std::generic_category(), "the socket handed over");
+    return kFirst;
 }
 
 void readAnswer(std::string const& given, AnswerOptions& answers) {
@@ -153,7 +218,11 @@ std::optional<int> readCommandLine(int argc, char const* const* argv, CommandLin
     define(parser.app(), line, given);
     defineTls(parser.app(), given);
     defineLimits(parser.app(), line, given);
+    defineServerLimits(parser.app(), line, given);
     if (auto const code = parser.parse(argc, argv)) return code;
+    if (line.server.address == "*") line.server.address.clear();
+    if (given.accessLogFormat == "json") line.accessLogFormat = AccessLog::Format::json;
+    line.server.descriptor = handedOver();
     setPolicy(line.server, given);
     setLimits(line.server, given);
     if (given.tls.key.empty()) given.tls.key = given.tls.certificate;

@@ -2,14 +2,27 @@
 
 #include <utility>
 
-Signals::Signals(std::map<int, std::function<void()>> calls) : m_calls(std::move(calls)) {
+namespace {
+
+sigset_t setOf(std::initializer_list<int> signals) {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int const signal : signals) sigaddset(&set, signal);
+    return set;
+}
+
+sigset_t calledSignals() { return setOf({SIGTERM, SIGINT, SIGHUP, SIGUSR1}); }
+
+}  // namespace
+
+void Signals::block() {
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
-    sigemptyset(&m_signals);
-    for (auto const& call : m_calls) sigaddset(&m_signals, call.first);
-    pthread_sigmask(SIG_BLOCK, &m_signals, nullptr);
-    m_thread = std::thread(&Signals::wait, this);
+    sigset_t const set = calledSignals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
+
+Signals::Signals(Calls calls) : m_calls(std::move(calls)), m_thread(&Signals::wait, this) {}
 
 Signals::~Signals() {
     m_ended = true;
@@ -18,12 +31,11 @@ Signals::~Signals() {
 }
 
 void Signals::wait() {
-    for (int signal = 0; sigwait(&m_signals, &signal) == 0 && !m_ended;) {
+    sigset_t waitedFor = calledSignals();
+    for (int signal = 0; sigwait(&waitedFor, &signal) == 0 && !m_ended;) {
         if (signal == SIGINT || signal == SIGTERM) {
-            sigdelset(&m_signals, SIGINT);
-            sigset_t interrupt;
-            sigemptyset(&interrupt);
-            sigaddset(&interrupt, SIGINT);
+            sigdelset(&waitedFor, SIGINT);
+            sigset_t const interrupt = setOf({SIGINT});
             pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
         }
         m_calls.at(signal)();

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -19,7 +20,9 @@
 #include "tools/common/StandardStreams.h"
 #include "tools/serve/CommandLine.h"
 #include "tools/serve/Complaints.h"
+#include "tools/serve/MemoryReturn.h"
 #include "tools/serve/Signals.h"
+#include "tools/serve/Statistics.h"
 
 namespace {
 
@@ -40,22 +43,41 @@ void reloadCertificates(postwire::ServerOptions& server) try {
     complain(e.what());
 }
 
+void sayReady(postwire::ServerOptions const& options, int port) {
+    bool const isIPv6 = options.address.find(':') != std::string::npos;
+    std::string const host = options.address.empty() ? "*" : options.address;
+    std::string const shown = isIPv6 ? "[" + host + "]" : host;
+    std::printf("listening on %s:%d\n", shown.c_str(), port);
+    finishOutput();
+}
+
 // The line is printed once requests are served, since nobody finds the port without it.
 void serve(CommandLine& line) {
+    Signals::block();
     Answers answers(line.answers);
     if (!line.server.traceFolder.empty())
         std::filesystem::create_directories(line.server.traceFolder);
+    std::optional<AccessLog> log;
+    if (!line.accessLog.empty()) log.emplace(line.accessLog, line.accessLogFormat);
+    Statistics statistics;
+    MemoryReturn memory;
     postwire::Server* listening = nullptr;
     line.server.complain = [](std::string_view text) { complain(text); };
-    line.server.ready = [&listening, &line] {
-        std::printf("listening on %s:%d\n", line.server.address.c_str(), listening->port());
-        finishOutput();
+    line.server.ready = [&listening, &line] { sayReady(line.server, listening->port()); };
+    line.server.observe = [&log, &statistics, &memory](postwire::ExchangeReport const& report) {
+        statistics.add(report);
+        memory.answered(report.bytesIn);
+        if (log) log->add(report);
     };
     postwire::Server server(line.server);
     listening = &server;
     auto const stop = [&server] { server.stop(); };
-    auto const reload = [&line] { reloadCertificates(line.server); };
-    Signals const signals({{SIGTERM, stop}, {SIGINT, stop}, {SIGHUP, reload}});
+    auto const reload = [&line, &log] {
+        reloadCertificates(line.server);
+        if (log) log->reopen();
+    };
+    auto const print = [&] { std::fputs(statistics.text(server.load()).c_str(), stderr); };
+    Signals const signals({{SIGTERM, stop}, {SIGINT, stop}, {SIGHUP, reload}, {SIGUSR1, print}});
     server.run([&answers](postwire::Request& request, postwire::Response& response) {
         answers.answer(request, response);
     });
