@@ -68,34 +68,39 @@ def name_of(function):
 
 # ---- linear ------------------------------------------------------------------------------------
 
+HOST = ("Host", "localhost")
+
+
 def header_lines(n):
     headers = [("X-Field-%05d" % (i * 7919 % 100000), "value %d; a=%d" % (i, i)) for i in range(n)]
-    headers.append(corpus.length(b"12"))
+    headers += [HOST, corpus.length(b"12")]
     return corpus.start(headers) + b"12", len(headers), b"12", 0, 0
 
 
 def parts(n):
     tree = corpus.Multi("=_outer", [corpus.binary_part(i, 64) for i in range(n)])
-    return (corpus.start(tree.headers) + tree.entity(), len(tree.headers), tree.leaves(),
-            tree.parts(), tree.part_headers())
+    headers = [HOST, *tree.headers]
+    return (corpus.start(headers) + tree.entity(), len(headers), tree.leaves(), tree.parts(),
+            tree.part_headers())
 
 
 def chunks(n):
     body = corpus.noise("chunks", 64 * n)
-    headers = [("Transfer-Encoding", "chunked")]
-    return corpus.start(headers) + corpus.chunked(body, 64), 1, body, 0, 0
+    headers = [HOST, ("Transfer-Encoding", "chunked")]
+    return corpus.start(headers) + corpus.chunked(body, 64), len(headers), body, 0, 0
 
 
 def lines_skipped(n):
     tree = corpus.Multi("=_outer", [corpus.binary_part(1, 64)])
     body = b"a line that is no delimiter\r\n" * n + tree.entity()
-    return (corpus.start([tree.headers[0], corpus.length(body)]) + body, len(tree.headers),
-            tree.leaves(), 1, tree.part_headers())
+    headers = [HOST, tree.headers[0], corpus.length(body)]
+    return (corpus.start(headers) + body, len(headers), tree.leaves(), 1, tree.part_headers())
 
 
 def body_bytes(n):
     body = corpus.noise("body", 1024 * n)
-    return corpus.start([corpus.length(body)]) + body, 1, body, 0, 0
+    headers = [HOST, corpus.length(body)]
+    return corpus.start(headers) + body, len(headers), body, 0, 0
 
 
 def write_corpus(folder, name, shape):

@@ -116,6 +116,32 @@ inline int compareInAnyCase(char const* a, char const* b) {
            static_cast<unsigned char>(asciiLowerCase(*b));
 }
 
+// The words of a line, with blanks and tabs between them; each is ended by a zero byte where
+// it stands, and empty where there is none.
+class Words {
+public:
+    explicit Words(char* line) : m_next(line) {}
+
+    std::string_view next() {
+        char* const word = rest();
+        m_next = ::strchrnul(word, ' ');
+        auto size = static_cast<std::size_t>(m_next - word);
+        if (void* const tab = std::memchr(word, '\t', size)) {
+            m_next = static_cast<char*>(tab);
+            size = static_cast<std::size_t>(m_next - word);
+        }
+        if (*m_next != '\0') *m_next++ = '\0';
+        return {word, size};
+    }
+    char* rest() {
+        while (isBlank(*m_next)) ++m_next;
+        return m_next;
+    }
+
+private:
+    char* m_next;
+};
+
 // The number that a text begins with, as strtol reads it in base 10, but without the process's
 // locale and with the limits of int on every target, where long may be wider.
 struct DecimalNumber {

@@ -40,32 +40,6 @@ constexpr int kMaxUnread = 64 << 10;
     postwire::internal::refuse(code, QORFileLocation(kSourceFile, line));
 }
 
-// The words of a start line, with blanks and tabs between them; each is ended by a zero byte where
-// it stands, and empty where there is none.
-class Words {
-public:
-    explicit Words(char* line) : m_next(line) {}
-
-    std::string_view next() {
-        char* const word = rest();
-        m_next = ::strchrnul(word, ' ');
-        auto size = static_cast<std::size_t>(m_next - word);
-        if (void* const tab = std::memchr(word, '\t', size)) {
-            m_next = static_cast<char*>(tab);
-            size = static_cast<std::size_t>(m_next - word);
-        }
-        if (*m_next != '\0') *m_next++ = '\0';
-        return {word, size};
-    }
-    char* rest() {
-        while (isBlank(*m_next)) ++m_next;
-        return m_next;
-    }
-
-private:
-    char* m_next;
-};
-
 // Ends the use of a filter stream of our own.
 struct DetachAndDelete {
     void operator()(ZULFilterInputStream* stream) const {
@@ -255,7 +229,8 @@ void HTTPParser::readHead(ZULBufferedInputStream& is, Reading& r) {
     LineSource lines(is, m_line, r.lineRules(isPart), r.policy.maxLine,
                      isPart ? r.partHead : r.head, Policy::HTTP_ERR_HEADER_LINE_TOO_LONG);
     for (HeaderLine field;;) {
-        bool const isGood = isStrict && lines.readGoodField(field, m_nameAsItCame);
+        if (m_nameAsItCame) lines.peekName(*m_nameAsItCame);
+        bool const isGood = isStrict && lines.readGoodField(field);
         if (!isGood && !lines.readLine())
             raise(HTTPException::HTTP_ERR_END_OF_STREAM, kProcessHeaders, __LINE__);
         if (!isGood && m_line.pcount() == 0) break;

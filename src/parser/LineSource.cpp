@@ -98,9 +98,15 @@ void LineSource::requireRoom(char const* bytes, unsigned int more) const {
     refuse(m_tooLong, {kSourceFile, __LINE__});
 }
 
+void LineSource::peekName(std::string& name) const {
+    int have = 0;
+    char const* const begin = m_is.peek(have);
+    name.assign(begin, std::find(begin, begin + have, ':'));
+}
+
 // Scanned and copied in one go. A longer line than there is room for here is none of these, nor is
 // an empty one.
-bool LineSource::readGoodField(HeaderLine& field, std::string* asItCame) {
+bool LineSource::readGoodField(HeaderLine& field) {
     int have = 0;
     char const* const begin = m_is.peek(have);
     if (have == 0 || *begin == '\r') return false;
@@ -116,7 +122,6 @@ bool LineSource::readGoodField(HeaderLine& field, std::string* asItCame) {
     if (!isWhole || (isPart && isBlank(cr[2]))) return false;
     auto const size = static_cast<unsigned int>(cr - begin);
     if (size > m_maxLine || !m_bytes.takeIfLeft(size + 2)) return false;
-    if (asItCame) asItCame->assign(begin, nameSize);
     m_is.skip(static_cast<int>(size + 2));
     name[nameSize] = name[size] = '\0';
     field = {name, nameSize, size - nameSize - 1};

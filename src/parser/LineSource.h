@@ -35,8 +35,11 @@ public:
 
     // The next line where it is a field line without a fault, whole in the read-ahead: that is
     // scanned once, and its name is a token in lower case then. It is good until the next one is
-    // read. False for all others, and nothing is taken. `asItCame` gets the name too, if not null.
-    bool readGoodField(HeaderLine& field, std::string* asItCame);
+    // read. False for all others, and nothing is taken.
+    bool readGoodField(HeaderLine& field);
+
+    // The next line's name as far as it is in the read-ahead, in its own letter case.
+    void peekName(std::string& name) const;
 
 private:
     bool takeEmptyLine();

@@ -13,7 +13,7 @@
 #include "foundation/HTTPException.h"
 #include "message/LineAsItCame.h"
 #include "parser/HTTPReadPolicy.h"
-#include "parser/NameAsItCame.h"
+#include "service/NameAsItCame.h"
 #include "service/ServiceError.h"
 
 namespace postwire {
