@@ -153,6 +153,20 @@ class PythonsEmail(Attachments):
         self.assertLess(1000, attached)
 
 
+class Receipts(Attachments):
+    def test_root_action_and_decoded_sizes_are_told(self):
+        options = ['--soap', '1.2', '--mtom', '--action', 'urn:a;b', '--start', 'r', '--encoding',
+                   'base64', '--attach', f'{self.file(BODIES[2], "a;b")};a/b;c']
+        server, echo = self.server(), self.server('--echo')
+        done = [self.run_program('postwire-send', url, '--body', self.file(ENVELOPES['1.2']),
+                                 *options, '--save', folder).stdout
+                for url in (server.url, echo.url) for folder in [self.folder()]]
+        self.assertIn('<soap version="1.2 MTOM" action="urn:a;b" root="r" size="112">', done[0])
+        self.assertIn('<attachment id="c" name="a;b" size="100000"/>', done[0])
+        self.assertIn('SOAP 1.2 MTOM, root r, 112 bytes, action urn:a;b\n'
+                      '  c  a;b  100000 bytes decoded\n', done[1])
+
+
 class Zeep(Attachments):
     def test_reads_mtom(self):
         inner = b'\r\n'.join((

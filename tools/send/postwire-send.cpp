@@ -21,6 +21,7 @@
 #include "tools/common/MessageSummary.h"
 #include "tools/common/PartFiles.h"
 #include "tools/common/PrivateFile.h"
+#include "tools/common/SoapSummary.h"
 #include "tools/common/StandardStreams.h"
 #include "tools/common/TextEscapes.h"
 #include "tools/common/TracedSocket.h"
@@ -242,6 +243,7 @@ std::string shownText(HTTPMessage& message) {
 void printForPeople(Answer& answer) {
     std::string text =
         std::to_string(static_cast<int>(answer.status)) + " " + printable(answer.reason) + "\n";
+    appendSoapLines(text, postwire::Attachments(answer.message));
     appendTree(text, summarise(answer.message));
     for (std::string const& name : answer.savedAs) text.append("saved ").append(name).append("\n");
     text += shownText(answer.message);
