@@ -93,7 +93,7 @@ def check_programs(folder):
 
 
 def package_of(path):
-    if re.match('bin/|share/man/', path):
+    if re.match('bin/|share/(man|bash-completion)/', path):
         return 'postwire-tools'
     family = 'libpostwire' if path.startswith('share/') or 'service' not in path else 'libpostwire-service'
     return family + ('0' if re.search(r'\.so\.\d|Interface\.so$', path) else '-dev')
