@@ -89,8 +89,7 @@ class ScaleOut(programs.TestCase):
 
         def start(name, port=0):
             return stack.enter_context(programs.Server(
-                '--port', str(port), '--workers', '64', '--idle-timeout', '90', '--save',
-                saved / name))
+                '--port', str(port), '--idle-timeout', '90', '--save', saved / name))
         with contextlib.ExitStack() as stack:
             first, second = start('first'), start('second')
             port, _ = stack.enter_context(proxy(first.port, second.port))
