@@ -19,9 +19,8 @@ void appendLine(std::string& to, std::string const& name, unsigned long long val
 std::size_t Statistics::bucketOf(unsigned long long microseconds) {
     std::size_t doublings = 0;
     for (; microseconds >= 16; microseconds /= 2) ++doublings;
-    std::size_t const bucket =
-        microseconds < 8 ? microseconds : 8 * (doublings + 1) + (microseconds - 8);
-    return std::min(bucket, kBuckets - 1);
+    auto const rest = static_cast<std::size_t>(microseconds);  // below 16
+    return std::min(8 * doublings + rest, kBuckets - 1);
 }
 
 void Statistics::add(postwire::ExchangeReport const& report) {
