@@ -20,7 +20,7 @@ class Budget;
 class Delimiter;
 class FramedStream;
 struct MessageReading;
-struct NameAsItCame;  // in a header of its own, which is not installed
+struct NameAsItCame;
 }  // namespace postwire::internal
 
 // Reads one HTTP/1.0 or HTTP/1.1 message and reports it to a handler while it reads.
