@@ -144,23 +144,6 @@ class Ends(programs.TestCase):
                     now = servers[limit].resident()
                     self.assertLess(now, resident.setdefault(limit, now) + 16384)  # KiB
 
-    def test_everything_by_a_signal_once_requests_under_way_are_finished(self):
-        server = self.server()
-        data = request(b'12345')
-        with server.connect() as idle, server.connect() as busy, server.connect() as served:
-            served.send(data)
-            self.receives(served, b'12345')
-            busy.send(data[:-1])
-            served.send(data[:10])
-            server.process.terminate()
-            self.assertTrue(idle.at_end())
-            served.send(data[10:])
-            busy.send(data[-1:])
-            for client in served, busy:
-                self.assertIn('Connection: close', self.receives(client, b'12345'))
-                self.assertTrue(client.at_end())
-        self.assertEqual(server.stop(), 0)
-
     def test_requests_that_a_signal_finds_unfinished_at_the_request_timeout(self):
         server = self.server('--request-timeout', '0.5')
         with server.connect() as client:

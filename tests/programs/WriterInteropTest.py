@@ -12,14 +12,12 @@ import email.policy
 import http.client
 import io
 import itertools
-import os
 import pathlib
 import random
 import re
 import socket
 import subprocess
 import sys
-import tempfile
 import unittest
 import unittest.mock
 import zlib
@@ -213,44 +211,6 @@ class Python(unittest.TestCase):
                 self.assertEqual(wire == whole.bytes, taken, wire)
                 cut += not taken
         self.assertLess(300, cut)
-
-
-class Wireshark(unittest.TestCase):
-    """Exchanges made into a capture, each on a connection of its own."""
-
-    def dissect(self, folder, request, answer):
-        def packets(direction, data):
-            for at in range(0, len(data), 1400):
-                yield direction
-                for line in range(at, min(at + 1400, len(data)), 16):
-                    row = data[line:min(line + 16, at + 1400)]
-                    yield f'{line - at:06x} ' + ' '.join(f'{b:02x}' for b in row)
-                yield ''
-
-        dump = os.path.join(folder, 'dump')
-        capture = os.path.join(folder, 'capture')
-        lines = [*packets('O', request), *packets('I', answer)]
-        pathlib.Path(dump).write_text('\n'.join(lines) + '\n')
-        subprocess.run(['text2pcap', '-q', '-D', '-T', '80,40000', dump, capture], check=True,
-                       capture_output=True)
-
-        def tshark(*words):
-            return subprocess.run(['tshark', '-n', '-r', capture, *words], check=True,
-                                  capture_output=True, text=True).stdout
-        self.assertEqual('', tshark('-Y', '_ws.malformed || _ws.expert.severity == error'))
-        return tshark('-V')
-
-    def test_dissects_exchanges_down_to_the_parts(self):
-        parts = [leaf(0, [b'<a/>']), leaf(0, [BODY]), leaf(0, [])]
-        for chunk in (0, 4096):
-            request, answer = write(
-                calls(multi(chunk, 'outer', parts + [leaf(-1, [BODY, BODY])] * (chunk > 0))),
-                calls(multi(chunk, 'outer', parts), RESPONSE))
-            with tempfile.TemporaryDirectory() as folder:
-                text = self.dissect(folder, request.bytes, answer.bytes)
-            self.assertIn('POST /svc HTTP/1.1\\r\\n', text)
-            self.assertIn('HTTP/1.1 200 OK\\r\\n', text)
-            self.assertEqual(6 + (chunk > 0), text.count('Encapsulated multipart part'), text)
 
 
 if __name__ == '__main__':
