@@ -37,17 +37,20 @@ void ScriptedServer::run(std::string const& script) {
     std::istringstream all(script);
     for (std::size_t at = 0; at != std::string::npos;) {
         std::size_t const end = script.find(" / ", at);
+        m_isWaiting = true;
         int const connection = ::accept(m_socket, nullptr, nullptr);
         if (connection == -1) return;
         serve(connection, script.substr(at, end == std::string::npos ? end : end - at));
         ::close(connection);
         at = end == std::string::npos ? end : end + 3;
     }
+    m_isWaiting = true;
 }
 
 void ScriptedServer::serve(int connection, std::string const& steps) {
     std::istringstream all(steps);
     for (std::string step; std::getline(all, step, ';');) {
+        m_isWaiting = step != "reset" && step.compare(0, 4, "say ") != 0;
         if (step == "read" || step == "head") m_received.clear();
         if (step == "read" || step == "body") receiveUntil(connection, true);
         if (step == "head") receiveUntil(connection, false);
@@ -63,6 +66,7 @@ void ScriptedServer::serve(int connection, std::string const& steps) {
         linger const atOnce{1, 0};
         if (step == "reset")
             ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+        m_isWaiting = false;
     }
 }
 

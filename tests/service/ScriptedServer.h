@@ -15,6 +15,9 @@ public:
     [[nodiscard]] int port() const { return m_port; }
     [[nodiscard]] std::string url() const { return "http://127.0.0.1:" + std::to_string(m_port); }
 
+    // Whether it waits for a connection or for a request, or its script is through.
+    [[nodiscard]] bool isWaiting() const { return m_isWaiting; }
+
     // Waits until the script is through; the last request.
     std::string const& received();
 
@@ -25,6 +28,7 @@ private:
 
     int m_socket;
     int m_port = 0;
+    std::atomic<bool> m_isWaiting{true};
     std::string m_received;
     std::thread m_thread;
 };

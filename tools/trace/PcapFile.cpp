@@ -41,11 +41,11 @@ std::uint32_t checksum(Packet const& bytes, std::size_t from, std::size_t to, st
     std::uint32_t word = 0;
     std::size_t i = from;
     for (; i + 4 <= to; i += 4) {
-        std::memcpy(&word, &bytes[i], 4);
+        std::memcpy(&word, bytes.data() + i, 4);
         words += word;
     }
     word = 0;
-    std::memcpy(&word, &bytes[i], to - i);
+    std::memcpy(&word, bytes.data() + i, to - i);
     words += word;
     while (words >> 16) words = (words & 0xFFFF) + (words >> 16);
     auto const folded = static_cast<std::uint16_t>(words);
