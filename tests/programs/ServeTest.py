@@ -287,7 +287,9 @@ class Memory(programs.TestCase):
     def test_echoes_of_many_long_heads_hold_little_more_than_they_are_and_give_it_back(self):
         attributes = '; '.join(f'a{i}={i:05}' for i in range(1000))
         data = request(multipart('b', *[(['Content-Type: x/y; ' + attributes], b'')] * 1000), MIXED)
-        server = self.server('--echo', '--memory', str(1 << 30))
+        server = self.server('--echo', '--memory', str(1 << 30),
+                             sanitizer='quarantine_size_mb=0:thread_local_quarantine_size_kb=0:'
+                                       'allocator_release_to_os_interval_ms=0')
         before, clients = server.resident(), []
         for _ in range(16):
             clients.append(self.enterContext(server.connect()))

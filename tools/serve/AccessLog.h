@@ -41,7 +41,6 @@ private:
     std::string const m_path;
     Format const m_format;
     int m_file;
-    bool m_isPipe = false;
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::string m_lines;  // under the mutex, as are those that follow
