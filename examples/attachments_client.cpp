@@ -19,5 +19,6 @@ int main(int argc, char** argv) try {
         std::printf("%s: %zu bytes\n", part.fileName().c_str(), part.decoded().size());
     return answer.isGood() ? 0 : 1;
 } catch (std::exception const& e) {
-    return std::fprintf(stderr, "%s\n", e.what()), 1;
+    std::fprintf(stderr, "%s\n", e.what());
+    return 1;
 }
