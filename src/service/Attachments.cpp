@@ -30,7 +30,7 @@ MessageView rootOf(MessageView const& message) {
     if (parts.empty()) return message;
     MediaType const type = message.type();  // whose text the parameter is
     if (auto const start = type.parameter("start"))
-        for (MessageView const part : parts)
+        for (MessageView part : parts)
             if (idOf(part) == withoutBrackets(*start)) return part;
     return *parts.begin();
 }

@@ -173,7 +173,7 @@ char* BodyDecoder::takeEscaped(char c, char* out) {
     if (before == Quoted::lineEnd) return c == '\n' ? out : takeQuoted(c, out);
     if (before == Quoted::digit) {
         if (hexDigitValue(c) < 0) return notEscaped(c, out);
-        *out++ = static_cast<char>(hexDigitValue(m_digit) << 4 | hexDigitValue(c));
+        *out++ = static_cast<char>(hexDigitValue(m_digit) * 16 + hexDigitValue(c));
         m_digit = 0;
         return out;
     }

@@ -112,7 +112,8 @@ std::vector<Address> resolve(std::string const& host, int port, ClientOptions co
     for (std::string const& text : options.resolve(host)) {
         lookup->host = text;
         if (!isAddress(*lookup))
-            watch.raise(ClientError::Code::resolve, "not an address of " + host + ": " + text);
+            watch.raise(ClientError::Code::resolve,
+                        std::string("not an address of ").append(host).append(": ").append(text));
     }
     if (lookup->addresses.empty())
         watch.raise(ClientError::Code::resolve, "the name " + host + " has no address");

@@ -74,6 +74,7 @@ namespace {
 
 std::vector<std::vector<HeadLine>> headsOf(Request const& request) {
     std::vector<std::vector<HeadLine>> heads;
+    heads.reserve(static_cast<std::size_t>(request.headCount()));
     for (int i = 0; i < request.headCount(); ++i) heads.push_back(request.headLines(i));
     return heads;
 }

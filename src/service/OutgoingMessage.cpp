@@ -186,7 +186,7 @@ std::string OutgoingMessage::rootType() const {
 }
 
 std::string OutgoingMessage::contentType() const {
-    std::string const root = rootType();
+    std::string root = rootType();
     if (!isMultipart()) return root;
     std::string type = "multipart/related";
     MediaType::append(type, "boundary", m_boundary);
@@ -233,8 +233,11 @@ void OutgoingMessage::forEachPiece(Text text, Body body) const {
     std::string begin = "--" + m_boundary + "\r\n";
     for (std::size_t i = 0; i < m_parts.size(); ++i) {
         if (i == 1 && m_nested)
-            begin +=
-                "Content-Type: multipart/mixed; boundary=" + inner + "\r\n\r\n--" + inner + "\r\n";
+            begin.append("Content-Type: multipart/mixed; boundary=")
+                .append(inner)
+                .append("\r\n\r\n--")
+                .append(inner)
+                .append("\r\n");
         text(begin + headOf(i));
         body(m_parts[i]);
         begin = "\r\n--" + (m_nested && i > 0 ? inner : m_boundary) + "\r\n";

@@ -11,7 +11,7 @@ std::string percentDecoded(std::string_view text) {
                                hexDigitValue(text[i + 1]) >= 0 && hexDigitValue(text[i + 2]) >= 0;
         bytes +=
             isEncoded
-                ? static_cast<char>(hexDigitValue(text[i + 1]) << 4 | hexDigitValue(text[i + 2]))
+                ? static_cast<char>(hexDigitValue(text[i + 1]) * 16 + hexDigitValue(text[i + 2]))
                 : text[i];
         if (isEncoded) i += 2;
     }

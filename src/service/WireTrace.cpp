@@ -75,7 +75,8 @@ WireTrace beginTrace(std::string const& folder, std::string const& prefix, int& 
     for (;;) {
         char digits[16];
         std::snprintf(digits, sizeof digits, "-%06d", ++number);
-        std::string const path = folder + "/" + prefix + digits + ".trace";
+        std::string path = folder;
+        path.append("/").append(prefix).append(digits).append(".trace");
         Descriptor bytes = openNew(path);
         Descriptor times = bytes.get() == -1 ? Descriptor() : openNew(path + ".times");
         if (times.get() != -1)
