@@ -494,7 +494,9 @@ Budget& HTTPParser::budget(Reading& r) const {
 void HTTPParser::deliver(FramedStream& body, Reading& r, int length) {
     Budget unread(r.policy.boundMessage ? kMaxUnread : 0, Policy::HTTP_ERR_BODY_LEFT);
     if (m_bMultipart[m_idepth]) {
-        ZULBufferedInputStream buffered(body, kReadAhead);
+        // Room for no more than a small level has: malloc gives that back at once.
+        ZULBufferedInputStream buffered(body,
+                                        length > 0 ? std::min(length, kReadAhead) : kReadAhead);
         bool const wasBounded = std::exchange(r.isBounded, true);
         readParts(buffered, r);
         r.isBounded = wasBounded;
