@@ -5,20 +5,16 @@
 #include "service/Client.h"
 
 int main(int argc, char** argv) try {
-    using postwire::ByteSource;
+    using namespace postwire;
     if (argc < 3) return 2;
-    postwire::OutgoingMessage message(postwire::SoapVersion::soap12, ByteSource::file(argv[2]));
-    message.setAction("urn:store");
+    OutgoingMessage message(SoapVersion::soap12, ByteSource::file(argv[2]));
     for (char** file = argv + 3; *file; ++file)
         message.attach({ByteSource::file(*file), "text/plain", "", "", *file});
-
-    postwire::Answer answer = postwire::Client().post(argv[1], message);
-    postwire::Attachments const came(answer.message());
+    Answer const answer = Client().post(argv[1], message);
+    Attachments const came(answer);
     std::printf("%d %s\n", answer.status(), came.root().decoded().c_str());
-    for (postwire::Attachment const& part : came.all())
+    for (Attachment const& part : came.all())
         std::printf("%s: %zu bytes\n", part.fileName().c_str(), part.decoded().size());
-    return answer.isGood() ? 0 : 1;
 } catch (std::exception const& e) {
-    std::fprintf(stderr, "%s\n", e.what());
-    return 1;
+    return std::fprintf(stderr, "%s\n", e.what()) > 0;
 }

@@ -3,17 +3,13 @@
 
 #include "service/Attachments.h"
 #include "service/Server.h"
-#include "service/SoapFault.h"
 
 int main(int argc, char** argv) {
     postwire::Server server(argc > 1 ? std::stoi(argv[1]) : 8080);
     std::cout << server.port() << std::endl;
     server.run([](postwire::Request& request, postwire::Response& response) {
         postwire::Attachments const came(request);
-        if (came.soapVersion() == postwire::SoapVersion::none)
-            return response.send(500, "text/xml",
-                                 soapFault(postwire::SoapVersion::soap11,
-                                           postwire::SoapFaultCode::sender, "no envelope"));
+        if (came.soapVersion() == postwire::SoapVersion::none) return response.send(415, {}, {});
         postwire::OutgoingMessage answer(came.soapVersion(), came.root().decoded());
         answer.setMtom(came.isMtom());
         for (postwire::Attachment const& part : came.all())

@@ -14,6 +14,9 @@ Answer::~Answer() = default;
 int Answer::status() const { return m_data->status; }
 std::string const& Answer::reason() const { return m_data->reason; }
 HTTPMessage& Answer::message() { return m_data->message; }
+HTTPMessage const& Answer::message() const { return m_data->message; }
+int Answer::headCount() const { return m_data->heads.count(); }
+std::vector<HeadLine> Answer::headLines(int head) const { return m_data->heads.lines(head); }
 
 std::string Answer::body() {
     HTTPMessage& message = m_data->message;

@@ -9,6 +9,7 @@
 #include "foundation/Export.h"
 
 #include "message/HTTPMessage.h"
+#include "service/HeadLine.h"
 
 namespace postwire {
 
@@ -32,6 +33,12 @@ public:
 
     // Empty where a handler got the answer; without bodies where they were saved.
     [[nodiscard]] HTTPMessage& message();
+    [[nodiscard]] HTTPMessage const& message() const;
+
+    // The lines of the answer's own head, and of its parts' in the order in which they came, as the
+    // tree does not keep them. They are good as long as the answer.
+    [[nodiscard]] int headCount() const;
+    [[nodiscard]] std::vector<HeadLine> headLines(int head = 0) const;
 
     // The body as text; empty for one in parts.
     [[nodiscard]] std::string body();

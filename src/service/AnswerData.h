@@ -1,11 +1,13 @@
 #pragma once
 
 #include "service/Answer.h"
+#include "service/KeptHeads.h"
 
 namespace postwire {
 
 struct Answer::Data {
     HTTPMessage message;
+    KeptHeads heads;
     int status = 0;
     std::string reason;
     std::vector<std::string> files;

@@ -25,10 +25,11 @@ std::string textOf(QORThrowable const& e) {
 
 AnswerReader::AnswerReader(ClientOptions const& client, PostOptions const& call,
                            ExchangeWatch& watch, Answer::Data& answer)
-    : m_call(call), m_watch(watch), m_answer(answer), m_target(call.handler) {
+    : IncomingMessage(answer.heads), m_call(call), m_watch(watch), m_answer(answer) {
+    m_target = call.handler;
     HTTPReadPolicy policy = client.policy;
     if (m_target || !call.saveTo.empty()) policy.maxBody = 0;
-    m_parser.setMsgHandler(this);
+    listenTo(m_parser);
     m_parser.setReadPolicy(policy);
     setMessage(&answer.message);
 }
@@ -53,11 +54,6 @@ void AnswerReader::refuse(std::string const& text) const {
     m_watch.raise(ClientError::Code::malformed, "bad answer: " + text, 0, m_answer.status);
 }
 
-void AnswerReader::reset() {
-    HTTPMOMMsgHandler::reset();
-    if (m_target) m_target->reset();
-}
-
 void AnswerReader::setStatusCode(HTTPMessage::StatusCode code) {
     m_answer.status = static_cast<int>(code);
     if (m_target) m_target->setStatusCode(code);
@@ -66,11 +62,6 @@ void AnswerReader::setStatusCode(HTTPMessage::StatusCode code) {
 void AnswerReader::setStatusMessage(char const* text) {
     m_answer.reason = text;
     if (m_target) m_target->setStatusMessage(text);
-}
-
-void AnswerReader::header(char const* name, HTTPHeader* value) {
-    if (m_target) return m_target->header(name, value);
-    HTTPMOMMsgHandler::header(name, value);
 }
 
 // Before the first event of a body.
@@ -84,16 +75,14 @@ void AnswerReader::content(ZULInputStream& is, int length) {
     beginBody();
     // Lengths end there: it may stand for any larger one.
     if (length == INT_MAX) refuse("a body of 2 GiB or more comes without chunks");
-    if (m_target) return m_target->content(is, length);
-    if (!m_call.saveTo.empty()) return save(is, length);
-    HTTPMOMMsgHandler::content(is, length);
+    if (!m_target && !m_call.saveTo.empty()) return save(is, length);
+    IncomingMessage::content(is, length);
 }
 
 void AnswerReader::content(ZULInputStream& is) {
     beginBody();
-    if (m_target) return m_target->content(is);
-    if (!m_call.saveTo.empty()) return save(is, INT_MAX);
-    HTTPMOMMsgHandler::content(is);
+    if (!m_target && !m_call.saveTo.empty()) return save(is, INT_MAX);
+    IncomingMessage::content(is);
 }
 
 // A body without an end of its own, INT_MAX, ends with the stream.
@@ -113,28 +102,7 @@ void AnswerReader::save(ZULInputStream& is, int length) {
 
 void AnswerReader::startMultiParts(char const* boundary) {
     beginBody();
-    if (m_target) return m_target->startMultiParts(boundary);
-    HTTPMOMMsgHandler::startMultiParts(boundary);
-}
-
-void AnswerReader::startPart() {
-    if (m_target) return m_target->startPart();
-    HTTPMOMMsgHandler::startPart();
-}
-
-void AnswerReader::endPart() {
-    if (m_target) return m_target->endPart();
-    HTTPMOMMsgHandler::endPart();
-}
-
-void AnswerReader::endMultiParts(char const* boundary) {
-    if (m_target) return m_target->endMultiParts(boundary);
-    HTTPMOMMsgHandler::endMultiParts(boundary);
-}
-
-void AnswerReader::endMessage() {
-    if (m_target) return m_target->endMessage();
-    HTTPMOMMsgHandler::endMessage();
+    IncomingMessage::startMultiParts(boundary);
 }
 
 }  // namespace postwire

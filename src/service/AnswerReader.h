@@ -4,9 +4,9 @@
 
 #include "foundation/ZULBufferedInputStream.h"
 
-#include "parser/HTTPParser.h"
 #include "service/AnswerData.h"
 #include "service/ExchangeWatch.h"
+#include "service/IncomingMessage.h"
 
 namespace postwire {
 
@@ -16,7 +16,7 @@ namespace postwire {
 // Ownership: all is borrowed for one exchange.
 // Raises: Code::malformed; Code::receive where the connection ended without an answer;
 //   std::system_error where a file can't be written; what stream and handler raise.
-class AnswerReader : private HTTPMOMMsgHandler {
+class AnswerReader : private IncomingMessage {
 public:
     AnswerReader(ClientOptions const& client, PostOptions const& call, ExchangeWatch& watch,
                  Answer::Data& answer);
@@ -28,17 +28,11 @@ public:
     [[nodiscard]] bool keepAlive() const { return m_parser.keepAlive(); }
 
 private:
-    void reset() override;
     void setStatusCode(HTTPMessage::StatusCode code) override;
     void setStatusMessage(char const* text) override;
-    void header(char const* name, HTTPHeader* value) override;
     void content(ZULInputStream& is, int length) override;
     void content(ZULInputStream& is) override;
     void startMultiParts(char const* boundary) override;
-    void startPart() override;
-    void endPart() override;
-    void endMultiParts(char const* boundary) override;
-    void endMessage() override;
 
     void beginBody();
     void save(ZULInputStream& is, int length);
@@ -47,7 +41,6 @@ private:
     PostOptions const& m_call;
     ExchangeWatch& m_watch;
     Answer::Data& m_answer;
-    HTTPMsgHandler* const m_target;  // of the events, instead of the tree
     HTTPParser m_parser;
     bool m_inHead = true;
 };

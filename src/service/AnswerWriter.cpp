@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <random>
 
 #include <poll.h>
 
 #include "foundation/AsciiText.h"
+#include "service/MediaType.h"
+#include "service/RandomDigits.h"
 #include "service/ServiceError.h"
 
 namespace postwire {
@@ -50,16 +51,6 @@ char const* reasonOf(int status) {
     throw ServiceError(ServiceError::Code::usage, text);
 }
 
-bool isTokenCharacter(char c) {
-    bool const isLetter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-    return isLetter || (c >= '0' && c <= '9') ||
-           (c != '\0' && std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos);
-}
-
-bool isToken(std::string_view name) {
-    return !name.empty() && std::all_of(name.begin(), name.end(), isTokenCharacter);
-}
-
 // What the server itself says of the answer.
 bool isOurs(std::string_view name) {
     constexpr std::array<char const*, 4> kOurs = {"content-length", "transfer-encoding",
@@ -77,18 +68,6 @@ void writeTo(OnePieceHttpMsg& node, std::string_view bytes) {
 
 void stage(HttpMsgNode& node, char const* name, std::string_view text) {
     node.setHeaderText(name, text.data(), static_cast<int>(text.size()));
-}
-
-// From random bits, so that no one who wrote a part could know it.
-std::string randomBoundary() {
-    std::random_device random;
-    std::string text = "part-";
-    char digits[9];
-    for (int i = 0; i < 4; ++i) {
-        std::snprintf(digits, sizeof digits, "%08x", random());
-        text += digits;
-    }
-    return text;
 }
 
 // The body of a node.
@@ -169,8 +148,11 @@ OnePieceHttpMsg& AnswerWriter::onePiece(int status, std::string_view type, int c
 
 MultipartHttpMsg& AnswerWriter::multipart(int status, int chunkSize) {
     begin(status, {});
-    m_multipart = std::make_unique<MultipartHttpMsg>(*this, chunkSizeFor(chunkSize),
-                                                     randomBoundary().c_str());
+    std::string const boundary = "part-" + randomDigits();
+    m_multipart =
+        std::make_unique<MultipartHttpMsg>(*this, chunkSizeFor(chunkSize), boundary.c_str());
+    m_relatedType = "multipart/related";
+    MediaType::append(m_relatedType, "boundary", boundary);
     startNode(*m_multipart, status);
     return *m_multipart;
 }
@@ -179,12 +161,21 @@ void AnswerWriter::addPart(std::string_view type, std::string_view id, std::stri
     if (!m_multipart) raiseUsage("no multipart answer has been begun");
     requireText(type);
     requireText(id);
+    nameRootType(type);
     OnePieceHttpMsg* const part = m_multipart->addOnePiece(0);
     part->reset();
     if (!type.empty()) stage(*part, "Content-Type", type);
     if (!id.empty()) stage(*part, "Content-ID", id);
     writeTo(*part, bytes);
     m_multipart->endPart(part);
+}
+
+// The first part is the root, whose type the whole has to tell, RFC 2387 section 3.1.
+void AnswerWriter::nameRootType(std::string_view type) {
+    std::string related = std::exchange(m_relatedType, {});
+    if (related.empty() || type.empty()) return;
+    MediaType::append(related, "type", MediaType(type).value());
+    stage(*m_multipart, "Content-Type", related);
 }
 
 ZULOutputStream& AnswerWriter::stream(int status, std::string_view type, std::uint64_t length,

@@ -73,6 +73,7 @@ private:
     void begin(int status, std::string_view type);
     void writeHead(int status, std::string_view type, std::optional<std::uint64_t> length);
     void startNode(HttpMsgNode& node, int status);
+    void nameRootType(std::string_view type);
     int chunkSizeFor(int asked) const;
     char const* date();
     void put(char const* data, std::size_t size);
@@ -88,6 +89,7 @@ private:
     std::size_t m_sent = 0;
     std::unique_ptr<OnePieceHttpMsg> m_onePiece;  // what the message is written with, if anything
     std::unique_ptr<MultipartHttpMsg> m_multipart;
+    std::string m_relatedType;  // of it, until its first part has a type to tell
     std::unique_ptr<ZULChunkedOutputStream> m_chunks;
     std::optional<std::uint64_t> m_toCome;  // of a stream's length
     int m_minorVersion = 1;

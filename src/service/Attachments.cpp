@@ -133,6 +133,9 @@ Attachments::Attachments(HTTPMessage const& message, Depth depth)
 Attachments::Attachments(Request& request, Depth depth)
     : Attachments(MessageView(request), depth) {}
 
+Attachments::Attachments(Answer const& answer, Depth depth)
+    : Attachments(MessageView(answer), depth) {}
+
 // The root's own location, else that of the message around it, RFC 2557 section 5; else one that no
 // other message has.
 std::string Attachments::baseOf(MessageView const& message) const {

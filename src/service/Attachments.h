@@ -83,6 +83,8 @@ public:
     explicit Attachments(MessageView message, Depth depth = Depth::nested);
     explicit Attachments(HTTPMessage const& message, Depth depth = Depth::nested);
     explicit Attachments(Request& request, Depth depth = Depth::nested);
+    explicit Attachments(Answer const& answer, Depth depth = Depth::nested);
+    Attachments(Answer&&, Depth = Depth::nested) = delete;
 
     [[nodiscard]] Attachment const& root() const { return m_root; }
 

@@ -6,6 +6,7 @@
 
 #include "foundation/AsciiText.h"
 #include "message/ConstTree.h"
+#include "service/Answer.h"
 #include "service/Request.h"
 
 namespace postwire {
@@ -72,10 +73,11 @@ struct MessageView::Tree {
 
 namespace {
 
-std::vector<std::vector<HeadLine>> headsOf(Request const& request) {
+template <class Received>
+std::vector<std::vector<HeadLine>> headsOf(Received const& received) {
     std::vector<std::vector<HeadLine>> heads;
-    heads.reserve(static_cast<std::size_t>(request.headCount()));
-    for (int i = 0; i < request.headCount(); ++i) heads.push_back(request.headLines(i));
+    heads.reserve(static_cast<std::size_t>(received.headCount()));
+    for (int i = 0; i < received.headCount(); ++i) heads.push_back(received.headLines(i));
     return heads;
 }
 
@@ -88,6 +90,8 @@ MessageView::MessageView(HTTPMessage const& message,
     : MessageView(std::make_shared<Tree const>(message, heads), 0) {}
 
 MessageView::MessageView(Request& request) : MessageView(request.message(), headsOf(request)) {}
+
+MessageView::MessageView(Answer const& answer) : MessageView(answer.message(), headsOf(answer)) {}
 
 MessageView::MessageView(std::shared_ptr<Tree const> tree, std::size_t index)
     : m_tree(std::move(tree)), m_index(index) {}

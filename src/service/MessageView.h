@@ -10,18 +10,19 @@
 #include "foundation/Export.h"
 
 #include "message/HTTPMessage.h"
+#include "service/HeadLine.h"
 #include "service/MediaType.h"
 
 namespace postwire {
 
+class Answer;
 class Request;
-struct HeadLine;
 
 // A message, or a part of one, to look at: its fields in order, its body, its parts.
 //
 // Ownership: borrows the tree, and copies neither texts nor bodies. It, its copies and all that
 //   they give are good until the tree changes or ends; those of a request, until its handler
-//   returns.
+//   returns, and those of an answer, as long as it is.
 // Raises: std::bad_alloc where it is made; nothing afterwards.
 // Rule: what came over the wire is shown as it came, line by line. A field of a tree that was built
 //   by hand, or that someone has asked the tree for, is shown as the tree has it. Several threads
@@ -38,10 +39,13 @@ public:
     class Parts;
 
     explicit MessageView(HTTPMessage const& message);
-    // With the lines of each head, the parts' in the order in which they came, as Request has them.
+    // With the lines of each head, the parts' in the order in which they came, as Request and
+    // Answer have them.
     // Where there are not as many heads as there are parts, they are not looked at.
     MessageView(HTTPMessage const& message, std::vector<std::vector<HeadLine>> const& heads);
     explicit MessageView(Request& request);
+    explicit MessageView(Answer const& answer);
+    MessageView(Answer&&) = delete;
 
     [[nodiscard]] std::vector<Field> const& fields() const;
 

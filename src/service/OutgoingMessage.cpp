@@ -1,11 +1,10 @@
 #include "service/OutgoingMessage.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <random>
 
 #include "foundation/AsciiText.h"
 #include "service/MediaType.h"
+#include "service/RandomDigits.h"
 #include "service/ServiceError.h"
 
 namespace postwire {
@@ -28,23 +27,6 @@ void requireId(std::string_view id) {
     };
     if (id.empty() || !std::all_of(id.begin(), id.end(), isGood))
         raiseUsage("not a Content-ID: " + std::string(id));
-}
-
-// No one who wrote a part could know them.
-std::string randomDigits() {
-    std::random_device random;
-    std::string text;
-    char digits[9];
-    for (int i = 0; i < 4; ++i) {
-        std::snprintf(digits, sizeof digits, "%08x", random());
-        text += digits;
-    }
-    return text;
-}
-
-// The text before any parameter.
-std::string_view essence(std::string_view type) {
-    return withoutSpaces(type.substr(0, type.find(';')));
 }
 
 std::string_view soapType(SoapVersion version) {
@@ -181,7 +163,7 @@ std::string OutgoingMessage::rootType() const {
     if (!m_mtom) return envelopeType();
     std::string type = "application/xop+xml";
     if (!m_charset.empty()) MediaType::append(type, "charset", m_charset);
-    MediaType::append(type, "type", essence(envelopeType()));
+    MediaType::append(type, "type", MediaType(envelopeType()).value());
     return type;
 }
 
@@ -190,9 +172,9 @@ std::string OutgoingMessage::contentType() const {
     if (!isMultipart()) return root;
     std::string type = "multipart/related";
     MediaType::append(type, "boundary", m_boundary);
-    MediaType::append(type, "type", essence(root));
+    MediaType::append(type, "type", MediaType(root).value());
     MediaType::append(type, "start", "<" + start() + ">");
-    if (m_mtom) MediaType::append(type, "start-info", essence(envelopeType()));
+    if (m_mtom) MediaType::append(type, "start-info", MediaType(envelopeType()).value());
     if (m_version == SoapVersion::soap12 && !m_action.empty())
         MediaType::append(type, "action", m_action);
     return type;

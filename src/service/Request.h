@@ -8,16 +8,11 @@
 
 #include "message/HTTPMessage.h"
 #include "parser/HTTPMsgHandler.h"
+#include "service/HeadLine.h"
 
 namespace postwire {
 
 struct Exchange;
-
-// One header line as it came. The texts end with the handler's call.
-struct HeadLine {
-    std::string_view name;  // in its own letter case
-    std::string_view text;  // without white space at its ends; continued lines joined by a blank
-};
 
 // A request that has been read, as a handler gets it.
 //

@@ -13,7 +13,6 @@
 #include "foundation/HTTPException.h"
 #include "message/LineAsItCame.h"
 #include "parser/HTTPReadPolicy.h"
-#include "service/NameAsItCame.h"
 #include "service/ServiceError.h"
 
 namespace postwire {
@@ -71,13 +70,6 @@ std::string textOf(QORThrowable const& e) {
     return text ? text : e.getThrowableName();
 }
 
-std::string_view trimmed(std::string_view text) {
-    constexpr char kBlanks[] = " \t\r";
-    std::size_t const begin = text.find_first_not_of(kBlanks);
-    if (begin == std::string_view::npos) return {};
-    return text.substr(begin, text.find_last_not_of(kBlanks) + 1 - begin);
-}
-
 }  // namespace
 
 bool isTooSlow(ServerOptions const& options, Clock::duration since, long long bytes) {
@@ -87,13 +79,12 @@ bool isTooSlow(ServerOptions const& options, Clock::duration since, long long by
 }
 
 RequestReader::RequestReader(ServerOptions const& options, Budget& budget)
-    : m_options(options), m_budget(budget), m_in(m_source, kReadAhead) {
+    : IncomingMessage(m_lines), m_options(options), m_budget(budget), m_in(m_source, kReadAhead) {
     HTTPReadPolicy policy = options.policy;
     if (options.chooseBody) policy.maxBody = 0;  // known too late for the policy
-    m_parser.setMsgHandler(this);
+    listenTo(m_parser);
     m_parser.setReadPolicy(policy);
     m_parser.setContinueCallback(&RequestReader::wantGoOn, this);
-    internal::NameAsItCame::keep(m_parser, m_name);
     setMessage(&m_message);
 }
 
@@ -104,9 +95,7 @@ void RequestReader::clear() {
     m_message.reset();
     m_source.forget();
     m_uri.clear();
-    constexpr std::size_t kKept = 65536;  // for the next request
-    if (m_lines.capacity() > kKept) std::string().swap(m_lines);
-    if (m_heads.capacity() > kKept / sizeof m_heads[0]) std::vector<std::size_t>().swap(m_heads);
+    m_heads.shrink();
     m_headEnd = {};
     m_budget.giveBack(std::exchange(m_budgeted, 0));
 }
@@ -173,29 +162,13 @@ RequestReader::Outcome RequestReader::refuse(int status, std::string text, long 
     return Outcome::refused;
 }
 
-std::vector<HeadLine> RequestReader::headLines(int head) const {
-    std::vector<HeadLine> lines;
-    if (head < 0 || head >= headCount()) return lines;
-    auto const index = static_cast<std::size_t>(head);
-    std::size_t const end = index + 1 < m_heads.size() ? m_heads[index + 1] : m_lines.size();
-    for (std::size_t at = m_heads[index]; at < end;) {
-        std::string_view const name = m_lines.c_str() + at;
-        std::string_view const text = m_lines.c_str() + at + name.size() + 1;
-        at += name.size() + text.size() + 2;
-        lines.push_back({name, trimmed(text)});
-    }
-    return lines;
-}
-
 void RequestReader::reset() {
-    HTTPMOMMsgHandler::reset();
-    m_budget.giveBack(std::exchange(m_budgeted, 0));
     m_target = nullptr;
+    IncomingMessage::reset();
+    m_budget.giveBack(std::exchange(m_budgeted, 0));
     m_goOnWanted = false;
     m_headEnd = {};
     m_uri.clear();
-    m_lines.clear();
-    m_heads.assign(1, 0);
 }
 
 void RequestReader::setURI(char const* uri) { m_uri = uri; }
@@ -204,10 +177,7 @@ void RequestReader::header(char const* name, HTTPHeader* value) {
     constexpr std::size_t kCopies = 2;  // here and in the tree
     std::size_t const textSize = internal::LineAsItCame::text(*value).size();
     if (m_waits) takeMemory(kCopies * (m_name.size() + textSize + 2));
-    m_lines.append(m_name).push_back('\0');
-    m_lines.append(internal::LineAsItCame::text(*value)).push_back('\0');
-    if (m_target) return m_target->header(name, value);
-    HTTPMOMMsgHandler::header(name, value);
+    IncomingMessage::header(name, value);
 }
 
 void RequestReader::takeMemory(std::size_t bytes) {
@@ -262,20 +232,18 @@ void RequestReader::tellHead(HTTPMsgHandler& handler) {
 // A body that is here already is bounded by the window it stands in; others count in the budget.
 void RequestReader::content(ZULInputStream& is, int length) {
     beginBody(length);
-    if (m_target) return m_target->content(is, length);
-    if (!m_waits || length == 0) return HTTPMOMMsgHandler::content(is, length);
+    if (m_target || !m_waits || length == 0) return IncomingMessage::content(is, length);
     BudgetedStream body(is, m_budget, m_budgeted);
-    HTTPMOMMsgHandler::content(body, length);
+    IncomingMessage::content(body, length);
 }
 
 void RequestReader::content(ZULInputStream& is) {
     beginBody(0);
     if (!m_options.policy.strictFraming && !isChunked()) return contentWithoutEnd(is);
     LimitedStream limited(is, m_bodyLeft);
-    if (m_target) return m_target->content(limited);
-    if (!m_waits) return HTTPMOMMsgHandler::content(limited);
+    if (m_target || !m_waits) return IncomingMessage::content(limited);
     BudgetedStream body(limited, m_budget, m_budgeted);
-    HTTPMOMMsgHandler::content(body);
+    IncomingMessage::content(body);
 }
 
 // Whether the head that was read last says so, in the one form that all readers take for it.
@@ -294,37 +262,18 @@ void RequestReader::contentWithoutEnd(ZULInputStream& is) {
         for (char const* const framing : {"content-length", "transfer-encoding"})
             if (equalsInAnyCase(line.name, framing))
                 throw Refusal{400, std::string("bad ") + framing};
-    if (m_target) return m_target->content(is, 0);
-    HTTPMOMMsgHandler::content(is, 0);
+    IncomingMessage::content(is, 0);
 }
 
 void RequestReader::startMultiParts(char const* boundary) {
     beginBody(0);
-    if (m_target) return m_target->startMultiParts(boundary);
-    HTTPMOMMsgHandler::startMultiParts(boundary);
+    IncomingMessage::startMultiParts(boundary);
 }
 
 void RequestReader::startPart() {
     constexpr std::size_t kPart = 512;  // a part without its lines and its body
     if (m_waits) takeMemory(kPart);
-    m_heads.push_back(m_lines.size());
-    if (m_target) return m_target->startPart();
-    HTTPMOMMsgHandler::startPart();
-}
-
-void RequestReader::endPart() {
-    if (m_target) return m_target->endPart();
-    HTTPMOMMsgHandler::endPart();
-}
-
-void RequestReader::endMultiParts(char const* boundary) {
-    if (m_target) return m_target->endMultiParts(boundary);
-    HTTPMOMMsgHandler::endMultiParts(boundary);
-}
-
-void RequestReader::endMessage() {
-    if (m_target) return m_target->endMessage();
-    HTTPMOMMsgHandler::endMessage();
+    IncomingMessage::startPart();
 }
 
 // The client is told when its body has turned out to be wanted.

@@ -10,9 +10,9 @@
 #include "foundation/ZULBufferedInputStream.h"
 
 #include "message/HTTPMessage.h"
-#include "parser/HTTPParser.h"
 #include "service/Budget.h"
 #include "service/Connection.h"
+#include "service/IncomingMessage.h"
 #include "service/Request.h"
 #include "service/RequestSource.h"
 #include "service/ServerOptions.h"
@@ -29,9 +29,8 @@ struct Refusal {
     long code = 0;  // of the HTTPException, if it was one
 };
 
-// Reads requests into a tree, or to the handler that the program chose for the body, with the lines
-// of each head beside it.
-class RequestReader : private HTTPMOMMsgHandler {
+// Reads requests into a tree, or to the handler that the program chose for the body.
+class RequestReader : private IncomingMessage {
 public:
     enum class Outcome {
         whole,     // the request is here
@@ -67,8 +66,8 @@ public:
     [[nodiscard]] int minorVersion() const { return m_parser.getMinorVersion(); }
     [[nodiscard]] bool keepAlive() const { return m_parser.keepAlive(); }
     [[nodiscard]] HTTPMessage& message() { return m_message; }
-    [[nodiscard]] int headCount() const { return static_cast<int>(m_heads.size()); }
-    [[nodiscard]] std::vector<HeadLine> headLines(int head) const;
+    [[nodiscard]] int headCount() const { return m_heads.count(); }
+    [[nodiscard]] std::vector<HeadLine> headLines(int head) const { return m_heads.lines(head); }
 
 private:
     void reset() override;
@@ -78,9 +77,6 @@ private:
     void content(ZULInputStream& is) override;
     void startMultiParts(char const* boundary) override;
     void startPart() override;
-    void endPart() override;
-    void endMultiParts(char const* boundary) override;
-    void endMessage() override;
 
     Outcome parse();
     Outcome refuse(int status, std::string text, long code = 0);
@@ -102,14 +98,11 @@ private:
     HTTPMessage m_message;
     Refusal m_refusal;
     std::string m_uri;
-    std::string m_name;                // of the header line whose event comes, in its letter case
-    std::string m_lines;               // of all heads: names and texts, each with a zero byte
-    std::vector<std::size_t> m_heads;  // where in m_lines each begins
-    std::size_t m_budgeted = 0;        // for the bodies of the tree
+    KeptHeads m_lines;
+    std::size_t m_budgeted = 0;  // for the bodies of the tree
     Connection* m_connection = nullptr;
     bool m_waits = false;
     Choose const* m_choose = nullptr;
-    HTTPMsgHandler* m_target = nullptr;  // of the events, instead of the tree
     bool m_goOnWanted = false;
     long long m_bodyLeft = 0;
     Clock::time_point m_headEnd{};

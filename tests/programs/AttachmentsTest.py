@@ -167,6 +167,13 @@ class Receipts(Attachments):
                       '  c  a;b  100000 bytes decoded\n', done[1])
 
 
+class Examples(Attachments):
+    def test_the_client_lists_what_the_server_sends_back(self):
+        done = self.run_program('attachments_client', f'http://127.0.0.1:{self.echo()}/',
+                                self.file(b'<e/>'), self.file(b'12345', 'a;b'))
+        self.assertEqual((done.returncode, done.stdout), (0, '200 <e/>\na;b: 5 bytes\n'))
+
+
 class Zeep(Attachments):
     def test_reads_mtom(self):
         inner = b'\r\n'.join((

@@ -366,6 +366,7 @@ TEST(ServerAnswers, NodesWriteOnePieceAndPartsWithLengthAndInChunks) {
     EXPECT_TRUE(answer.says("X-Y: 1") && answer.says("Content-Type: a/b")) << answer.head;
     EXPECT_EQ("hello!", answer.body);
     answer = peer.exchange(post("/", "", parts));
+    EXPECT_NE(std::string::npos, answer.head.find("; type=\"text/xml\"\r\n")) << answer.head;
     std::string const boundary = "\r\n--" + answer.body.substr(4, 37);
     EXPECT_EQ(boundary +
                   "\r\nContent-ID: <1>\r\nContent-Length: 4\r\nContent-Type: text/xml\r\n\r\n"

@@ -1,10 +1,10 @@
 #include "tools/common/Boundary.h"
 
 #include <algorithm>
-#include <random>
 
 #include "foundation/AsciiText.h"
 #include "message/HTTPMessage.h"
+#include "service/RandomDigits.h"
 #include "tools/common/BlockReader.h"
 
 namespace {
@@ -19,15 +19,7 @@ bool isPlainBoundary(std::string_view text) {
     return !text.empty() && text.size() <= 70 && std::all_of(text.begin(), text.end(), isPlain);
 }
 
-std::string makeBoundary() {
-    std::random_device device;
-    std::string boundary = "postwire-";
-    for (int word = 0; word < 4; ++word) {
-        for (unsigned int bits = device(), digit = 0; digit < 8; ++digit, bits >>= 4)
-            boundary += hexDigit(bits);
-    }
-    return boundary;
-}
+std::string makeBoundary() { return "postwire-" + postwire::randomDigits(); }
 
 bool boundaryOccurs(std::string const& boundary, std::istream& bytes) {
     std::string const delimiter = "--" + boundary;
