@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -52,13 +53,13 @@ void lookUp(Lookup& lookup) {
     lookup.error = ::getaddrinfo(lookup.host.c_str(), lookup.service.c_str(), &hints, &first);
     lookup.systemError = lookup.error == EAI_SYSTEM ? errno : 0;
     if (lookup.error != 0) return;
+    std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> const all(first, ::freeaddrinfo);
     for (addrinfo const* at = first; at; at = at->ai_next) {
         Address address;
         std::memcpy(&address.bytes, at->ai_addr, at->ai_addrlen);
         address.size = at->ai_addrlen;
         lookup.addresses.push_back(address);
     }
-    ::freeaddrinfo(first);
 }
 
 // A text that is an address is looked up by nobody.
@@ -77,7 +78,11 @@ void startLookup(std::shared_ptr<Lookup> const& lookup, ExchangeWatch& watch) {
     SignalsBlocked const blocked;
     try {
         std::thread([lookup] {
-            lookUp(*lookup);
+            try {
+                lookUp(*lookup);
+            } catch (std::bad_alloc const&) {
+                lookup->error = EAI_MEMORY;
+            }
             lookup->finished.send();
             lookups.fetch_sub(1);
         }).detach();

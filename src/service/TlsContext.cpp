@@ -5,6 +5,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -176,7 +177,11 @@ private:
         if (!host) return 0;
         std::lock_guard<std::mutex> const lock(self->m_mutex);
         if (self->m_resumptions.size() >= kMostSessions) self->m_resumptions.clear();
-        self->m_resumptions[host].reset(given);
+        try {
+            self->m_resumptions[host].reset(given);
+        } catch (std::bad_alloc const&) {
+            return 0;  // the next handshake is a full one
+        }
         return 1;
     }
 

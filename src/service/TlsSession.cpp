@@ -48,7 +48,12 @@ struct DescriptorBio {
         BIO_clear_retry_flags(bio);
         auto const all = static_cast<std::size_t>(size);
         if (self.m_unsent.size() + all > kMostUnsent) return -1;
-        self.m_unsent.append(bytes, all);
+        try {
+            self.m_unsent.append(bytes, all);
+        } catch (std::bad_alloc const&) {
+            self.noteLackOfMemory();
+            return -1;
+        }
         return self.send() ? size : -1;
     }
 
@@ -171,6 +176,10 @@ std::string TlsSession::version() const { return ::SSL_get_version(m_session.get
 
 void TlsSession::fail(int result) {
     m_failed = true;
+    if (m_outOfMemory) {
+        ::ERR_clear_error();
+        throw std::bad_alloc();
+    }
     int const error = ::SSL_get_error(m_session.get(), result);
     unsigned long const code = ::ERR_peek_error();
     char const* const reason = ::ERR_reason_error_string(code);

@@ -19,7 +19,7 @@ struct TlsFailure {
 // not take at once is kept, at most a record and what a handshake says at a time.
 //
 // Ownership: owns the session, not the descriptor.
-// Raises: TlsFailure.
+// Raises: TlsFailure, std::bad_alloc; either ends it.
 class TlsSession {
 public:
     // Takes the session over; `context` is what it goes on with, and lives as long.
@@ -60,6 +60,10 @@ public:
     // What is wrong with the certificate that the peer shows.
     void noteDistrust(std::string text) { m_distrust = std::move(text); }
 
+    // Memory ran out where OpenSSL called: the call that it serves raises std::bad_alloc, as no
+    // exception may pass through OpenSSL.
+    void noteLackOfMemory() { m_outOfMemory = true; }
+
 private:
     friend struct DescriptorBio;
     struct Free {
@@ -74,6 +78,7 @@ private:
     int m_descriptor;
     bool m_established = false;
     bool m_failed = false;
+    bool m_outOfMemory = false;
     int m_systemError = 0;   // of the last receive or send that failed
     bool m_ended = false;    // the descriptor has no more input
     std::string m_distrust;  // what is wrong with the peer's certificate

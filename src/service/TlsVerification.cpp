@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <ctime>
 #include <memory>
+#include <new>
 #include <string>
 
 #include <arpa/inet.h>
@@ -114,9 +115,13 @@ int noteVerification(int accepted, X509_STORE_CTX* verification) {
     auto* const ssl = static_cast<SSL*>(
         ::X509_STORE_CTX_get_ex_data(verification, ::SSL_get_ex_data_X509_STORE_CTX_idx()));
     auto* const session = ssl ? static_cast<TlsSession*>(SSL_get_app_data(ssl)) : nullptr;
-    if (session)
+    if (!session) return accepted;
+    try {
         session->noteDistrust(distrust(::X509_STORE_CTX_get_error(verification),
                                        ::X509_STORE_CTX_get_current_cert(verification)));
+    } catch (std::bad_alloc const&) {
+        session->noteLackOfMemory();
+    }
     return accepted;
 }
 

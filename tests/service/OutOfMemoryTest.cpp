@@ -1,11 +1,14 @@
 #include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <new>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "service/Client.h"
 #include "service/HttpPeer.h"
 #include "service/Server.h"
 
@@ -35,7 +38,8 @@ bool failsNow() {
 namespace {
 
 // Each allocation fails in turn, alone or with all that follow: of a small request, of one that is
-// read elsewhere, and of one that is refused, each on a connection of its own.
+// read elsewhere, of one that is refused, and of a client's look for a name, each on a connection
+// of its own.
 TEST(ServerMemory, ConnectionThatRunsOutOfItEndsAlone) {
     isClient = true;
     postwire::ServerOptions options;
@@ -52,15 +56,26 @@ TEST(ServerMemory, ConnectionThatRunsOutOfItEndsAlone) {
     std::string const wires[] = {post("/a-longer-target-than-most", "x"),
                                  post("/large", std::string(100000, 'x')),
                                  "GET / HTTP/1.1\r\n\r\n"};
+    std::string const url = "http://localhost:" + std::to_string(server.port());
+    std::vector<std::function<void()>> exchanges;
+    for (std::string const& wire : wires)
+        exchanges.emplace_back([&] { HttpPeer(server.port()).exchange(wire); });
+    exchanges.emplace_back([&] {
+        try {
+            postwire::Client().post(url, "text/plain", "x");
+        } catch (postwire::ClientError const&) {
+            // Where the server, or the thread that looks for the name, ran out of it.
+        }
+    });
     HttpPeer before(server.port());
     int failures = 0;
     for (bool const once : {true, false})
-        for (std::string const& wire : wires)
+        for (auto const& exchange : exchanges)
             for (long n = 1, left = 0; left == 0 && n < 1000; ++n) {
                 EXPECT_EQ(200, before.exchange(wires[0]).status);
                 failsOnce = once;
                 allocationsLeft = n;
-                HttpPeer(server.port()).exchange(wire);
+                exchange();
                 left = allocationsLeft.exchange(-1);
                 failures += left <= 0;
                 left = left > 0 ? left : 0;
