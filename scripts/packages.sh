@@ -4,7 +4,7 @@
 # What configuring and building takes, but for what one preset needs beyond it.
 packages_to_build() {
     echo cmake ninja-build g++ googletest python3 pkg-config libcli11-dev nlohmann-json3-dev libssl-dev libpcap-dev \
-        libboost-url1.81-dev
+        libboost-url1.81-dev libpugixml-dev
 }
 
 # The packages that building and testing a preset takes.

@@ -13,6 +13,7 @@ import io
 import json
 import random
 import subprocess
+import unittest
 
 import zeep
 
@@ -172,6 +173,16 @@ class Examples(Attachments):
         done = self.run_program('attachments_client', f'http://127.0.0.1:{self.echo()}/',
                                 self.file(b'<e/>'), self.file(b'12345', 'a;b'))
         self.assertEqual((done.returncode, done.stdout), (0, '200 <e/>\na;b: 5 bytes\n'))
+
+    @unittest.skipIf((programs.FOLDER / 'postwire-send').read_bytes()[4] == 1,
+                     'Debian packages of pugixml for 32 bit are not installed')
+    def test_mtom_is_read_whole(self):
+        body = b'<e><data><xop:Include href="cid:a%40b" xmlns:xop="urn:x"/></data></e>'
+        wire = programs.multipart('B', (['Content-Type: application/xop+xml'], body),
+                                  (['Content-ID: <a@b>', 'Content-Type: a/b'], b'12345'))
+        done = self.run_program('read_mtom', self.file(programs.request(
+            wire, 'Content-Type: multipart/related; boundary=B')))
+        self.assertEqual((done.stdout, done.stderr), ('data: 5 bytes of a/b\n', ''))
 
 
 class Zeep(Attachments):
