@@ -19,10 +19,12 @@ namespace {
     throw ClientError(ClientError::Code::usage, why + ": " + shown);
 }
 
-// Without brackets; a zone is written "%25eth0" in a URL, RFC 6874.
-std::string hostOf(boost::urls::url_view const& url) {
-    std::string host = url.host_address();
-    return host;
+// boost::urls takes what follows the host as port only as far as it has digits, and drops the rest.
+bool hasAllOfAuthority(boost::urls::url_view const& url, std::string_view text) {
+    std::size_t const begin = text.find("//");
+    if (begin == std::string_view::npos) return false;
+    std::string_view const rest = text.substr(begin + 2);
+    return rest.substr(0, rest.find_first_of("/?#")) == std::string_view(url.encoded_authority());
 }
 
 int portOf(boost::urls::url_view const& url, int otherwise) {
@@ -39,10 +41,11 @@ Url parseUrl(std::string_view text) {
     boost::urls::scheme const scheme = url.scheme_id();
     if (scheme != boost::urls::scheme::http && scheme != boost::urls::scheme::https)
         refuse("a URL begins with http:// or https://", text);
+    if (!hasAllOfAuthority(url, text)) refuse("not a URL", text);
     Url result;
     result.isTls = scheme == boost::urls::scheme::https;
     int const usual = result.isTls ? 443 : 80;
-    result.host = hostOf(url);
+    result.host = url.host_address();  // without brackets
     if (result.host.empty()) refuse("a URL names a host", text);
     // Of a name only what can stand in Host and goes to the resolver as it is.
     if (result.host.find_first_of(std::string_view("\0 \r\n/@", 6)) != std::string::npos)

@@ -137,6 +137,17 @@ TEST(ClientConnecting, AddressThatDoesNotAnswerHoldsUpNeitherTheNextNorTheCaller
     EXPECT_EQ(outcomeOf([&] { return Client(options).post(url, "", "a"); }), "connect nothing");
 }
 
+TEST(ClientConnecting, WhatIsNoUrlIsRefused) {
+    ClientOptions options;
+    options.resolve = [](std::string const&) { return std::vector<std::string>(); };
+    Client client(options);
+    for (char const* url : {"http://h:1x", "http://h:1x/a", "http://h:0", "http://h:65536",
+                            "http:///a", "http://a b", "http:h", "//h", "ftp://h", "h", ""})
+        EXPECT_EQ(outcomeOf([&] { return client.post(url, "", "a"); }), "usage nothing") << url;
+    for (char const* url : {"http://h:", "http://h?q", "https://u:p@h:1/a"})
+        EXPECT_EQ(outcomeOf([&] { return client.post(url, "", "a"); }), "resolve nothing") << url;
+}
+
 TEST(ClientConnecting, ConnectionsAreKeptForSeveralThreadsWithinTheLimit) {
     std::mutex mutex;
     std::set<int> peers;
