@@ -102,8 +102,8 @@ void AnswerWriter::begin(Connection& connection, int minorVersion) {
     m_chunks.reset();
     m_toCome.reset();
     m_status = 0;
-    m_waitsSince = {};
-    m_taken = 0;
+    connection.waitsSince = {};
+    connection.taken = 0;
 }
 
 void AnswerWriter::setHeader(std::string_view name, std::string_view text) {
@@ -291,7 +291,7 @@ void AnswerWriter::push(char const* data, std::size_t size) {
         std::size_t const held = m_held.size() - m_sent;
         std::size_t const taken = m_connection->transmit(m_held.data() + m_sent, held, data, size);
         m_sent += std::min(taken, held);
-        m_taken += static_cast<long long>(taken);
+        m_connection->taken += static_cast<long long>(taken);
         std::size_t const ofData = taken - std::min(taken, held);
         data += ofData;
         size -= ofData;
@@ -315,9 +315,11 @@ void AnswerWriter::push(char const* data, std::size_t size) {
 void AnswerWriter::awaitPeer() {
     constexpr std::chrono::seconds kTick{1};
     Clock::time_point now = Clock::now();
-    if (m_waitsSince == Clock::time_point()) m_waitsSince = now;
-    Clock::time_point const end = m_waitsSince + m_options.answerLimit;
-    for (; now < end && !isTooSlow(m_options, now - m_waitsSince, m_taken); now = Clock::now())
+    m_connection->beginWait(now);
+    Clock::time_point const end = m_connection->waitsSince + m_options.answerLimit;
+    for (; now < end &&
+           !isTooSlow(m_options, now - m_connection->waitsSince, m_connection->takenWithin());
+         now = Clock::now())
         if (m_connection->await(POLLOUT, std::min<Clock::time_point>(end, now + kTick))) return;
     m_connection->failed = true;
     throw ServiceError(ServiceError::Code::timeLimit, "the peer does not take its answer");
@@ -339,7 +341,7 @@ void AnswerWriter::leave() {
         std::size_t const taken =
             m_connection->transmit(m_held.data() + m_sent, m_held.size() - m_sent);
         m_sent += taken;
-        m_taken += static_cast<long long>(taken);
+        m_connection->taken += static_cast<long long>(taken);
         if (taken == 0) {
             m_connection->output.assign(m_held, m_sent);
             m_connection->sent = 0;

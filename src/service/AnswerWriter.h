@@ -63,9 +63,6 @@ public:
 
     [[nodiscard]] int status() const { return m_status; }
 
-    // That the system has taken.
-    [[nodiscard]] long long taken() const { return m_taken; }
-
     // Whether a part of the answer has left, so that no other can be given.
     [[nodiscard]] bool hasLeft() const { return m_left; }
 
@@ -78,7 +75,6 @@ private:
     char const* date();
     void put(char const* data, std::size_t size);
     void push(char const* data, std::size_t size);
-
     void awaitPeer();
 
     ServerOptions const& m_options;
@@ -96,8 +92,6 @@ private:
     int m_status = 0;
     bool m_given = false;
     bool m_left = false;
-    Clock::time_point m_waitsSince{};  // once it has waited for the peer
-    long long m_taken = 0;             // by the peer
     std::time_t m_dateTime = -1;
     char m_date[32] = "";  // of m_dateTime
 };

@@ -159,16 +159,31 @@ bool Connection::await(short events, Clock::time_point until) const noexcept {
     }
 }
 
+void Connection::beginWait(Clock::time_point now) noexcept {
+    if (waitsSince != Clock::time_point()) return;
+    waitsSince = now;
+    takenBefore = taken;
+}
+
 bool Connection::isHalfClosed() const noexcept {
     pollfd wanted{fd, POLLRDHUP, 0};
     return ended || ::poll(&wanted, 1, 0) > 0;
 }
 
-void ConnectionList::append(Connection& connection) {
-    connection.previous = m_last;
-    connection.next = nullptr;
-    (m_last ? m_last->next : m_first) = &connection;
-    m_last = &connection;
+void ConnectionList::append(Connection& connection) { putBehind(m_last, connection); }
+
+void ConnectionList::insert(Connection& connection) {
+    Connection* place = m_last;
+    while (place && place->deadline > connection.deadline) place = place->previous;
+    putBehind(place, connection);
+}
+
+// At the beginning where there is no place.
+void ConnectionList::putBehind(Connection* place, Connection& connection) {
+    connection.previous = place;
+    connection.next = place ? place->next : m_first;
+    (place ? place->next : m_first) = &connection;
+    (connection.next ? connection.next->previous : m_last) = &connection;
 }
 
 void ConnectionList::remove(Connection& connection) {

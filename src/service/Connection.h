@@ -72,6 +72,11 @@ struct Connection {
     // Goes on with the handshake of TLS; true when it is over, be it that the connection failed.
     bool shakeHands() noexcept;
 
+    // The peer does not take what there is of an answer: the limits of waiting begin, once for all
+    // of it.
+    void beginWait(Clock::time_point now) noexcept;
+    long long takenWithin() const noexcept { return taken - takenBefore; }  // that wait
+
     // Says that nothing more will be sent.
     void endOutput() noexcept;
 
@@ -112,8 +117,13 @@ struct Connection {
     Clock::time_point answerBegan{};           // to leave, where exchanges are observed
     Clock::time_point began{};                 // the request
     std::string input;  // what came of the next request: of one that has begun, from its first byte
-    std::string output;  // the rest of an answer, from `sent` on
+    // Of the answer that is on its way: its rest, from `sent` on; how much of all of it the system
+    // has taken; since when the peer has been waited for, and how much was taken before.
+    std::string output;
     std::size_t sent = 0;
+    long long taken = 0;
+    Clock::time_point waitsSince{};
+    long long takenBefore = 0;
     std::size_t budgeted = 0;  // of the server's budget, for `output`
 
 private:
@@ -122,18 +132,23 @@ private:
                             std::size_t secondSize);
 };
 
-// Connections in the order in which their deadlines end.
+// Connections, where they have deadlines in the order in which these end.
 class ConnectionList {
 public:
     bool empty() const { return m_first == nullptr; }
     Connection* front() const { return m_first; }
     void append(Connection& connection);
+
+    // Where its deadline belongs; next to the end, as a rule.
+    void insert(Connection& connection);
     void remove(Connection& connection);
 
     // Removes the first; null when there is none.
     Connection* take();
 
 private:
+    void putBehind(Connection* place, Connection& connection);
+
     Connection* m_first = nullptr;
     Connection* m_last = nullptr;
 };

@@ -170,7 +170,6 @@ void Exchange::report() {
     }
     report->status = answer.status();
     report->bytesIn = reader.received();
-    report->bytesOut = answer.taken();
     Clock::time_point const head = reader.headEnd();
     bool const hasHead = head != Clock::time_point();
     bool const hasBegun = connection->began != Clock::time_point();

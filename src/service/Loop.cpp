@@ -274,7 +274,9 @@ bool Loop::settle(Connection& connection) {
     if (connection.failed || (connection.ended && connection.closing && written)) {
         close(connection);
     } else if (!written) {
-        enlist(connection, Connection::State::writing, m_core.options().answerLimit);
+        connection.beginWait(m_now);
+        enlist(connection, Connection::State::writing,
+               connection.waitsSince + m_core.options().answerLimit - m_now);
     } else if (connection.closing) {
         startDiscarding(connection);
     } else if (connection.pending || connection.ended || !connection.input.empty()) {
@@ -308,6 +310,7 @@ bool Loop::writeOn(Connection& connection) try {
             connection.transmit(output.data() + connection.sent, output.size() - connection.sent);
         if (taken == 0) return false;
         connection.sent += taken;
+        connection.taken += static_cast<long long>(taken);
     }
     std::string().swap(output);
     return connection.flush();
@@ -348,14 +351,13 @@ void Loop::expire() {
     while (!m_idle.empty() && (stops || m_idle.front()->deadline <= m_now)) close(*m_idle.front());
 }
 
-// Who takes fewer bytes than the lowest rate. The deadline tells when an answer began to wait.
+// Who takes fewer bytes than the lowest rate.
 void Loop::cutOffSlow() {
     m_ratesSeen = m_now;
     for (Connection* next = m_writing.front(); next != nullptr;) {
         Connection& connection = *std::exchange(next, next->next);
-        Clock::time_point const began = connection.deadline - m_core.options().answerLimit;
-        auto const sent = static_cast<long long>(connection.sent);
-        if (!isTooSlow(m_core.options(), m_now - began, sent)) continue;
+        Clock::duration const waits = m_now - connection.waitsSince;
+        if (!isTooSlow(m_core.options(), waits, connection.takenWithin())) continue;
         connection.failed = true;
         close(connection);
     }
@@ -389,7 +391,7 @@ void Loop::enlist(Connection& connection, Connection::State state, Clock::durati
     connection.state = state;
     if (state == Connection::State::idle) m_core.countIdle(1);
     connection.deadline = m_now + limit;
-    listOf(state).append(connection);
+    listOf(state).insert(connection);
 }
 
 void Loop::takeOut(Connection& connection) {

@@ -261,7 +261,7 @@ void ServerCore::turnAway(std::unique_ptr<Connection> connection) noexcept {
 
 void ServerCore::report(Connection& connection) noexcept {
     std::unique_ptr<ExchangeReport> const report = std::move(connection.report);
-    report->bytesOut += static_cast<long long>(connection.sent);
+    report->bytesOut = connection.taken;
     report->answer = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() -
                                                                            connection.answerBegan);
     runQuietly([&] {
