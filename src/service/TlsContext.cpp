@@ -87,9 +87,24 @@ void useCertificate(SSL_CTX* context, std::string const& certificate, std::strin
     require(::SSL_CTX_check_private_key(context), "the certificate is not of the key in", key);
 }
 
+// Of what the system's policy allows for TLS 1.2, the suites whose keys are made for the session
+// alone and that seal what they encrypt, RFC 9325 section 4.2. A policy without any stays as it is.
+void dropWeakCiphers(SSL_CTX* context) {
+    std::string strong;
+    STACK_OF(SSL_CIPHER) const* const allowed = ::SSL_CTX_get_ciphers(context);
+    for (int i = 0; i < sk_SSL_CIPHER_num(allowed); ++i) {
+        SSL_CIPHER const* const cipher = sk_SSL_CIPHER_value(allowed, i);
+        int const exchange = ::SSL_CIPHER_get_kx_nid(cipher);
+        if ((exchange == NID_kx_ecdhe || exchange == NID_kx_dhe) && ::SSL_CIPHER_is_aead(cipher))
+            strong.append(strong.empty() ? "" : ":").append(::SSL_CIPHER_get_name(cipher));
+    }
+    if (!strong.empty()) ::SSL_CTX_set_cipher_list(context, strong.c_str());
+}
+
 Context makeServer(TlsContext::Server const& files) {
     Context context = makeContext(::TLS_server_method());
     SSL_CTX* const raw = context.get();
+    dropWeakCiphers(raw);
     useCertificate(raw, files.certificate, files.key);
     SSL_CTX_set_session_cache_mode(raw, SSL_SESS_CACHE_OFF);  // tickets hold all that there is
     ::SSL_CTX_set_alpn_select_cb(raw, chooseProtocol, nullptr);
@@ -120,7 +135,8 @@ Context makeClient(TlsContext::Client const& files) {
     return context;
 }
 
-// What resumes sessions outlives a change of certificates.
+// What resumes sessions outlives a change of certificates, but for those of clients: they have to
+// be judged anew.
 void keepTicketKeys(SSL_CTX* from, SSL_CTX* to) {
     std::array<unsigned char, 256> keys{};
     long const size = SSL_CTX_get_tlsext_ticket_keys(from, nullptr, 0);
@@ -147,7 +163,8 @@ public:
         SSL_CTX_set_app_data(context.get(), this);
         if (!m_isServer) ::SSL_CTX_sess_set_new_cb(context.get(), &State::keep);
         std::lock_guard<std::mutex> const lock(m_mutex);
-        if (m_context && m_isServer) keepTicketKeys(m_context.get(), context.get());
+        if (m_context && m_isServer && m_server.clientAuthorities.empty())
+            keepTicketKeys(m_context.get(), context.get());
         m_context.swap(context);
         m_resumptions.clear();
     }
@@ -173,12 +190,11 @@ private:
     // Of TLS 1.3 a session comes when the handshake is over.
     static int keep(SSL* session, SSL_SESSION* given) {
         auto* const self = static_cast<State*>(SSL_CTX_get_app_data(::SSL_get_SSL_CTX(session)));
-        char const* const host = ::SSL_get_servername(session, TLSEXT_NAMETYPE_host_name);
-        if (!host) return 0;
+        auto const* const connection = static_cast<TlsSession const*>(SSL_get_app_data(session));
         std::lock_guard<std::mutex> const lock(self->m_mutex);
         if (self->m_resumptions.size() >= kMostSessions) self->m_resumptions.clear();
         try {
-            self->m_resumptions[host].reset(given);
+            self->m_resumptions[connection->peerName()].reset(given);
         } catch (std::bad_alloc const&) {
             return 0;  // the next handshake is a full one
         }
@@ -231,8 +247,9 @@ std::unique_ptr<TlsSession> TlsContext::connect(int descriptor, std::string cons
         ::SSL_ctrl(session, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name, name.data());
         ::X509_VERIFY_PARAM_set_hostflags(wanted, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
         ::X509_VERIFY_PARAM_set1_host(wanted, name.c_str(), 0);
-        m_state->resume(session, name);
     }
+    m_state->resume(session, name);
+    result->setPeerName(std::move(name));
     return result;
 }
 

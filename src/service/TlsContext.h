@@ -10,8 +10,9 @@ namespace postwire {
 class TlsSession;
 
 // What TLS connections have in common: certificate, key, and whom they trust. TLS 1.2 and 1.3 with
-// the ciphers that the system's configuration allows, the protocol "http/1.1", and sessions that
-// can be resumed.
+// the ciphers that the system's configuration allows, of which servers take those alone that have
+// forward secrecy and authenticated encryption; the protocol "http/1.1"; and sessions that can be
+// resumed.
 //
 // Ownership: copies share one state.
 // Raises: ServiceError::Code::certificate, with the file and what is wrong with it.

@@ -172,6 +172,8 @@ void TlsSession::close() noexcept {
     send();
 }
 
+bool TlsSession::isResumed() const { return ::SSL_session_reused(m_session.get()) == 1; }
+
 std::string TlsSession::version() const { return ::SSL_get_version(m_session.get()); }
 
 void TlsSession::fail(int result) {

@@ -50,12 +50,19 @@ public:
     // Says that no more will be sent. Raises nothing.
     void close() noexcept;
 
+    // Whether an earlier session went on.
+    [[nodiscard]] bool isResumed() const;
+
     // "TLSv1.3".
     [[nodiscard]] std::string version() const;
 
     // Of the certificate that the peer has shown and that was verified, as RFC 2253 writes it;
     // empty for none.
     [[nodiscard]] std::string peerSubject() const;
+
+    // Under which name the client's side keeps the session, to go on with it later.
+    void setPeerName(std::string name) { m_peerName = std::move(name); }
+    [[nodiscard]] std::string const& peerName() const { return m_peerName; }
 
     // What is wrong with the certificate that the peer shows.
     void noteDistrust(std::string text) { m_distrust = std::move(text); }
@@ -79,8 +86,9 @@ private:
     bool m_established = false;
     bool m_failed = false;
     bool m_outOfMemory = false;
-    int m_systemError = 0;   // of the last receive or send that failed
-    bool m_ended = false;    // the descriptor has no more input
+    int m_systemError = 0;  // of the last receive or send that failed
+    bool m_ended = false;   // the descriptor has no more input
+    std::string m_peerName;
     std::string m_distrust;  // what is wrong with the peer's certificate
     std::string m_unsent;    // from m_sent on
     std::size_t m_sent = 0;

@@ -49,7 +49,7 @@ void WireTrace::record(char const* verb, iovec first, iovec second) noexcept {
     std::size_t const size = first.iov_len + second.iov_len;
     int length = std::snprintf(text, sizeof text, "\n<%s[%zu]>\n", verb, size);
     iovec pieces[3] = {pieceOf(text, static_cast<std::size_t>(length)), first, second};
-    write(m_bytes, pieces, 3);
+    if (m_bytes.get() != -1) write(m_bytes, pieces, 3);
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     length = std::snprintf(text, sizeof text, "%c %zu %lld.%06ld\n", *verb == 'r' ? 'r' : 's', size,

@@ -19,7 +19,7 @@ namespace postwire {
 //   can't be written, as on a full disk, ends the trace; nothing is raised.
 class WireTrace {
 public:
-    // Takes over two empty files.
+    // Takes over two empty files; without the first it writes down times alone.
     WireTrace(Descriptor bytes, Descriptor times, bool isClearTextOfTls = false);
 
     void received(char const* bytes, std::size_t n) noexcept;

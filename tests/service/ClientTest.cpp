@@ -9,7 +9,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "service/Certificates.h"
 #include "service/Client.h"
+#include "service/HttpPeer.h"
 #include "service/ScriptedServer.h"
 #include "service/Server.h"
 #include "support/CaseFile.h"
@@ -55,23 +57,25 @@ OutgoingBody bodyOf(std::size_t size, bool isChunked, std::size_t written) {
     return body;
 }
 
-class ClientExchange : public testing::TestWithParam<TestCase> {};
+class ClientExchange : public testing::TestWithParam<std::tuple<TestCase, bool>> {};
 
 TEST_P(ClientExchange, EndsAsItShould) {
-    TestCase const& row = GetParam();
+    auto const& [row, isTls] = GetParam();
     std::string const& calls = row["calls"];
     auto const says = [&](char const* word) { return calls.find(word) != std::string::npos; };
-    ScriptedServer server(row["does"]);
+    ScriptedServer::Tls tls;
+    if (isTls) tls = postwire::TlsContext::server(certificates().server("good"));
+    ScriptedServer server(row["does"], tls);
     ClientOptions options;
     options.continueAbove = says("asks") ? 10 : 100000000;
     options.continueLimit = says("asks") ? std::chrono::seconds(20) : milliseconds(10);
-    Client client(options);
+    Client client(options, certificates().trusting());
     postwire::Cancellation cancellation;
     PostOptions post;
     post.repeatable = says("repeatable");
     post.raiseForStatus = says("status");
     post.cancellation = &cancellation;
-    if (says("limited")) post.limit = milliseconds(200);
+    if (says("limited")) post.limit = milliseconds(500);
     if (says("injected")) post.fields = {{"X", "a\r\nb"}};
     std::size_t const size = says("large") ? 20000000 : 100;
     OutgoingBody const body = bodyOf(size, says("chunked"), says("short") ? 99 : size);
@@ -86,31 +90,31 @@ TEST_P(ClientExchange, EndsAsItShould) {
     if (canceller.joinable()) canceller.join();
     // Where it is cancelled before it began.
     if (says("cancelled") && last == "cancelled nothing") last = "cancelled all";
-    EXPECT_EQ(last, row["ends"]);
+    EXPECT_EQ(last, row[isTls && row.has("within TLS") ? "within TLS" : "ends"]);
 }
 
-std::string nameOfRow(testing::TestParamInfo<TestCase> const& info) {
-    return "line_" + std::to_string(info.param.line());
+std::string nameOfRow(testing::TestParamInfo<std::tuple<TestCase, bool>> const& row) {
+    return "line_" + std::to_string(std::get<0>(row.param).line()) +
+           (std::get<1>(row.param) ? "_tls" : "");
 }
-INSTANTIATE_TEST_SUITE_P(Rows, ClientExchange, testing::ValuesIn(loadCases("client_exchanges.txt")),
+INSTANTIATE_TEST_SUITE_P(Rows, ClientExchange,
+                         testing::Combine(testing::ValuesIn(loadCases("client_exchanges.txt")),
+                                          testing::Bool()),
                          nameOfRow);
 
 // A socket that listens and takes no connection.
 int deafPort(std::vector<int>& sockets) {
+    int port = 0;
+    sockets.push_back(listenOnLoopback(port, 0));
     sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
     auto* const any = reinterpret_cast<sockaddr*>(&address);
-    sockets.push_back(::socket(AF_INET, SOCK_STREAM, 0));
-    ::bind(sockets[0], any, size);
-    ::listen(sockets[0], 0);
     ::getsockname(sockets[0], any, &size);
     for (int i = 0; i < 8; ++i) {  // its backlog is full
         sockets.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
         ::connect(sockets.back(), any, size);
     }
-    return ntohs(address.sin_port);
+    return port;
 }
 
 TEST(ClientConnecting, AddressThatDoesNotAnswerHoldsUpNeitherTheNextNorTheCaller) {

@@ -112,6 +112,20 @@ bool HttpPeer::isCutOff(std::size_t takes) const {
     return false;
 }
 
+int listenOnLoopback(int& port, int backlog) {
+    int const listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* const any = reinterpret_cast<sockaddr*>(&address);
+    ::bind(listener, any, size);
+    ::listen(listener, backlog);
+    ::getsockname(listener, any, &size);
+    port = ntohs(address.sin_port);
+    return listener;
+}
+
 std::string post(std::string_view uri, std::string_view body, std::string_view lines) {
     std::string text = "POST " + std::string(uri) + " HTTP/1.1\r\nHost: a\r\n" + std::string(lines);
     text += "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n";

@@ -44,12 +44,17 @@ public:
     // Waits until the server resets the connection, and takes so many bytes five times a second.
     bool isCutOff(std::size_t takes = 0) const;
 
+    [[nodiscard]] int socket() const { return m_socket; }
+
 private:
     bool more();
 
     int m_socket;
     std::string m_got;
 };
+
+// A socket that listens on loopback, and where.
+int listenOnLoopback(int& port, int backlog = 16);
 
 // A request for `uri` with a body and further head lines.
 std::string post(std::string_view uri, std::string_view body = {}, std::string_view lines = {});

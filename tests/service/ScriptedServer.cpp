@@ -3,22 +3,14 @@
 #include <sstream>
 #include <string_view>
 
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-ScriptedServer::ScriptedServer(std::string const& script)
-    : m_socket(::socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* const any = reinterpret_cast<sockaddr*>(&address);
-    ::bind(m_socket, any, size);
-    ::listen(m_socket, 16);
-    ::getsockname(m_socket, any, &size);
-    m_port = ntohs(address.sin_port);
+#include "service/HttpPeer.h"
+
+ScriptedServer::ScriptedServer(std::string const& script, Tls tls)
+    : m_socket(listenOnLoopback(m_port)), m_tls(std::move(tls)) {
     m_thread = std::thread([this, script] { run(script); });
 }
 
@@ -40,7 +32,13 @@ void ScriptedServer::run(std::string const& script) {
         m_isWaiting = true;
         int const connection = ::accept(m_socket, nullptr, nullptr);
         if (connection == -1) return;
-        serve(connection, script.substr(at, end == std::string::npos ? end : end - at));
+        try {
+            if (m_tls) m_line = std::make_unique<postwire::TlsSocket>(*m_tls, ::dup(connection));
+            serve(connection, script.substr(at, end == std::string::npos ? end : end - at));
+        } catch (SoapSocketException const&) {
+            // The client has gone.
+        }
+        m_line.reset();
         ::close(connection);
         at = end == std::string::npos ? end : end + 3;
     }
@@ -54,13 +52,19 @@ void ScriptedServer::serve(int connection, std::string const& steps) {
         if (step == "read" || step == "head") m_received.clear();
         if (step == "read" || step == "body") receiveUntil(connection, true);
         if (step == "head") receiveUntil(connection, false);
-        if (step.compare(0, 4, "say ") == 0)
-            ::send(connection, step.data() + 4, step.size() - 4, MSG_NOSIGNAL);
+        if (step.compare(0, 4, "say ") == 0) {
+            if (m_line)
+                m_line->getOutputStream()->write(step.data() + 4,
+                                                 static_cast<int>(step.size() - 4));
+            else
+                ::send(connection, step.data() + 4, step.size() - 4, MSG_NOSIGNAL);
+        }
         if (step == "await") {
             char block[65536];
-            while (::recv(connection, block, sizeof block, 0) > 0) {
+            while (receive(connection, block, sizeof block) > 0) {
             }
         }
+        if (step == "cut") ::shutdown(connection, SHUT_RDWR);
         pollfd end{m_socket, POLLRDHUP, 0};
         if (step == "hold") ::poll(&end, 1, 20000);
         linger const atOnce{1, 0};
@@ -68,6 +72,13 @@ void ScriptedServer::serve(int connection, std::string const& steps) {
             ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
         m_isWaiting = false;
     }
+}
+
+int ScriptedServer::receive(int connection, char* block, int size) {
+    if (!m_line)
+        return static_cast<int>(::recv(connection, block, static_cast<std::size_t>(size), 0));
+    if (m_line->version().empty()) m_line->shakeHands(), m_resumed += m_line->isResumed();
+    return m_line->getInputStream()->read(block, size);
 }
 
 bool ScriptedServer::receiveUntil(int connection, bool wholeRequest) {
@@ -84,7 +95,7 @@ bool ScriptedServer::receiveUntil(int connection, bool wholeRequest) {
             if (!wholeRequest || isWhole) return true;
         }
         // Of a head no byte more.
-        ssize_t const n = ::recv(connection, block, wholeRequest ? sizeof block : 1, 0);
+        int const n = receive(connection, block, wholeRequest ? sizeof block : 1);
         if (n <= 0) return false;
         m_received.append(block, static_cast<std::size_t>(n));
     }

@@ -1,12 +1,17 @@
-#include <cstdlib>
+#include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
+#include "service/Certificates.h"
 #include "service/Client.h"
+#include "service/CuttingRelay.h"
 #include "service/HttpPeer.h"
+#include "service/ScriptedServer.h"
 #include "service/Server.h"
 #include "support/CaseFile.h"
 
@@ -17,30 +22,6 @@ using postwire::ClientError;
 using postwire::ClientOptions;
 using postwire::TlsContext;
 using std::chrono::milliseconds;
-
-// Made once for all tests of this run, and left for no one.
-class Certificates {
-public:
-    Certificates() : m_folder("/tmp/postwire-tls-XXXXXX") {
-        if (!::mkdtemp(m_folder.data())) std::abort();
-        std::string const command =
-            "sh " POSTWIRE_TEST_DATA "/../support/certificates.sh " + m_folder + " 2>/dev/null";
-        if (std::system(command.c_str()) != 0) std::abort();
-    }
-    ~Certificates() { std::filesystem::remove_all(m_folder); }
-    [[nodiscard]] std::string path(std::string const& file) const { return m_folder + "/" + file; }
-    [[nodiscard]] TlsContext::Server server(std::string const& name) const {
-        return {path(name + ".pem"), path(name + ".key"), {}};
-    }
-
-private:
-    std::string m_folder;
-};
-
-Certificates const& certificates() {
-    static Certificates const kCertificates;
-    return kCertificates;
-}
 
 class TlsServer {
 public:
@@ -116,11 +97,9 @@ std::string nameOfRow(testing::TestParamInfo<TestCase> const& info) {
 INSTANTIATE_TEST_SUITE_P(Rows, TlsExchange, testing::ValuesIn(loadCases("tls_exchanges.txt")),
                          nameOfRow);
 
-TlsContext trusting() { return TlsContext::client({certificates().path("ca.pem"), {}, {}, true}); }
-
 TEST(TlsTransfer, LargeBodiesArriveWholeBothWays) {
     TlsServer const server(TlsContext::server(certificates().server("good")));
-    Client client(ClientOptions(), trusting());
+    Client client(ClientOptions(), certificates().trusting());
     std::string body(5000000, 'x');
     for (std::size_t i = 0; i < body.size(); i += 997) body[i] = static_cast<char>('a' + i % 26);
     for (int i = 0; i < 3; ++i)
@@ -132,12 +111,58 @@ TEST(TlsHandshake, UnfinishedOneHoldsUpNobodyAndIsCutOff) {
     TlsServer const server(TlsContext::server(certificates().server("good")));
     HttpPeer silent(server.port()), stuck(server.port()), clear(server.port());
     stuck.send(std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc", 9));
-    Client client(ClientOptions(), trusting());
+    Client client(ClientOptions(), certificates().trusting());
     EXPECT_TRUE(client.post("https://" + server.authority("localhost"), "", "a").isGood());
     clear.send("POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 0\r\n\r\n");
     EXPECT_EQ(clear.receive().status, 0);
     EXPECT_TRUE(silent.isClosed());
     EXPECT_TRUE(stuck.isClosed());
+}
+
+TEST(TlsHandshake, CutAtAnyByteIsAnErrorOfThatConnectionAlone) {
+    TlsServer const server(TlsContext::server(certificates().server("good")));
+    CuttingRelay relay(server.port());
+    std::string const url = "https://127.0.0.1:" + std::to_string(relay.port());
+    std::size_t size[2] = {SIZE_MAX, SIZE_MAX};
+    auto const post = [&] {  // with a handshake of its own
+        Client client(ClientOptions(), certificates().trusting());
+        try {
+            EXPECT_EQ(client.post(url, "", "a").body(), "TLSv1.3");
+            for (int side = 0; side < 2; ++side) size[side] = relay.passed(side);
+            return true;
+        } catch (ClientError const& e) {
+            EXPECT_TRUE(e.code() != ClientError::Code::tls ||
+                        e.sent() == ClientError::Sent::nothing);
+            return false;
+        }
+    };
+    ASSERT_TRUE(post());
+    ASSERT_GT(size[0] + size[1], 1000U);
+    for (int side = 0; side < 2; ++side) {
+        for (std::size_t after = 0; after + 8 < size[side]; ++after) {
+            relay.cut(side, after);
+            EXPECT_FALSE(post()) << side << " " << after;
+        }
+        relay.cut(side, SIZE_MAX);
+        EXPECT_TRUE(post());
+    }
+}
+
+TEST(TlsSocket, WriteToAPeerThatHasGoneRaisesAnErrorAndNoSignal) {
+    ASSERT_EQ(std::signal(SIGPIPE, SIG_DFL), SIG_DFL);
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    postwire::TlsSocket ours(TlsContext::server(certificates().server("good")), ends[0]);
+    std::thread peer(
+        [&] { postwire::TlsSocket(certificates().trusting(), "localhost", ends[1]).shakeHands(); });
+    EXPECT_EQ(ours.getInputStream()->read(), -1);
+    peer.join();
+    try {
+        ours.getOutputStream()->write("a", 1);
+        ADD_FAILURE();
+    } catch (SoapSocketException& e) {
+        EXPECT_EQ(e.systemError(), EPIPE);
+    }
 }
 
 TEST(TlsContext, ReloadedCertificateIsForConnectionsToCome) {
@@ -151,7 +176,8 @@ TEST(TlsContext, ReloadedCertificateIsForConnectionsToCome) {
     copy("good");
     TlsContext tls = TlsContext::server(certificates().server("live"));
     TlsServer const server(tls);
-    Client kept(ClientOptions(), trusting()), fresh(ClientOptions(), trusting());
+    Client kept(ClientOptions(), certificates().trusting()),
+        fresh(ClientOptions(), certificates().trusting());
     std::string const url = "https://" + server.authority("127.0.0.1");
     EXPECT_TRUE(kept.post(url, "", "a").isGood());
     copy("other");
