@@ -127,10 +127,12 @@ int TlsSession::read(char* bytes, std::size_t size) {
 
 std::size_t TlsSession::write(char const* bytes, std::size_t size) {
     std::size_t taken = 0;
-    while (taken < size && flush()) {
+    while (taken < size && (taken > 0 ? send() && !hasUnsent() : flush())) {
         std::size_t const piece = std::min(size - taken, kRecord);
         ::ERR_clear_error();
         int const result = ::SSL_write(m_session.get(), bytes + taken, static_cast<int>(piece));
+        // What went out before is told first: the next call fails again.
+        if (result <= 0 && taken > 0) return taken;
         if (result <= 0) fail(result);
         taken += static_cast<std::size_t>(result);
     }
