@@ -113,8 +113,10 @@ int TlsSession::read(char* bytes, std::size_t size) {
     ::ERR_clear_error();
     int const result =
         ::SSL_read(m_session.get(), bytes, static_cast<int>(std::min<std::size_t>(size, INT_MAX)));
-    if (hasUnsent()) flush();
+    // What can't be sent stops no reading of what the peer said before.
+    bool const canSend = !hasUnsent() || send();
     if (result > 0) return result;
+    if (!canSend) fail(result);
     switch (::SSL_get_error(m_session.get(), result)) {
         case SSL_ERROR_WANT_READ:
             return -1;

@@ -31,7 +31,7 @@ void CuttingRelay::run() {
 }
 
 bool CuttingRelay::handOn(int const (&sockets)[2], int side) {
-    char piece[7];
+    char piece[256];
     std::size_t const left = m_most[side] - m_passed[side];
     ssize_t const n = ::recv(sockets[side], piece, std::min(left, sizeof piece), 0);
     if (n <= 0 || ::send(sockets[1 - side], piece, static_cast<std::size_t>(n), MSG_NOSIGNAL) != n)

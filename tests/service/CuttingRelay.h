@@ -5,7 +5,7 @@
 #include <thread>
 
 // Stands between clients and a server, one connection after the other: what a side says goes on in
-// small pieces, and where it has said enough, both lose their connection.
+// pieces, and where it has said enough, both lose their connection.
 class CuttingRelay {
 public:
     explicit CuttingRelay(int target);
