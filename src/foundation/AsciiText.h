@@ -48,6 +48,10 @@ constexpr bool isHexDigit(char c) { return hexDigitValue(c) >= 0; }
 constexpr char hexDigit(unsigned value) { return "0123456789abcdef"[value & 15U]; }
 constexpr char upperHexDigit(unsigned value) { return "0123456789ABCDEF"[value & 15U]; }
 
+// RFC 4648 section 4: the digit for each six bits.
+inline constexpr std::string_view kBase64Digits =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
 // The lower-case form of each character of a token, RFC 9110 section 5.6.2; 0 for all others.
 inline constexpr std::array<char, 256> kTokenLowerCase = [] {
     std::array<char, 256> table{};

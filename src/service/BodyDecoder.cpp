@@ -17,9 +17,7 @@ constexpr std::array<std::uint32_t, 256> kValues = [] {
     std::array<std::uint32_t, 256> values{};
     for (std::uint32_t& value : values) value = kNone;
     std::uint32_t next = 0;
-    for (char const c : std::string_view("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
-                                         "0123456789+/"))
-        values[static_cast<unsigned char>(c)] = next++;
+    for (char const c : kBase64Digits) values[static_cast<unsigned char>(c)] = next++;
     return values;
 }();
 
@@ -96,8 +94,7 @@ char* BodyDecoder::decodeBase64(std::string_view piece, char* out) {
 }
 
 char* BodyDecoder::takeBase64(unsigned char c, char* out) {
-    bool const isSpace = c == '\r' || c == '\n' || c == ' ' || c == '\t';
-    if (isSpace) return out;
+    if (c == '\r' || c == '\n' || isBlank(static_cast<char>(c))) return out;
     if (m_ended) {
         refuse("base64 that goes on behind its end");
         return out;

@@ -7,8 +7,8 @@ namespace postwire {
 std::string percentDecoded(std::string_view text) {
     std::string bytes;
     for (std::size_t i = 0; i < text.size(); ++i) {
-        bool const isEncoded = text[i] == '%' && i + 2 < text.size() &&
-                               hexDigitValue(text[i + 1]) >= 0 && hexDigitValue(text[i + 2]) >= 0;
+        bool const isEncoded = text[i] == '%' && i + 2 < text.size() && isHexDigit(text[i + 1]) &&
+                               isHexDigit(text[i + 2]);
         bytes +=
             isEncoded
                 ? static_cast<char>(hexDigitValue(text[i + 1]) * 16 + hexDigitValue(text[i + 2]))
@@ -20,8 +20,7 @@ std::string percentDecoded(std::string_view text) {
 
 void appendPercentEncoded(std::string& to, std::string_view bytes) {
     for (char const c : bytes) {
-        if (isLetterOrDigit(c) ||
-            (c != '\0' && std::string_view("!#$&+-.^_`|~").find(c) != std::string_view::npos)) {
+        if (isTokenCharacter(c) && std::string_view("*'%").find(c) == std::string_view::npos) {
             to += c;
             continue;
         }

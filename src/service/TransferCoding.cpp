@@ -17,7 +17,6 @@ constexpr std::array<std::string_view, 5> kNames = {"7bit", "8bit", "binary", "b
 constexpr std::size_t kBlock = 16384;
 constexpr std::size_t kBytesOfLine = 57;        // 76 characters in base64
 constexpr std::size_t kLongestQuotedLine = 75;  // and a "=" behind it
-constexpr char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 bool isBlankOrReturn(char c) { return isBlank(c) || c == '\r'; }
 
@@ -79,9 +78,9 @@ void EncodingOutputStream::addBase64Line(std::string_view bytes) {
         std::uint32_t bits = 0;
         for (std::size_t i = 0; i < 3; ++i)
             bits = bits << 8 | (i < n ? static_cast<unsigned char>(bytes[i]) : 0U);
-        char const four[] = {kBase64[bits >> 18], kBase64[bits >> 12 & 63],
-                             n > 1 ? kBase64[bits >> 6 & 63] : '=',
-                             n > 2 ? kBase64[bits & 63] : '='};
+        char const four[] = {kBase64Digits[bits >> 18], kBase64Digits[bits >> 12 & 63],
+                             n > 1 ? kBase64Digits[bits >> 6 & 63] : '=',
+                             n > 2 ? kBase64Digits[bits & 63] : '='};
         m_encoded.append(four, sizeof four);
         bytes.remove_prefix(n);
     }

@@ -6,6 +6,7 @@
 // needs it.
 #include <boost/url/src.hpp>
 
+#include "foundation/AsciiText.h"
 #include "service/ClientError.h"
 
 namespace postwire {
@@ -65,7 +66,6 @@ Url parseUrl(std::string_view text) {
 }
 
 std::string basicCredentials(std::string_view credentials) {
-    constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string text = "Basic ";
     for (std::size_t at = 0; at < credentials.size(); at += 3) {
         std::string_view const group = credentials.substr(at, 3);
@@ -73,7 +73,7 @@ std::string basicCredentials(std::string_view credentials) {
         for (std::size_t i = 0; i < 3; ++i)
             bits = bits << 8 | (i < group.size() ? static_cast<unsigned char>(group[i]) : 0U);
         for (std::size_t i = 0; i < 4; ++i)
-            text += i <= group.size() ? kDigits[bits >> (18 - 6 * i) & 63] : '=';
+            text += i <= group.size() ? kBase64Digits[bits >> (18 - 6 * i) & 63] : '=';
     }
     return text;
 }

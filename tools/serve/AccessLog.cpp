@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <ctime>
 #include <iomanip>
 #include <iterator>
@@ -16,6 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "foundation/AsciiText.h"
 #include "tools/serve/Complaints.h"
 
 namespace {
@@ -40,13 +40,12 @@ std::string now(char const* format) {
 std::string quoted(std::string const& text) {
     std::string result = "\"";
     for (char const c : text.empty() ? "-" : text) {
-        char escaped[8];
         bool const isPlain = c >= ' ' && c < '\x7F' && c != '"' && c != '\\';
-        std::snprintf(escaped, sizeof escaped, "\\x%02X", static_cast<unsigned char>(c));
+        auto const byte = static_cast<unsigned char>(c);
         if (isPlain)
             result += c;
         else
-            result += escaped;
+            result += {'\\', 'x', upperHexDigit(byte >> 4U), upperHexDigit(byte)};
     }
     return result + "\"";
 }

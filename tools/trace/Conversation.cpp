@@ -29,8 +29,10 @@ Head headOf(std::string_view bytes) {
         if (empty && begin != bytes.npos) return {bytes.substr(begin, at - begin), end, true};
         if (!empty) begin = std::min(begin, at);
     }
-    if (begin == bytes.npos) begin = std::min(bytes.find_first_not_of("\r\n \t"), bytes.size());
-    return {bytes.substr(begin), bytes.size(), false};
+    std::size_t const size = bytes.size();
+    while (begin == bytes.npos && !bytes.empty() && isAsciiSpace(bytes.front()))
+        bytes.remove_prefix(1);
+    return {bytes.substr(begin == bytes.npos ? 0 : begin), size, false};
 }
 
 // RFC 9110 sections 15.2, 15.3.5 and 15.4.5: 1xx, 204 and 304 end with their head.
