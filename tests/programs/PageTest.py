@@ -11,6 +11,22 @@ picture = sys.argv.pop(2) if len(sys.argv) > 2 else None
 import programs
 from TraceTest import demonstration, hostile
 
+# The least contrast of a text with what is behind it, and what gave it.
+CONTRAST = '''
+const light = color => color.match(/[\\d.]+/g).slice(0, 3).map(c => c / 255)
+    .map(c => c <= .04045 ? c / 12.92 : ((c + .055) / 1.055) ** 2.4)
+    .reduce((sum, c, i) => sum + c * [.2126, .7152, .0722][i], 0);
+const of = (node, name) => getComputedStyle(node)[name];
+function behind(node) {
+    while (node && of(node, 'backgroundColor') === 'rgba(0, 0, 0, 0)') node = node.parentElement;
+    return node ? of(node, 'backgroundColor') : 'rgb(255, 255, 255)';
+}
+return [...document.querySelectorAll('body *')].filter(node => node.checkVisibility() &&
+    [...node.childNodes].some(child => child.nodeType === 3 && child.data.trim())).map(node => {
+        const two = [light(of(node, 'color')) + .05, light(behind(node)) + .05];
+        return [Math.max(...two) / Math.min(...two), node.className || node.tagName];
+    }).sort((a, b) => a[0] - b[0])[0];'''
+
 
 class Page(programs.TestCase):
     def setUp(self):
@@ -49,6 +65,50 @@ class Page(programs.TestCase):
         self.assertIn('<name>Zo\xeb</name>', messages[2].text)
         box.send_keys(Keys.ESCAPE)
         self.assertTrue(all(message.is_displayed() for message in messages))
+
+    def test_all_texts_are_legible_on_screens_light_and_dark_and_on_paper(self):
+        self.opened(demonstration())
+        seen = set()
+        for media, scheme in ('screen', 'light'), ('screen', 'dark'), ('print', 'dark'):
+            self.browser.execute_cdp_cmd('Emulation.setEmulatedMedia', {
+                'media': media, 'features': [{'name': 'prefers-color-scheme', 'value': scheme}]})
+            contrast, where = self.browser.execute_script(CONTRAST)
+            self.assertGreater(contrast, 4.5, (media, scheme, where))  # WCAG 2, level AA
+            seen.add(self.browser.find_element(By.TAG_NAME, 'body').value_of_css_property('color'))
+            self.assertEqual(media == 'screen', self.browser.find_element(
+                By.ID, 'tools').is_displayed())
+        self.assertEqual(2, len(seen))
+
+    def open_ones(self):
+        return self.browser.execute_script(
+            "return [...document.querySelectorAll('details')].map(d => d.open)")
+
+    def test_printing_opens_what_is_closed_for_as_long_as_it_takes(self):
+        self.opened(demonstration())
+        before = self.open_ones()
+        self.browser.execute_script("addEventListener('beforeprint', () => { printed = "
+                                    "document.querySelectorAll('details:not([open])').length; })")
+        self.browser.print_page()
+        self.assertEqual(0, self.browser.execute_script('return printed'))
+        self.assertEqual(before, self.open_ones())
+        self.assertIn(False, before)
+
+    def test_keys_alone_reach_all(self):
+        messages = self.opened(demonstration())
+        for keys, at in ('j', 1), ('jjjjjjjj', 6), ('k', 5), ('kk', 3), ('kkkkk', 1):
+            webdriver.ActionChains(self.browser).send_keys(keys).perform()
+            focused = self.browser.switch_to.active_element
+            self.assertEqual(messages[at - 1], focused.find_element(By.XPATH, './../..'))
+            self.assertGreaterEqual(focused.rect['y'] - self.browser.execute_script(
+                'return scrollY'), self.browser.find_element(By.TAG_NAME, 'header').rect['height'])
+        open_ = self.open_ones()[0]
+        webdriver.ActionChains(self.browser).send_keys(Keys.SPACE).perform()
+        self.assertEqual(not open_, self.open_ones()[0])
+        webdriver.ActionChains(self.browser).send_keys('/picture@').perform()
+        self.assertEqual([messages[2]], [m for m in messages if m.is_displayed()])
+        webdriver.ActionChains(self.browser).send_keys(Keys.TAB * 3, Keys.ENTER).perform()
+        self.assertEqual(messages[2], self.browser.switch_to.active_element.find_element(
+            By.XPATH, './../..'))
 
     def test_nothing_of_a_peer_runs(self):
         for number, text in hostile():

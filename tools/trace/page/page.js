@@ -47,7 +47,12 @@ document.getElementById('tools').hidden = false;
 box.addEventListener('input', search);
 document.getElementById('open').addEventListener('click', () => openAll(document, true));
 document.getElementById('close').addEventListener('click', () => openAll(document, false));
-addEventListener('beforeprint', () => openAll(document, true));
+let closed = [];
+addEventListener('beforeprint', () => {
+  closed = [...document.querySelectorAll('details:not([open])')];
+  openAll(document, true);
+});
+addEventListener('afterprint', () => closed.forEach(details => { details.open = false; }));
 addEventListener('keydown', event => {
   if (event.ctrlKey || event.metaKey || event.altKey) return;
   if (event.target === box) {
