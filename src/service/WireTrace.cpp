@@ -81,8 +81,10 @@ WireTrace beginTrace(std::string const& folder, std::string const& prefix, int& 
         Descriptor times = bytes.get() == -1 ? Descriptor() : openNew(path + ".times");
         if (times.get() != -1)
             return WireTrace(std::move(bytes), std::move(times), isClearTextOfTls);
-        if (errno == EEXIST) continue;
-        throw ServiceError(ServiceError::Code::system, "can't trace into " + path, errno);
+        int const cause = errno;
+        if (bytes.get() != -1) ::unlink(path.c_str());  // a full disk takes a file, and not two
+        if (cause != EEXIST)
+            throw ServiceError(ServiceError::Code::system, "can't trace into " + path, cause);
     }
 }
 

@@ -211,7 +211,7 @@ class Saves(programs.TestCase):
         server = self.server('--save', folder, '--trace', traces)
         resource.prlimit(server.process.pid, resource.RLIMIT_FSIZE, (1000, 1000))
         with server.connect() as client:
-            client.send(request(bytes(1001)))
+            client.send(request(multipart('b', ([], b'x'), ([], bytes(1001))), MIXED))
             self.assertEqual(client.answer()[0], 500)
         folder.rmdir()  # which is empty
         with server.connect() as client:

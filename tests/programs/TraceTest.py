@@ -1,8 +1,10 @@
 #!/usr/bin/env python3
 """postwire-trace: what it prints and writes of a trace, and what it says of files that are none."""
 import html.parser
+import os
 import pathlib
 import re
+import resource
 import subprocess
 
 import programs
@@ -69,116 +71,136 @@ class Tags(html.parser.HTMLParser):
         self.text += data
 
 
-class Trace(programs.TestCase):
+class OnTraces(programs.TestCase):
     def run_on(self, content, command, *arguments, **options):
         return self.run_program('postwire-trace', command, self.file(content), *arguments,
                                 **options)
 
-    def test_show_prints_the_messages_in_their_order(self):
+
+@programs.row_tests('trace_shown.txt')
+class Shown(OnTraces):
+    def check(self, shown, received='', sent='', file=''):
+        content = programs.unescaped(file) or trace(
+            *((kind, programs.unescaped(text)) for kind, text in (('read', received),
+                                                                 ('write', sent)) if text))
+        done = self.run_on(content, 'show', *(['--role', 'server'] if received else []))
+        self.assertEqual(done.returncode, 3 if file else 0)
+        self.assertIn(programs.unescaped(shown).decode('latin-1'),
+                      done.stderr if file else done.stdout)
+
+
+@programs.row_tests('trace_options.txt')
+class Options(programs.TestCase):
+    COMPLETION = pathlib.Path(__file__).parents[2] / 'tools' / 'completion.bash'
+
+    def check(self, says='', options='', completed=None, words=''):
+        if completed is None:
+            bad = self.run_program('postwire-trace', *options.split())
+            self.assertEqual((2, '', f'postwire-trace: {says} (see postwire-trace --help)\n'),
+                             (bad.returncode, bad.stdout, bad.stderr))
+            return
+        done = self.run_program(
+            '/bin/bash', '-c', '. "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _postwire "$1"; '
+            'echo "${COMPREPLY[*]}"', self.COMPLETION, programs.FOLDER / 'postwire-trace',
+            *words.split(), *([''] if words.endswith('--from') else []))
+        self.assertEqual((completed, ''), (done.stdout.strip(), done.stderr))
+
+
+class Trace(OnTraces):
+    def test_show_prints_the_messages_in_their_order_and_stats_counts_them(self):
         shown = self.run_on(EXCHANGE, 'show')
         self.assertEqual((0, ''), (shown.returncode, shown.stderr))
-        heads = [line for line in shown.stdout.splitlines() if ' message ' in line]
         self.assertEqual([
             f'<- message 1: request, {len(REQUEST)} bytes in 1 receive',
             f'-> message 2: response, {len(RESPONSE)} bytes in 1 send',
             f'<- message 3: request, {len(REQUEST)} bytes in 2 receives',
             f'-> message 4: response, {len(CONTINUE)} bytes in 1 send',
-            f'-> message 5: response, {len(RESPONSE)} bytes in 1 send'], heads)
-        for line in ('    POST /svc HTTP/1.1', '    part 1: text/xml', '      4 bytes: <a/>',
-                     '    5 bytes: hello', '    HTTP/1.1 100 Continue'):
-            self.assertIn(line, shown.stdout.splitlines())
+            f'-> message 5: response, {len(RESPONSE)} bytes in 1 send'],
+            re.findall('.* message .*', shown.stdout))
+        for line in ('POST /svc HTTP/1.1', 'part 1: text/xml', '  4 bytes: <a/>',
+                     '5 bytes: hello', 'HTTP/1.1 100 Continue'):
+            self.assertIn(f'\n    {line}\n', shown.stdout)
+        self.assertEqual([
+            ['received', '2', str(2 * len(REQUEST)), '3', '1.50'],
+            ['sent', '3', str(2 * len(RESPONSE) + len(CONTINUE)), '3', '1.00']],
+            [line.split() for line in self.run_on(EXCHANGE, 'stats').stdout.splitlines()[1:]])
 
-    def test_heads_end_where_the_parser_sees_their_end(self):
-        heads = (b'POST /a HTTP/1.1\r\nContent-Length: 0\n\n',
-                 b'\r\n \nPOST /a HTTP/1.1\nContent-Length: 0\n \r\n') * 500
-        shown = self.run_on(trace(('read', b''.join(heads))), 'show').stdout.splitlines()
-        self.assertEqual(shown, [
-            line for number, head in enumerate(heads, 1)
-            for line in (f'<- message {number}: request, {len(head)} bytes in 1 receive',
-                         '    POST /a HTTP/1.1', '    Content-Length: 0')])
-        responses = b'HTTP/1.1 100 x\n\nHTTP/1.1 204 y\nA: b\n\r\n'
-        shown = self.run_on(trace(('write', responses)), 'show')
-        self.assertEqual(shown.stdout, '-> message 1: response, 16 bytes in 1 send\n'
-                         '    HTTP/1.1 100 x\n-> message 2: response, 22 bytes in 1 send\n'
-                         '    HTTP/1.1 204 y\n    A: b\n')
-
-    def test_nothing_of_a_peer_can_steer_the_terminal(self):
-        odd = b'\xc2\x9b\x1b\x9b\xc3\xa4'
-        data = (b'POST /%b HTTP/1.1\r\nContent-Type: %b\r\nContent-Length: 6\r\n\r\n%b'
-                % (odd, odd, odd))
-        shown = self.run_on(trace(('read', data)), 'show').stdout
-        self.assertEqual(shown.splitlines()[1:], [
-            '    POST /???\xe4 HTTP/1.1', '    Content-Type: ???\xe4', '    Content-Length: 6',
-            '    6 bytes: ???\xe4'])
-
-    def test_stats_counts_each_direction(self):
-        lines = self.run_on(EXCHANGE, 'stats').stdout.splitlines()
-        self.assertEqual(['received', '2', str(2 * len(REQUEST)), '3', '1.50'], lines[1].split())
-        self.assertEqual(['sent', '3', str(2 * len(RESPONSE) + len(CONTINUE)), '3', '1.00'],
-                         lines[2].split())
-
-    def test_parts_without_a_length_end_at_their_delimiters(self):
-        body = b'--B\r\n\r\n<a/>\r\n--B\r\n\r\n1\r\n2\r\n--B--\r\n'
-        shown = self.run_on(trace(('read', request(
-            body, 'Content-Type: multipart/related; boundary=B') + REQUEST)), 'show')
-        self.assertIn('      4 bytes: <a/>\n    part 2: \n      4 bytes: 1??2\n<- message 2: ',
-                      shown.stdout)
-
-    def test_a_message_that_cannot_be_read_is_shown_as_far_as_it_goes(self):
-        shown = self.run_on(trace(('read', b'GET / HTTP/1.1\r\n\r\n')), 'show', '--role', 'server')
-        self.assertEqual(0, shown.returncode)
-        self.assertIn('    stopped here: this can\'t be read (HTTPException: method is not POST)', shown.stdout)
-
-    def test_files_that_are_no_trace_end_with_3(self):
-        for content in (b'x', b'POST / HTTP/1.1\r\n\r\n', b'\n<read[x]>\n', b'\n<read[-1]>\n',
-                        b'\n<read[1]>\nabc', b'\n<write[99999999999999999999999]>\n',
-                        b'\n<read[18446744073709551615]>\nabc'):
-            with self.subTest(content):
-                failed = self.run_on(content, 'show')
-                self.assertEqual(3, failed.returncode)
-                self.assertRegex(failed.stderr, 'not a socket trace|damaged at byte 12')
-        folder = self.folder()
+    def test_what_cannot_be_opened_or_written_is_named_and_ends_with_3(self):
+        folder, readable = self.folder(), self.file(b'')
         for path in folder, folder / 'none':
             missing = self.run_program('postwire-trace', 'show', path)
             self.assertEqual((3, ''), (missing.returncode, missing.stdout))
             self.assertIn(str(path), missing.stderr)
-
-    def test_faults_are_told_where_they_happen(self):
-        part = b'--B\r\nContent-Length: %b\r\n\r\n<a/>%b--B--\r\n'
-        for body, words in (
-                (request(b'abc')[:-1], 'the length says 3 bytes, of which 2 bytes came before the end'),
-                (request(b'abc') + b'def', 'bytes behind the end of message 1 begin no message'),
-                (request(b'abc') + b'\n', 'the end came in the middle of the message'),
-                (in_chunks(b'abc', 2)[:-9], 'the end came before that of the body, behind 2 bytes'),
-                (typed(part % (b'3', b'\r\n')), 'part 1: the delimiter is missing behind the 3 bytes'),
-                (typed(part % (b'90', b'\r\n')), 'part 1: the length says 90 bytes, ')):
-            with self.subTest(words):
-                shown = self.run_on(trace(('read', body)), 'show').stdout
-                self.assertIn('    stopped here: ' + words, shown)
+        for job in 'pcap', 'html':
+            for content, out in (EXCHANGE, '/none/out'), (EXCHANGE, '/dev/full'), \
+                    (EXCHANGE * 99, '/dev/full'), (EXCHANGE, readable):
+                failed = self.run_on(content, job, out)
+                self.assertEqual(3, failed.returncode)
+                self.assertIn(str(out), failed.stderr)
+        self.assertEqual(readable.read_bytes(), b'')
+        with open('/dev/full', 'wb') as full:
+            for command in 'show', 'stats':
+                self.assertEqual(3, self.run_on(EXCHANGE, command, stdout=full).returncode)
 
     def test_times_beside_a_trace_are_told(self):
         path = self.file(EXCHANGE)
-        records = re.findall(rb'\n<(.)\w+\[(\d+)\]>\n', EXCHANGE)
-        records = [(kind.replace(b'w', b's').decode(), int(size)) for kind, size in records
-                   if size != b'3' or kind == b's']
         times = path.with_name(path.name + '.times')
-        lines = ['%s %d %d.%06d' % (*record, 1700000000 + number // 2, 250000 * (number % 2))
-                 for number, record in enumerate(records)]
-        times.write_text('\n'.join(['# postwire times 1', *lines, '']))
-        shown = self.run_program('postwire-trace', 'show', path)
-        self.assertIn('in 2 receives; at 1.000000 s, 0.750000 s after what was before, in '
-                      '1.000000 s, longest gap 1.000000 s\n', shown.stdout)
-        counted = self.run_program('postwire-trace', 'stats', path).stdout
-        self.assertIn('duration   2.250000 s, longest gap 1.000000 s (message 3)\nanswered   in '
-                      '0.250000 s on average, 0.250000 s at least, 0.250000 s at most\n', counted)
+        records = [(kind.decode(), size.decode())
+                   for kind, size in re.findall(rb'\n<(.)\w+\[(\d+)\]>\n', EXCHANGE)]
+        lines = ['%s %s %d.%06d\n' % (kind.replace('w', 's'), size, 1700000000 + number // 2,
+                                      250000 * (number % 2))
+                 for number, (kind, size) in enumerate(r for r in records if r != ('r', '3'))]
+
+        def told(*job, lines=lines):
+            times.write_text('# postwire times 1\n' + ''.join(lines))
+            return self.run_program('postwire-trace', job[0], path, *job[1:], text=False,
+                                    errors=None)
+
+        self.assertIn(b'in 2 receives; at 1.000000 s, 0.750000 s after what was before, in '
+                      b'1.000000 s, longest gap 1.000000 s\n', told('show').stdout)
+        self.assertIn(b'duration   2.250000 s, longest gap 1.000000 s (message 3)\nanswered   in '
+                      b'0.250000 s on average, 0.250000 s at least, 0.250000 s at most\n',
+                      told('stats').stdout)
+        page = Tags(told('html', '-', lines=['# clear text of TLS\n', *lines]).stdout.decode()).text
+        for text in (' in 2.250000 s, clear text of TLS', '1.000000 s+0.750000 s3: POST',
+                     ' 2 receives in 1.000000 s, longest gap 1.000000 s'):
+            self.assertIn(text, page)
         packets = subprocess.run(
             [programs.needed('tshark'), '-r', '-', '-Y', 'tcp.len > 0', '-T', 'fields', '-e',
-             'frame.time_epoch'], capture_output=True, check=True, input=self.run_program(
-                 'postwire-trace', 'pcap', path, '-', text=False, errors=None).stdout)
+             'frame.time_epoch'], capture_output=True, check=True, input=told('pcap', '-').stdout)
         self.assertEqual([b'1700000000.000000000', b'1700000000.250000000'],
                          packets.stdout.split()[:2])
-        times.write_text('# postwire times 1\nr 1 1.000000\n')
-        self.assertIn('does not belong', self.run_program('postwire-trace', 'stats', path).stderr)
+        self.assertIn(b'does not belong', told('stats', lines=['r 1 1.000000\n']).stderr)
+        told('stats')
+        for size in 30, 19, 9, 0:  # as on a full disk: the first line may be cut itself
+            os.truncate(times, size)
+            self.assertEqual(b'', self.run_program('postwire-trace', 'stats', path, text=False,
+                                                   errors=None).stderr)
+
+    def test_a_full_disk_ends_a_trace_and_nothing_else(self):
+        body, folder = self.file(bytes(5000)), self.folder()
+        for limit in 30, 500, 4000:  # bytes of a file
+            limits = {'preexec_fn': lambda limit=limit: resource.setrlimit(
+                resource.RLIMIT_FSIZE, (limit, limit))}
+            path = folder / str(limit)
+            with programs.Listener() as listener:
+                sent = self.run_program('postwire-send', listener.url, '--body', body, '--trace',
+                                        path, **limits)
+            self.assertEqual((3, '200 OK'), (sent.returncode, sent.stdout.split('\n')[0]))
+            self.assertIn(f'{path} could not be written', sent.stderr)
+            server = self.server('--trace', folder, **limits)
+            with server.connect() as client:
+                client.send(request(bytes(5000)) * 2)
+                for _ in range(2):
+                    self.receives(client, bytes(5000))
+            server.stop()
+            self.assertEqual(1, server.complaints.count(f'a trace in {folder} could not be written'))
+        cut = [path for path in folder.iterdir() if path.suffix != '.times']
+        self.assertEqual(6, len(cut))
+        for path in cut:
+            used = self.run_program('postwire-trace', 'show', path)
+            self.assertEqual(0, used.returncode)
+            self.assertRegex(used.stderr, '^.*: (the last block lacks .* bytes|ends inside .*)\n$')
 
     def test_a_trace_that_grows_is_followed_to_its_end(self):
         path = self.file(b'')
@@ -240,30 +262,6 @@ class Trace(programs.TestCase):
                 self.assertIn('2: HTTP/1.1 200 OK', page.text)
         self.assertGreaterEqual(number, 20)
 
-    def test_bad_options_are_named_with_what_they_take(self):
-        for text, *arguments in (
-                ('a command is missing: show, stats, html, pcap or body',),
-                ('TRACE is required', 'show'), ('no such option or argument: --x', 'show', '--x', 't'),
-                ("--role: 'x' is not client, server or guess", 'show', '--role', 'x', 't'),
-                ("--client-port: '0' is no number from 1 to 65535", 'pcap', 't', 'o',
-                 '--client-port', '0'),
-                ('--client-port: PORT is missing', 'pcap', 't', 'o', '--client-port'),
-                ("--server-address: '1.2.3' is no IPv4 address", 'pcap', 't', 'o',
-                 '--server-address', '1.2.3')):
-            bad = self.run_program('postwire-trace', *arguments)
-            self.assertEqual((2, '', f'postwire-trace: {text} (see postwire-trace --help)\n'),
-                             (bad.returncode, bad.stdout, bad.stderr))
-
-    def test_bash_completes_commands_options_and_roles(self):
-        script = pathlib.Path(__file__).parents[2] / 'tools' / 'completion.bash'
-        for line, words in (('s', 'show stats'), ('show --f', '--follow --from'),
-                            ('pcap --role g', 'guess'), ('show --from ', '')):
-            done = subprocess.run(
-                ['bash', '-c', '. "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _postwire "$1"; '
-                 'echo "${COMPREPLY[*]}"', script, programs.FOLDER / 'postwire-trace',
-                 *line.split(' ')], capture_output=True, text=True, check=True)
-            self.assertEqual((words, ''), (done.stdout.strip(), done.stderr))
-
     def test_a_trace_cut_at_any_byte_is_used_as_far_as_it_goes(self):
         content = trace(('read', REQUEST), ('write', RESPONSE))
         for cut in list(range(3, 40)) + list(range(40, len(content), 7)):
@@ -292,16 +290,6 @@ class Trace(programs.TestCase):
         whole, response = '8080;POST;;text/xml', '49152;;200;'
         self.assertEqual([whole, response, '49152;;100;', whole, response, '8080;POST;;', response],
                          rows)
-
-    def test_output_that_cannot_be_written_ends_with_3(self):
-        readable = self.file(b'')
-        for content, out in (EXCHANGE, '/none/out'), (EXCHANGE, '/dev/full'), \
-                (EXCHANGE * 99, '/dev/full'), (EXCHANGE, readable):
-            self.assertEqual(3, self.run_on(content, 'pcap', out).returncode)
-        self.assertEqual(readable.read_bytes(), b'')
-        with open('/dev/full', 'wb') as full:
-            for command in 'show', 'stats':
-                self.assertEqual(3, self.run_on(EXCHANGE, command, stdout=full).returncode)
 
 
 if __name__ == '__main__':

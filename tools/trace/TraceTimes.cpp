@@ -23,21 +23,16 @@ std::int64_t takeNumber(std::string_view& text, char behind) {
 
 }  // namespace
 
-TraceTimes::TraceTimes(std::string const& path) : m_file(std::fopen(path.c_str(), "rbe")) {
-    if (m_file && !(readLine() && m_line == kFirstLine)) {
-        m_file.reset();
-        m_other = true;
-    }
-}
+TraceTimes::TraceTimes(std::string const& path) : m_file(std::fopen(path.c_str(), "rbe")) {}
 
 Microseconds TraceTimes::of(std::uint64_t index, bool read, std::uint64_t count) {
     while (m_file && m_lines <= index) {
-        if (!readLine()) return kNoTime;
-        if (m_lines == 0 && m_line == kTlsLine) {
-            m_tls = true;
-            continue;
-        }
-        if (m_lines++ < index) continue;
+        if (!readLine()) return kNoTime;  // also of a full disk, where it may be empty
+        bool const isFirst = !m_begun && m_line == kFirstLine;
+        bool const isTls = m_begun && m_lines == 0 && m_line == kTlsLine;
+        m_tls = m_tls || isTls;
+        m_begun = m_begun || isFirst;
+        if (isFirst || isTls || (m_begun && m_lines++ < index)) continue;
         std::string_view left = m_line;
         bool const direction = left.substr(0, 2) == (read ? "r " : "s ");
         left.remove_prefix(left.size() < 2 ? left.size() : 2);
@@ -45,7 +40,8 @@ Microseconds TraceTimes::of(std::uint64_t index, bool read, std::uint64_t count)
         std::int64_t const seconds = takeNumber(left, '.');
         bool const six = left.size() == 6;
         std::int64_t const micros = takeNumber(left, '\0');
-        if (same && six && seconds >= 0 && micros >= 0) return seconds * kSecond + micros;
+        if (m_begun && same && six && seconds >= 0 && micros >= 0)
+            return seconds * kSecond + micros;
         m_file.reset();
         m_other = true;
     }

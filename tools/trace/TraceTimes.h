@@ -39,6 +39,7 @@ private:
     std::unique_ptr<std::FILE, Closer> m_file;
     std::string m_line;
     std::uint64_t m_lines = 0;  // of records
+    bool m_begun = false;       // its first line was read
     bool m_tls = false;
     bool m_other = false;
 };
