@@ -75,10 +75,8 @@ void ScriptedServer::serve(int connection, std::string const& steps) {
 }
 
 int ScriptedServer::receive(int connection, char* block, int size) {
-    if (!m_line)
-        return static_cast<int>(::recv(connection, block, static_cast<std::size_t>(size), 0));
-    if (m_line->version().empty()) m_line->shakeHands(), m_resumed += m_line->isResumed();
-    return m_line->getInputStream()->read(block, size);
+    if (m_line) return m_line->getInputStream()->read(block, size);
+    return static_cast<int>(::recv(connection, block, static_cast<std::size_t>(size), 0));
 }
 
 bool ScriptedServer::receiveUntil(int connection, bool wholeRequest) {

@@ -25,9 +25,8 @@ public:
     // Whether it waits for a connection or for a request, or its script is through.
     [[nodiscard]] bool isWaiting() const { return m_isWaiting; }
 
-    // Waits until the script is through; the last request, or how often TLS went on with a session.
+    // Waits until the script is through; the last request.
     std::string const& received();
-    int resumed() { return received(), m_resumed; }
 
 private:
     void run(std::string const& script);
@@ -39,7 +38,6 @@ private:
     int m_socket;
     Tls m_tls;
     std::unique_ptr<postwire::TlsSocket> m_line;  // of the connection at hand, within TLS
-    int m_resumed = 0;
     std::atomic<bool> m_isWaiting{true};
     std::string m_received;
     std::thread m_thread;
