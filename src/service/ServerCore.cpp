@@ -127,12 +127,16 @@ void ServerCore::begin() {
 
 // With fewer loops where the system has no thread for another one.
 void ServerCore::startLoops() {
-    for (int i = 0; i < m_options.loops; ++i) {
-        auto loop = std::make_unique<Loop>(*this);
-        auto lane = std::make_unique<ReadLane>(*this);
-        if (!m_crew.startOne()) break;
-        m_loops.push_back(std::move(loop));
-        m_lanes.push_back(std::move(lane));
+    try {
+        for (int i = 0; i < m_options.loops; ++i) {
+            auto loop = std::make_unique<Loop>(*this);
+            auto lane = std::make_unique<ReadLane>(*this);
+            if (!m_crew.startOne()) break;
+            m_loops.push_back(std::move(loop));
+            m_lanes.push_back(std::move(lane));
+        }
+    } catch (std::system_error const&) {
+        // No thread for a lane.
     }
     if (m_loops.empty()) throw ServiceError(ServiceError::Code::system, "can't start a thread");
     for (auto const& loop : m_loops) m_crew.drive(*loop);
