@@ -79,7 +79,8 @@ prepare_preset() {
     # shellcheck disable=SC2046  # one word a package
     need_packages $(packages_of_preset "$1")
     if [ "$1" = i386 ] && [ ! -e build/packages-i386/complete ]; then
-        step 'unpack packages of i386' unpack_i386 libssl3 libssl-dev
+        step 'unpack packages of i386' unpack_i386 libssl3 libssl-dev \
+            libpugixml1v5 libpugixml-dev
         touch build/packages-i386/complete
     fi
 }

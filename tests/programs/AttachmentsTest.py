@@ -174,8 +174,6 @@ class Examples(Attachments):
                                 self.file(b'<e/>'), self.file(b'12345', 'a;b'))
         self.assertEqual((done.returncode, done.stdout), (0, '200 <e/>\na;b: 5 bytes\n'))
 
-    @unittest.skipIf((programs.FOLDER / 'postwire-send').read_bytes()[4] == 1,
-                     'Debian packages of pugixml for 32 bit are not installed')
     def test_mtom_is_read_whole(self):
         body = b'<e><data><xop:Include href="cid:a%40b" xmlns:xop="urn:x"/></data></e>'
         wire = programs.multipart('B', (['Content-Type: application/xop+xml'], body),
