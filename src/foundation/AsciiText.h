@@ -126,7 +126,7 @@ class Words {
 public:
     explicit Words(char* line) : m_next(line) {}
 
-    std::string_view next() {
+    std::string_view nextWord() {
         char* const word = rest();
         m_next = ::strchrnul(word, ' ');
         auto size = static_cast<std::size_t>(m_next - word);

@@ -56,7 +56,7 @@ public:
         : m_decoder(guardedNew<ZULChunkedInputStream>(QORFileLocation(kSourceFile, __LINE__), is)
                         .release()),
           m_buffered(guardedNew<ZULBufferedInputStream>(QORFileLocation(kSourceFile, __LINE__),
-                                                        *m_decoder, 4096)
+                                                        *m_decoder, kReadAhead)
                          .release()) {}
 
     ZULBufferedInputStream& stream() { return *m_buffered; }
@@ -175,7 +175,8 @@ void HTTPParser::reportRequestLine(Reading const& r) {
     if (isStrict && !isPrintable({m_line.str(), m_line.pcount()}))
         refuse(Policy::HTTP_ERR_START_LINE, __LINE__);
     Words words(m_line.str());
-    std::string_view const method = words.next(), target = words.next(), version = words.next();
+    std::string_view const method = words.nextWord(), target = words.nextWord(),
+                           version = words.nextWord();
     // RFC 9112 section 3 allows a recipient to take more than a single blank between words, and
     // warns of what comes of it.
     std::size_t const blanks = (target.empty() ? 0U : 1U) + (version.empty() ? 0U : 1U);
@@ -198,12 +199,12 @@ void HTTPParser::reportStatusLine(Reading const& r) {
     constexpr auto kMissing = HTTPException::HTTP_ERR_BAD_RESPONSE_LINE;
     if (r.policy.strictFraming) m_line.trim();
     Words words(m_line.str());
-    std::string_view const version = words.next();
+    std::string_view const version = words.nextWord();
     if (version.empty()) raise(kMissing, kValidateResponseLine, __LINE__);
     int const minorVersion = minorVersionOf(version);
     if (minorVersion < 0) raise(HTTPException::HTTP_ERR_VERSION, kValidateResponseLine, __LINE__);
     m_minorVersion = minorVersion;
-    std::string_view const number = words.next();
+    std::string_view const number = words.nextWord();
     if (number.empty()) raise(kMissing, kValidateResponseLine, __LINE__);
     std::string const reason = words.rest();
     int const status = DecimalNumber(number.data()).value;
