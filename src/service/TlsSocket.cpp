@@ -25,17 +25,14 @@ namespace {
 
 }  // namespace
 
-TlsSocket::TlsSocket(TlsContext context, std::string host)
-    : m_context(std::move(context)), m_peer(std::move(host)), m_isServer(false) {}
+TlsSocket::TlsSocket(TlsContext const& context, std::string host)
+    : m_context(context), m_peer(std::move(host)), m_isServer(false) {}
 
-TlsSocket::TlsSocket(TlsContext context, std::string host, int descriptor)
-    : SoapSocket(descriptor),
-      m_context(std::move(context)),
-      m_peer(std::move(host)),
-      m_isServer(false) {}
+TlsSocket::TlsSocket(TlsContext const& context, std::string host, int descriptor)
+    : SoapSocket(descriptor), m_context(context), m_peer(std::move(host)), m_isServer(false) {}
 
-TlsSocket::TlsSocket(TlsContext context, int descriptor)
-    : SoapSocket(descriptor), m_context(std::move(context)), m_isServer(true) {}
+TlsSocket::TlsSocket(TlsContext const& context, int descriptor)
+    : SoapSocket(descriptor), m_context(context), m_isServer(true) {}
 
 TlsSocket::~TlsSocket() {
     if (m_session) m_session->close();
@@ -118,7 +115,7 @@ void TlsSocket::await(short events, int id) {
     }
     pollfd socket{getDescriptor(), events, 0};
     int const ready = ::poll(&socket, 1, isLimited ? m_timeLimitInterval : -1);
-    if (ready == 0) m_timeLimitCallback(m_timeLimitArg);
+    if (isLimited && ready == 0) m_timeLimitCallback(m_timeLimitArg);
 }
 
 void TlsSocket::echo(char const* path) {

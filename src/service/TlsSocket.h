@@ -29,11 +29,11 @@ class POSTWIRE_EXPORT TlsSocket : public SoapSocket {
 public:
     // The side that connects: `host` is whom the certificate has to be for, a name or an address.
     // Give the socket the host and Open it, or wrap what is connected.
-    TlsSocket(TlsContext context, std::string host);
-    TlsSocket(TlsContext context, std::string host, int descriptor);
+    TlsSocket(TlsContext const& context, std::string host);
+    TlsSocket(TlsContext const& context, std::string host, int descriptor);
 
     // The side that accepted the descriptor.
-    TlsSocket(TlsContext context, int descriptor);
+    TlsSocket(TlsContext const& context, int descriptor);
 
     ~TlsSocket() override;
 
