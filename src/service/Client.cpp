@@ -161,7 +161,7 @@ Answer Client::Core::post(std::string_view url, OutgoingBody const& body,
                           PostOptions const& options) {
     Call call{parseUrl(url), {}, body, options, body.size, false, false, {}};
     call.proxy = chooseProxy(m_options, call.url);
-    if (call.size && *call.size > INT_MAX) call.size.reset();
+    if (call.size && (*call.size > INT_MAX || body.chunkSize > 0)) call.size.reset();
     call.asks = !body.size || *body.size > m_options.continueAbove;
     bool const isRelayed = call.proxy && !call.url.isTls;
     Url const& next = call.proxy ? *call.proxy : call.url;
@@ -286,6 +286,7 @@ std::string Client::Core::headOf(Call const& call) const {
         append(head, "Content-Length", std::to_string(*call.size));
     else
         append(head, "Transfer-Encoding", "chunked");
+    if (m_options.kept <= 0) append(head, "Connection", "close");
     if (call.asks) append(head, "Expect", "100-continue");
     return head += "\r\n";
 }
@@ -293,7 +294,7 @@ std::string Client::Core::headOf(Call const& call) const {
 // True when the connection may serve another message.
 bool Client::Core::converse(Call& call, ClientConnection& connection, ExchangeWatch& watch,
                             Answer::Data& answer) {
-    RequestWriter writer(connection.socket, watch, call.size);
+    RequestWriter writer(connection.socket, watch, call.size, call.body.chunkSize);
     bool sentAll = false;
     watch.enter(ExchangeWatch::Stage::awaitingAnswer);
     try {

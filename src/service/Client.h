@@ -28,6 +28,8 @@ struct POSTWIRE_EXPORT OutgoingBody {
     std::optional<std::uint64_t> size;
     // Writes all of it; what it raises ends the exchange and passes through.
     std::function<void(ZULOutputStream&)> write;
+    // Most bytes of a chunk, up to 65536; above 0 it is sent in chunks although its size is known.
+    std::size_t chunkSize = 0;
     // It can be written more than once.
     bool isRepeatable = false;
 };

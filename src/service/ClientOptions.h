@@ -37,7 +37,8 @@ struct POSTWIRE_EXPORT ClientOptions {
     std::uint64_t continueAbove = 1 << 20;
     std::chrono::milliseconds continueLimit{1000};
 
-    // Connections that wait for the next message: for each origin, in all, and for how long.
+    // Connections that wait for the next message: for each origin, in all, and for how long. Where
+    // none is kept, requests say "Connection: close".
     int keptOfOrigin = 8;
     int kept = 64;
     std::chrono::milliseconds keptFor{30000};

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <cstring>
 #include <string_view>
 
 namespace postwire {
@@ -12,14 +11,23 @@ namespace {
 
 constexpr std::size_t kHeld = 65536;
 constexpr std::size_t kMostInterim = 65536;  // of interim answers at a time
-constexpr char kNoSize[] = "00000000\r\n";   // room for a chunk's size; zeros may lead it
-constexpr std::size_t kSizeRoom = sizeof kNoSize - 1;
+
+// Of a chunk of so many bytes.
+std::string sizeLine(std::size_t size) {
+    std::array<char, 24> line{};
+    std::snprintf(line.data(), line.size(), "%zx\r\n", size);
+    return line.data();
+}
 
 }  // namespace
 
 RequestWriter::RequestWriter(ClientSocket& socket, ExchangeWatch& watch,
-                             std::optional<std::uint64_t> size)
-    : m_socket(socket), m_watch(watch), m_size(size) {}
+                             std::optional<std::uint64_t> size, std::size_t chunkSize)
+    : m_socket(socket),
+      m_watch(watch),
+      m_size(size),
+      m_chunkSize(chunkSize > 0 ? std::min(chunkSize, kHeld) : kHeld),
+      m_sizeLine(sizeLine(m_chunkSize)) {}
 
 RequestWriter::~RequestWriter() = default;
 
@@ -43,40 +51,43 @@ void RequestWriter::write(char const* data, int length) {
     m_bodyBytes += size;
     if (m_size && m_bodyBytes > *m_size)
         m_watch.raise(ClientError::Code::usage, "the body is longer than was said");
-    put(data, size);
+    m_size ? put(data, size) : putInChunks(data, size);
     m_watch.tell(m_bodyBytes, false);
 }
 
 // A large piece of a body with a length is sent from where it stands.
 void RequestWriter::put(char const* data, std::size_t size) {
-    if (m_size && m_held.size() + size > kHeld) {
+    if (m_held.size() + size > kHeld) {
         pushHeld();
         if (size >= kHeld) return push(data, size);
     }
+    m_held.append(data, size);
+}
+
+void RequestWriter::putInChunks(char const* data, std::size_t size) {
     while (size > 0) {
-        if (!m_size && !m_chunkOpen) {
+        if (!m_chunkOpen) {
             m_chunkBegin = m_held.size();
             m_chunkOpen = true;
-            m_held.append(kNoSize, kSizeRoom);
+            m_held += m_sizeLine;
         }
-        std::size_t const room = kHeld > m_held.size() ? kHeld - m_held.size() : 0;
-        std::size_t const piece = std::min(size, std::max<std::size_t>(room, 1));
+        std::size_t const room = m_chunkBegin + m_sizeLine.size() + m_chunkSize - m_held.size();
+        std::size_t const piece = std::min(size, room);
         m_held.append(data, piece);
         data += piece;
         size -= piece;
-        if (m_held.size() < kHeld) continue;
+        if (piece < room) return;
         endChunk();
-        pushHeld();
+        if (m_held.size() >= kHeld) pushHeld();
     }
 }
 
+// The last one may be shorter than its line says.
 void RequestWriter::endChunk() {
     if (!m_chunkOpen) return;
     m_chunkOpen = false;
-    std::size_t const size = m_held.size() - m_chunkBegin - kSizeRoom;
-    std::array<char, kSizeRoom + 1> digits{};
-    std::snprintf(digits.data(), digits.size(), "%08zx\r\n", size);
-    m_held.replace(m_chunkBegin, kSizeRoom, digits.data(), kSizeRoom);
+    std::size_t const size = m_held.size() - m_chunkBegin - m_sizeLine.size();
+    if (size < m_chunkSize) m_held.replace(m_chunkBegin, m_sizeLine.size(), sizeLine(size));
     m_held += "\r\n";
 }
 

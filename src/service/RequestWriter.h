@@ -21,7 +21,9 @@ public:
     // request: the rest is not to be sent.
     struct AnsweredEarly {};
 
-    RequestWriter(ClientSocket& socket, ExchangeWatch& watch, std::optional<std::uint64_t> size);
+    // Without a size in chunks of so many bytes, at most 65536; 0: of 65536.
+    RequestWriter(ClientSocket& socket, ExchangeWatch& watch, std::optional<std::uint64_t> size,
+                  std::size_t chunkSize);
     ~RequestWriter() override;
 
     // The head, which says how the body is framed.
@@ -42,6 +44,7 @@ public:
 
 private:
     void put(char const* data, std::size_t size);
+    void putInChunks(char const* data, std::size_t size);
     void endChunk();
     void push(char const* data, std::size_t size);
     void pushHeld();
@@ -51,8 +54,10 @@ private:
     ClientSocket& m_socket;
     ExchangeWatch& m_watch;
     std::optional<std::uint64_t> const m_size;
+    std::size_t const m_chunkSize;
+    std::string const m_sizeLine;  // of a whole chunk
     std::string m_held;            // head, and body bytes that are not worth a send yet
-    std::size_t m_chunkBegin = 0;  // of the open chunk's room for its size, in m_held
+    std::size_t m_chunkBegin = 0;  // of the open chunk's size line, in m_held
     bool m_chunkOpen = false;
     std::uint64_t m_bodyBytes = 0;
     std::string m_early;

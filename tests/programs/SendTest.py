@@ -51,7 +51,7 @@ class Options(Send):
 
     def check(self, code, says, options):
         names = dict(url=self.listener.url, port=self.listener.authority.split(':')[1],
-                     gone=self.gone, mute='http://127.0.0.1:%d/' % self.mute.getsockname()[1],
+                     gone=self.gone, mute='//127.0.0.1:%d/' % self.mute.getsockname()[1],
                      body=self.body, binary=self.binary, large=self.large, empty=self.file(b''),
                      tricky=self.file(b'x' * 65530 + b'\r\n--taken--'), folder=self.folder(),
                      inner=self.file(b'--in-taken'))
@@ -198,7 +198,8 @@ class Answers(Send):
 
     def test_upload_shows_its_progress_on_a_terminal_alone(self):
         url = self.server().url
-        self.assertRegex(self.said_on_a_terminal(url)[1], rb'^\r\[.*100 %.*MB/s  0:00 left')
+        self.assertRegex(self.said_on_a_terminal(url)[1],
+                         rb'^\r\[.*100 %.*MB/s  0:00 left  waiting for the answer \r?\n')
         self.assertEqual(self.said_on_a_terminal(url, '--quiet'), (0, b'end'))
 
     def test_progress_of_an_upload_that_is_cut_off(self):

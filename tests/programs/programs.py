@@ -1,4 +1,5 @@
 """Starts the programs, and speaks to them over bare sockets."""
+import contextlib
 import hashlib
 import os
 import pathlib
@@ -172,7 +173,7 @@ class Listener:
     def serve(self):
         while True:
             connection, _ = self.socket.accept()
-            with connection:
+            with connection, contextlib.suppress(OSError):  # who has seen enough may reset it
                 if connection.recv(1, socket.MSG_PEEK) == b'\n':  # no request: the last one
                     return
                 self.received = b''

@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <initializer_list>
 #include <memory>
 #include <numeric>
 #include <set>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
-
-#include "foundation/ZULChunkedOutputStream.h"
 
 #include "foundation/AsciiText.h"
 #include "service/ServiceError.h"
@@ -34,12 +34,13 @@ std::ifstream openFile(std::string const& path) {
     return stream;
 }
 
-// The file's bytes, whose digest is known once they have gone.
-ByteSource sourceOf(SentFile& file) {
+// The file's bytes, whose digest, if it is asked for, is known once they have gone.
+ByteSource sourceOf(SentFile& file, bool isDigested) {
     if (file.bytes) {
         file.sha256 = sha256(file.bytes->data(), file.bytes->size());
         return ByteSource::borrowed(*file.bytes);
     }
+    if (!isDigested) return ByteSource::file(file.path);
     auto const open = [&file]() -> ByteSource::Reader {
         auto const stream = std::make_shared<std::ifstream>(openFile(file.path));
         auto const digest = std::make_shared<Sha256>();
@@ -55,13 +56,18 @@ ByteSource sourceOf(SentFile& file) {
     return ByteSource::reader(open, static_cast<std::uint64_t>(file.size));
 }
 
+bool isAny(std::string_view name, std::initializer_list<char const*> names) {
+    return std::any_of(names.begin(), names.end(),
+                       [name](char const* other) { return equalsInAnyCase(name, other); });
+}
+
 // Fields whose value follows from how the message is sent.
 void refuseOwnFields(SoapRequest const& request) {
     for (HeaderField const& field : request.fields) {
         bool const type = equalsInAnyCase(field.name, "Content-Type");
-        if (equalsInAnyCase(field.name, "Content-Length") ||
-            equalsInAnyCase(field.name, "Transfer-Encoding") ||
-            equalsInAnyCase(field.name, "Connection") || (type && isMultipart(request)))
+        if (isAny(field.name,
+                  {"Content-Length", "Transfer-Encoding", "Connection", "Expect", "Trailer"}) ||
+            (type && isMultipart(request)))
             throw std::invalid_argument(field.name + " follows from how the message is sent");
     }
 }
@@ -97,7 +103,7 @@ void checkBoundary(SoapRequest const& request) {
 }
 
 OutgoingMessage makeMessage(SoapRequest& request) {
-    ByteSource envelope = sourceOf(request.envelope);
+    ByteSource envelope = sourceOf(request.envelope, request.isDigested);
     OutgoingMessage message =
         request.soap.empty()
             ? OutgoingMessage(request.envelope.type, envelope)
@@ -109,38 +115,9 @@ OutgoingMessage makeMessage(SoapRequest& request) {
     message.setStart(request.envelope.contentId);
     if (!request.boundary.empty()) message.setBoundary(request.boundary);
     for (SentFile& file : request.attachments)
-        message.attach({sourceOf(file), file.type, file.contentId, "",
+        message.attach({sourceOf(file, request.isDigested), file.type, file.contentId, "",
                         file.path.substr(file.path.rfind('/') + 1), request.coding});
     return message;
-}
-
-// The fields asked for come in the place of those made here.
-std::string headOf(SoapRequest const& request) {
-    OutgoingMessage const& message = *request.message;
-    std::vector<HeaderField> fields = {{"Host", hostField(request.url)},
-                                       {"Connection", "close"},
-                                       {"User-Agent", "postwire-send/" POSTWIRE_VERSION},
-                                       {"Content-Type", message.contentType()}};
-    for (auto const& [name, text] : message.requestFields()) fields.push_back({name, text});
-    bool const isSoap12 = beginsInAnyCase(request.envelope.type, "application/soap+xml");
-    if (request.soap.empty() && request.action.empty() && !isSoap12)
-        fields.push_back({"SOAPAction", "\"\""});
-    if (request.chunkSize > 0)
-        fields.push_back({"Transfer-Encoding", "chunked"});
-    else
-        fields.push_back({"Content-Length", std::to_string(*message.size())});
-    for (HeaderField const& asked : request.fields) {
-        auto const has = std::find_if(fields.begin(), fields.end(), [&](HeaderField const& field) {
-            return equalsInAnyCase(field.name, asked.name);
-        });
-        if (has == fields.end())
-            fields.push_back(asked);
-        else
-            has->value = asked.value;
-    }
-    std::string head = "POST " + request.url.target + " HTTP/1.1\r\n";
-    for (HeaderField const& field : fields) head += field.name + ": " + field.value + "\r\n";
-    return head + "\r\n";
 }
 
 }  // namespace
@@ -161,11 +138,18 @@ void prepare(SoapRequest& request) try {
     throw std::invalid_argument(e.what());
 }
 
-void write(SoapRequest& request, ZULOutputStream& out) {
-    std::string const head = headOf(request);
-    out.write(head.data(), static_cast<int>(head.size()));
-    if (request.chunkSize == 0) return request.message->write(out);
-    ZULChunkedOutputStream chunks(out, request.chunkSize);
-    request.message->write(chunks);
-    chunks.close();
+postwire::OutgoingBody bodyOf(SoapRequest& request) {
+    OutgoingMessage const& message = *request.message;
+    postwire::OutgoingBody body;
+    body.type = message.contentType();
+    body.fields = message.requestFields();
+    body.fields.emplace_back("User-Agent", "postwire-send/" POSTWIRE_VERSION);
+    bool const isSoap12 = beginsInAnyCase(request.envelope.type, "application/soap+xml");
+    if (request.soap.empty() && request.action.empty() && !isSoap12)
+        body.fields.emplace_back("SOAPAction", "\"\"");
+    body.size = message.size();
+    body.chunkSize = static_cast<std::size_t>(request.chunkSize);
+    body.isRepeatable = message.isRepeatable();
+    body.write = [&message](ZULOutputStream& out) { message.write(out); };
+    return body;
 }

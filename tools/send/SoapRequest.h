@@ -4,16 +4,13 @@
 #include <string>
 #include <vector>
 
+#include "service/Client.h"
 #include "service/OutgoingMessage.h"
 #include "tools/common/HeaderFields.h"
 #include "tools/common/SentFile.h"
-#include "tools/send/HttpUrl.h"
-
-class ZULOutputStream;
 
 // A SOAP message to be posted: an envelope, and files that travel with it.
 struct SoapRequest {
-    HttpUrl url;
     SentFile envelope;
     std::vector<SentFile> attachments;
     std::vector<HeaderField> fields;
@@ -24,6 +21,7 @@ struct SoapRequest {
     std::string action;
     std::string start;  // Content-ID of the envelope; empty: one is given
     bool mtom = false;
+    bool isDigested = false;  // the SHA-256 of each file is wanted
     postwire::TransferCoding coding = postwire::TransferCoding::binary;  // of the attachments
     std::optional<postwire::OutgoingMessage> message;                    // once it is prepared
 
@@ -36,6 +34,7 @@ struct SoapRequest {
 // header field was given that the request makes itself.
 void prepare(SoapRequest& request);
 
-// Writes the request and fills in the SHA-256 of each file. Raises postwire::ServiceError when a
-// file can't be read or has another size than before, and what the stream raises.
-void write(SoapRequest& request, ZULOutputStream& out);
+// The request's body as a client sends it. Writing it fills in the SHA-256 of each file where that
+// is wanted, and raises postwire::ServiceError where a file can't be read or has another size than
+// before.
+postwire::OutgoingBody bodyOf(SoapRequest& request);

@@ -3,6 +3,9 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -11,33 +14,23 @@
 #include <CLI/CLI.hpp>
 #include <unistd.h>
 
-#include "foundation/QORThrowable.h"
-#include "foundation/ZULBufferedInputStream.h"
-#include "foundation/ZULBufferedOutputStream.h"
-
+#include "foundation/AsciiText.h"
 #include "message/HTTPMessage.h"
-#include "parser/HTTPMessageReader.h"
-#include "tools/common/Deadline.h"
+#include "service/Attachments.h"
+#include "service/Client.h"
+#include "tools/common/CommandLineParser.h"
 #include "tools/common/MessageSummary.h"
 #include "tools/common/PartFiles.h"
 #include "tools/common/PrivateFile.h"
 #include "tools/common/SoapSummary.h"
 #include "tools/common/StandardStreams.h"
 #include "tools/common/TextEscapes.h"
-#include "tools/common/TracedSocket.h"
-#include "tools/send/ProgressOutputStream.h"
+#include "tools/send/Progress.h"
 #include "tools/send/SoapRequest.h"
 
 namespace {
 
-enum ExitCode : int {
-    kAnsweredWell = 0,
-    kAnsweredOtherwise = 1,
-    kBadUsage = 2,
-    kBadFile = 3,
-    kBadConnection = 4,
-    kBadAnswer = 5,
-};
+constexpr char kProgram[] = "postwire-send";
 
 char const kFooter[] =
     "The message is one body, or with --attach multipart/related with the envelope first.\n"
@@ -47,7 +40,6 @@ char const kFooter[] =
     "5 the answer is malformed or cut short.";
 
 constexpr int kDirectChunk = 65536;  // of what stands between the parts of a direct message
-constexpr int kSendBuffer = 65536;
 constexpr long long kShownUpload = 1 << 20;
 constexpr int kShownText = 4096;
 constexpr int kMaxParts = 1000;  // of an answer: each may become a file
@@ -64,35 +56,26 @@ struct CommandLine {
     std::string saveDirectory;
     std::string traceFile;
     double timeout = 60;
-    Deadline::Clock::duration timeLimit{};
+    std::chrono::milliseconds timeLimit{};
+    postwire::TlsContext::Client tls;
+    bool insecure = false;
+    std::string proxy;
+    bool proxyFromEnvironment = false;
     bool quiet = false;
     bool json = false;
 };
 
-struct Answer {
-    HTTPMessage message;
-    HTTPMessage::StatusCode status{};
-    std::string reason;
-    long long bytesSent = 0;
-    double milliseconds = 0;
-    std::vector<std::string> savedAs;
-    bool traceLost = false;
-};
-
-int complained(int code, std::string const& text) {
-    std::fprintf(stderr, "postwire-send: %s", printableLines(text).c_str());
-    return code;
-}
-
 void defineMessage(CLI::App& app, CommandLine& line) {
-    app.add_option("url", line.url, "Where to: http://host[:port][/path]")->required();
+    app.add_option("URL", line.url, "Where to: http[s]://host[:port][/path][?query]")->required();
     app.add_option("--body", line.body, "The envelope; - is the standard input")
         ->type_name("FILE")
         ->required();
     CLI::Option* const type = app.add_option("--type", line.type, "Its content type")
+                                  ->type_name("TYPE")
                                   ->default_str("text/xml; charset=utf-8");
-    app.add_option("--soap", line.request.soap, "The version of SOAP that it is in")
-        ->check(CLI::IsMember({"1.1", "1.2"}))
+    app.add_option("--soap", line.request.soap, "The version of SOAP that it is in, 1.1 or 1.2")
+        ->type_name("VERSION")
+        ->check(oneOf({"1.1", "1.2"}))
         ->excludes(type);
     app.add_option("--action", line.request.action, "What is asked for")->type_name("URI");
     app.add_flag("--mtom", line.request.mtom, "Wrap the envelope up as MTOM has it");
@@ -102,8 +85,10 @@ void defineMessage(CLI::App& app, CommandLine& line) {
                        "A file to go along, its content type and its Content-ID; may be repeated")
             ->type_name("FILE[;TYPE[;CID]]")
             ->allow_extra_args(false);
-    app.add_option("--encoding", line.encoding, "How attachments stand on the wire")
-        ->check(CLI::IsMember({"binary", "base64"}))
+    app.add_option("--encoding", line.encoding,
+                   "How attachments stand on the wire, binary or base64")
+        ->type_name("CODING")
+        ->check(oneOf({"binary", "base64"}))
         ->needs(attach);
     app.add_flag("--nest", line.request.nested, "Put the attachments into a part of their own")
         ->needs(attach);
@@ -117,7 +102,7 @@ void defineMessage(CLI::App& app, CommandLine& line) {
         app.add_option("--chunked", line.request.chunkSize,
                        "Send in chunks of at most SIZE bytes instead of with a length")
             ->type_name("SIZE")
-            ->check(CLI::Range(1, 1 << 30).description(""));
+            ->check(within(1, 1 << 30));
     app.add_flag("--direct", line.direct, "Send in chunks, attachments straight from their files")
         ->needs(attach)
         ->excludes(chunked)
@@ -129,22 +114,35 @@ void defineRest(CLI::App& app, CommandLine& line) {
         ->type_name("DIR");
     app.add_option("--trace", line.traceFile, "Write all bytes sent and received into a file")
         ->type_name("FILE");
-    app.add_option("--timeout", line.timeout,
-                   "Time for the answer to arrive, and for each block to be taken")
+    app.add_option("--timeout", line.timeout, "Time for connecting, sending and receiving together")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.01, 86400.0).description(""))
+        ->check(within(0.01, 86400.0))
         ->capture_default_str();
+    app.add_option("--cacert", line.tls.authorities, "Trust these authorities, not the system's")
+        ->type_name("FILE");
+    CLI::Option* const certificate =
+        app.add_option("--cert", line.tls.certificate, "Certificate to show")->type_name("FILE");
+    app.add_option("--key", line.tls.key, "Its key, where it stands in another file")
+        ->type_name("FILE")
+        ->needs(certificate);
+    CLI::Option* const proxy =
+        app.add_option("--proxy", line.proxy,
+                       "Go through this proxy: http://[user:password@]host[:port]")
+            ->type_name("URL");
+    app.add_flag("--proxy-from-environment", line.proxyFromEnvironment,
+                 "Go through the proxy that http_proxy, https_proxy and no_proxy name, if any")
+        ->excludes(proxy);
+    app.add_flag("--insecure", line.insecure, "Take any certificate of the server");
     CLI::Option* const quiet = app.add_flag("--quiet", line.quiet, "Print nothing but errors");
     app.add_flag("--json", line.json, "Print the answer as JSON")->excludes(quiet);
-    app.set_version_flag("--version", "postwire-send " POSTWIRE_VERSION);
     app.footer(kFooter);
 }
 
 // A request that may be sent.
 void complete(CommandLine& line) {
-    line.timeLimit = Deadline::seconds(line.timeout);
+    line.timeLimit =
+        std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(line.timeout));
     SoapRequest& request = line.request;
-    request.url = parseHttpUrl(line.url);
     for (std::string const& field : line.fields) request.fields.push_back(parseHeaderField(field));
     if (line.type.empty()) request.soap = request.soap.empty() ? "1.1" : request.soap;
     if (line.type.empty()) line.type = "text/xml";  // the version says which
@@ -155,79 +153,55 @@ void complete(CommandLine& line) {
     for (std::string const& file : line.attachments)
         request.attachments.push_back(parseAttachment(file));
     if (line.direct) request.chunkSize = kDirectChunk;
+    request.isDigested = line.json;
     prepare(request);
 }
 
-// The trace of an exchange, however that ends.
-class Trace {
-public:
-    Trace(TracedSocket& socket, std::string const& path, bool& lost)
-        : m_socket(socket), m_path(path), m_lost(lost) {
-        if (!path.empty()) socket.traceInto(openPrivately(path));
-    }
-    Trace(Trace const&) = delete;
-    Trace& operator=(Trace const&) = delete;
-    ~Trace() {
-        m_lost = !m_socket.endTrace();
-        if (m_lost)
-            std::fprintf(stderr, "postwire-send: %s could not be written\n", m_path.c_str());
-    }
+// The times have no place beside what is no regular file.
+postwire::ClientOptions::Trace openTrace(std::string const& path) {
+    std::error_code error;
+    bool const isOther =
+        std::filesystem::exists(path, error) && !std::filesystem::is_regular_file(path, error);
+    int const bytes = openPrivately(path);
+    return {bytes, openPrivately(isOther ? "/dev/null" : path + ".times")};
+}
 
-private:
-    TracedSocket& m_socket;
-    std::string const& m_path;
-    bool& m_lost;
-};
+postwire::ClientOptions optionsOf(CommandLine const& line) {
+    postwire::ClientOptions options;
+    options.exchangeLimit = options.connectLimit = options.headLimit = line.timeLimit;
+    options.lowestRate = 0;
+    options.kept = 0;
+    options.proxy = line.proxy;
+    options.proxyFromEnvironment = line.proxyFromEnvironment;
+    options.policy = {};  // of any size: the server is one that was chosen
+    options.policy.maxParts = kMaxParts;
+    options.policy.boundMessage = options.policy.partsEndAtBoundary = true;
+    options.policy.strictFraming = true;
+    if (!line.traceFile.empty()) options.openTrace = [&line] { return openTrace(line.traceFile); };
+    return options;
+}
 
-// What stopped the request from being sent, if anything did: a server may answer before it has read
-// all of it, and close.
-std::optional<SoapSocketException> sendRequest(CommandLine& line, SoapSocket& socket,
-                                               Answer& answer) {
+// What is trusted is looked at where it is needed alone.
+postwire::Client clientOf(CommandLine const& line) {
+    if (!beginsInAnyCase(line.url, "https:")) return postwire::Client(optionsOf(line));
+    postwire::TlsContext::Client files = line.tls;
+    files.verifies = !line.insecure;
+    if (files.key.empty()) files.key = files.certificate;
+    return {optionsOf(line), postwire::TlsContext::client(files)};
+}
+
+postwire::Answer exchange(CommandLine& line) {
+    postwire::Client client = clientOf(line);
+    postwire::PostOptions options;
+    for (HeaderField const& field : line.request.fields)
+        options.fields.emplace_back(field.name, field.value);
     long long const size = line.request.bodySize();
-    bool const visible = !line.quiet && size > kShownUpload && ::isatty(STDERR_FILENO);
-    ProgressOutputStream progress(*socket.getOutputStream(), size, visible);
-    ZULBufferedOutputStream out(progress, kSendBuffer);
-    std::optional<SoapSocketException> failure;
-    try {
-        write(line.request, out);
-        out.flush();
-    } catch (SoapSocketException const& e) {
-        failure.emplace(e);
+    std::optional<Progress> progress;
+    if (!line.quiet && size > kShownUpload && ::isatty(STDERR_FILENO) == 1) {
+        progress.emplace(size);
+        options.progress = std::ref(*progress);
     }
-    progress.close();
-    answer.bytesSent = progress.bytesWritten();
-    return failure;
-}
-
-void readAnswer(CommandLine const& line, SoapSocket& socket, Answer& answer) {
-    Deadline deadline;
-    deadline.start(line.timeLimit);
-    DeadlineInputStream limited(socket, deadline);
-    ZULBufferedInputStream in(limited, 16384);
-    HTTPReadPolicy policy;  // of any size: the server is one that was chosen
-    policy.maxParts = kMaxParts;
-    policy.boundMessage = policy.partsEndAtBoundary = policy.strictFraming = true;
-    HTTPMessageReader reader(in);
-    reader.setReadPolicy(policy);
-    reader.getResponse(&answer.message, &answer.status, &answer.reason);
-}
-
-void exchange(CommandLine& line, Answer& answer) {
-    TracedSocket socket;
-    Trace const trace(socket, line.traceFile, answer.traceLost);
-    socket.SetServerHostInfo(line.request.url.host.data());
-    socket.Open(line.request.url.port);
-    limitSends(socket.getDescriptor(), line.timeLimit);
-    auto const begin = Deadline::Clock::now();
-    std::optional<SoapSocketException> const failure = sendRequest(line, socket, answer);
-    try {
-        readAnswer(line, socket, answer);
-    } catch (QORException const&) {
-        if (failure) throw *failure;
-        throw;
-    }
-    answer.milliseconds =
-        std::chrono::duration<double, std::milli>(Deadline::Clock::now() - begin).count();
+    return client.post(line.url, bodyOf(line.request), options);
 }
 
 // The text of the answer, where it is short and says that it is one.
@@ -240,13 +214,12 @@ std::string shownText(HTTPMessage& message) {
                       {message.contentBytes(), static_cast<std::size_t>(message.contentSize())});
 }
 
-void printForPeople(Answer& answer) {
-    std::string text =
-        std::to_string(static_cast<int>(answer.status)) + " " + printable(answer.reason) + "\n";
-    appendSoapLines(text, postwire::Attachments(answer.message));
-    appendTree(text, summarise(answer.message));
-    for (std::string const& name : answer.savedAs) text.append("saved ").append(name).append("\n");
-    text += shownText(answer.message);
+void printForPeople(postwire::Answer& answer, std::vector<std::string> const& savedAs) {
+    std::string text = std::to_string(answer.status()) + " " + printable(answer.reason()) + "\n";
+    appendSoapLines(text, postwire::Attachments(answer));
+    appendTree(text, summarise(answer.message()));
+    for (std::string const& name : savedAs) text.append("saved ").append(name).append("\n");
+    text += shownText(answer.message());
     std::fputs(text.c_str(), stdout);
 }
 
@@ -257,74 +230,79 @@ void appendSent(std::string& to, SentFile const& file) {
     to.append(",\"sha256\":\"").append(file.sha256).append("\"}");
 }
 
-void printJson(SoapRequest const& request, Answer& answer) {
-    std::string json = "{\"status\":" + std::to_string(static_cast<int>(answer.status)) +
-                       ",\"reason\":\"" + escapedForJson(answer.reason) +
-                       "\",\"milliseconds\":" + std::to_string(answer.milliseconds) +
-                       ",\"bytesSent\":" + std::to_string(answer.bytesSent) + ",\"sent\":[";
+void printJson(SoapRequest const& request, postwire::Answer& answer,
+               std::vector<std::string> const& savedAs) {
+    double const milliseconds = static_cast<double>(answer.duration().count()) / 1000;
+    std::string json = "{\"status\":" + std::to_string(answer.status()) + ",\"reason\":\"" +
+                       escapedForJson(answer.reason()) +
+                       "\",\"milliseconds\":" + std::to_string(milliseconds) +
+                       ",\"bytesSent\":" + std::to_string(answer.bytesSent()) + ",\"sent\":[";
     appendSent(json, request.envelope);
     for (SentFile const& file : request.attachments) {
         json += ',';
         appendSent(json, file);
     }
     json += "],\"answer\":";
-    appendJson(json, summarise(answer.message));
+    appendJson(json, summarise(answer.message()));
     json += ",\"saved\":[";
-    for (std::string const& name : answer.savedAs) {
-        if (&name != &answer.savedAs.front()) json += ',';
+    for (std::string const& name : savedAs) {
+        if (&name != &savedAs.front()) json += ',';
         json.append("\"").append(escapedForJson(name)).append("\"");
     }
     std::printf("%s]}\n", json.c_str());
 }
 
-int send(CommandLine& line) {
+ExitCode send(CommandLine& line) {
     complete(line);
     std::optional<PartFiles> files;
     if (!line.saveDirectory.empty()) files.emplace(line.saveDirectory);
-    Answer answer;
-    exchange(line, answer);
-    if (files) answer.savedAs = files->save(answer.message, "");
+    postwire::Answer answer = exchange(line);
+    std::vector<std::string> savedAs;
+    std::string unsaved;
+    try {
+        if (files) savedAs = files->save(answer.message(), "");
+    } catch (std::system_error const& e) {
+        unsaved = e.what();  // told behind what the server has said
+    }
     if (line.json) {
-        printJson(line.request, answer);
+        printJson(line.request, answer, savedAs);
     } else if (!line.quiet) {
-        printForPeople(answer);
+        printForPeople(answer, savedAs);
     }
     finishOutput();
-    if (answer.traceLost) return kBadFile;
-    return answer.status / 100 == 2 ? kAnsweredWell : kAnsweredOtherwise;
+    if (!unsaved.empty()) complain(kProgram, ExitCode::BadFile, unsaved);
+    if (answer.traceError() != 0)
+        complain(kProgram, ExitCode::BadFile,
+                 line.traceFile + " could not be written: " +
+                     std::generic_category().message(answer.traceError()));
+    if (!unsaved.empty() || answer.traceError() != 0) return ExitCode::BadFile;
+    return answer.isGood() ? ExitCode::Done : ExitCode::Otherwise;
 }
 
-std::string textOf(QORException const& e) {
-    char const* const text = e.getMessage();
-    return text ? text : e.getThrowableName();
+ExitCode codeOf(postwire::ClientError const& e) {
+    if (e.code() == postwire::ClientError::Code::usage) return ExitCode::BadOptions;
+    return e.code() == postwire::ClientError::Code::malformed ? ExitCode::BadAnswer
+                                                              : ExitCode::BadConnection;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) try {
     openStandardStreams();
-    std::signal(SIGPIPE, SIG_IGN);  // a server that closes is an exception, not the end of us
-    std::signal(SIGXFSZ, SIG_IGN);  // nor is a file that has reached the limit for files
-    CLI::App app("Posts a SOAP envelope, with files attached to it, and shows the answer.");
+    std::signal(SIGXFSZ, SIG_IGN);  // a file that reaches the limit is reported
     CommandLine line;
-    defineMessage(app, line);
-    defineRest(app, line);
-    try {
-        app.parse(argc, argv);
-    } catch (CLI::ParseError const& e) {
-        return app.exit(e) == 0 ? kAnsweredWell : kBadUsage;
-    }
-    return send(line);
+    CommandLineParser parser(
+        kProgram, "Posts a SOAP envelope, with files attached to it, and shows the answer.");
+    defineMessage(parser.app(), line);
+    defineRest(parser.app(), line);
+    if (auto const code = parser.parse(argc, argv)) return *code;
+    return static_cast<int>(send(line));
 } catch (std::invalid_argument const& e) {
-    return complained(kBadUsage, e.what());
-} catch (TimeLimitPassed const&) {
-    return complained(kBadConnection, "no complete answer within the time limit");
-} catch (SoapSocketException& e) {
-    return complained(kBadConnection, std::string("the connection failed: ") + e.getDetails());
-} catch (QORIllegalStateError const&) {
-    return complained(kBadConnection, "the host name can't be resolved");
-} catch (QORException const& e) {
-    return complained(kBadAnswer, "bad answer: " + textOf(e));
+    return complain(kProgram, ExitCode::BadOptions, e.what());
+} catch (postwire::ClientError const& e) {
+    return complain(kProgram, codeOf(e), e.what());
+} catch (std::bad_alloc const&) {
+    return complain(kProgram, ExitCode::Otherwise, "out of memory");
 } catch (std::exception const& e) {
-    return complained(kBadFile, e.what());
+    return complain(kProgram, ExitCode::BadFile, e.what());
 }
