@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Loads postwire::Server and its peers over loopback and writes what it measured as JSON.
+"""Loads postwire::Server, postwire-serve and peers of theirs over loopback, and writes JSON.
 
 usage: measure.py BUILD_FOLDER OUT.json [--rows NAME,NAME] [--rounds N] [--seconds S]
 
@@ -38,7 +38,8 @@ TICK = os.sysconf('SC_CLK_TCK')
 CHECKED = 0.3  # seconds in which the answers are looked at
 PAUSE = 0.1
 PROGRAMS = {'postwire': 'echo_postwire', 'nginx': 'nginx', 'beast': 'echo_beast',
-            'raw': 'echo_raw', 'poco': 'echo_poco', 'httplib': 'echo_httplib'}
+            'raw': 'echo_raw', 'poco': 'echo_poco', 'httplib': 'echo_httplib',
+            'program': 'postwire-serve'}
 MOST = {'poco': 8, 'httplib': 8}  # connections: their threads are 16
 
 
@@ -84,6 +85,10 @@ class Bench:
             conf = self.folder / 'nginx.conf'
             conf.write_text(text.replace('PORT', str(port)).replace('BODY', 'x' * BODY))
             return ['nginx', '-c', conf, '-p', self.folder]
+        if name == 'program':
+            answer = self.folder / 'answer'
+            answer.write_text('x' * BODY)
+            return [self.bin / PROGRAMS[name], '--port', str(port), '--answer', answer]
         # The raw server does not know what it reads, so it is told how much a request is.
         return [self.bin / PROGRAMS[name], str(port),
                 str(len(self.wire) if name == 'raw' else BODY)]
@@ -173,15 +178,15 @@ class Bench:
             with self.running('nginx') as (port, process):
                 half = self.rate(port, process, connections)['rate'] / 2
             for _ in range(self.options.rounds):
-                for name in random.sample(names := self.servers('postwire', 'nginx', 'beast'),
-                                          len(names)):
+                names = self.servers('postwire', 'nginx', 'beast', 'program')
+                for name in random.sample(names, len(names)):
                     with self.running(name) as (port, process):
                         yield {'server': name, 'connections': connections, 'offered': round(half),
                                'p99_ms': self.p99(self.offered(port, connections, half))}
 
     def idle(self):
         """Memory of a connection that waits, and what others lose by them."""
-        programs = {'postwire': None}
+        programs = dict.fromkeys(self.servers('postwire', 'program'))
         if self.options.i386.exists():
             programs['postwire, 32 bit'] = [self.options.i386, 'PORT', str(BODY)]
         for name, command in programs.items():
@@ -204,8 +209,9 @@ class Bench:
                     client.close()
 
     def slow(self):
-        for _ in range(self.options.rounds):
-            with self.running('postwire') as (port, process):
+        names = self.servers('postwire', 'program')
+        for name in names * self.options.rounds:
+            with self.running(name) as (port, process):
                 alone = self.rate(port, process, ACTIVE)['rate']
                 with subprocess.Popen([*on_processor(1), sys.executable, HERE / 'slow_clients.py',
                                        str(port), str(SLOW), '60']) as clients:
@@ -215,7 +221,7 @@ class Bench:
                         beside = self.rate(port, process, ACTIVE)['rate']
                     finally:
                         clients.kill()
-                yield {'rate': beside, 'alone': alone}
+                yield {'server': name, 'rate': beside, 'alone': alone}
 
     def sleeping(self):
         """3000 requests a second over 64 connections, a tenth of which sleep; the others' times."""
