@@ -102,12 +102,12 @@ bool HttpPeer::isClosed() {
     return m_got.empty() && ::recv(m_socket, &byte, 1, 0) == 0;
 }
 
-bool HttpPeer::isCutOff(std::size_t takes) const {
+bool HttpPeer::isCutOff(std::size_t takes, int times) const {
     pollfd reset{m_socket, 0, 0};
     std::string bytes(takes, ' ');
     for (int i = 0; i < 150; ++i) {
         if (::poll(&reset, 1, 200) == 1) return true;
-        if (takes > 0) ::recv(m_socket, bytes.data(), takes, MSG_DONTWAIT);
+        if (takes > 0 && i < times) ::recv(m_socket, bytes.data(), takes, MSG_WAITALL);
     }
     return false;
 }

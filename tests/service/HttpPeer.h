@@ -41,8 +41,9 @@ public:
     // Waits until the server closes; true when nothing came before.
     bool isClosed();
 
-    // Waits until the server resets the connection, and takes so many bytes five times a second.
-    bool isCutOff(std::size_t takes = 0) const;
+    // Waits until the server resets the connection, and takes so many bytes up to five times a
+    // second, as often as `times` says.
+    bool isCutOff(std::size_t takes = 0, int times = 150) const;
 
     [[nodiscard]] int socket() const { return m_socket; }
 

@@ -55,6 +55,17 @@ TEST(ServerListens, OnAddressesOfBothKindsAndOnADescriptor) {
     EXPECT_EQ("::1", HttpPeer("::1", server.port()).exchange(post("/")).body);
 }
 
+TEST(ServerListens, NotWithoutAThread) {
+    pthread_attr_t before, huge;
+    pthread_getattr_default_np(&before);
+    pthread_getattr_default_np(&huge);
+    pthread_attr_setstacksize(&huge, std::size_t{1} << (sizeof(void*) * 6 - 2));
+    postwire::Server server(oneLoop());
+    pthread_setattr_default_np(&huge);
+    EXPECT_THROW(server.run(tellPeer), ServiceError);
+    pthread_setattr_default_np(&before);
+}
+
 TEST(ServerListens, NotOnWhatIsNoAddressOfThisMachine) {
     RunningServer taken(tellPeer, oneLoop());
     std::pair<char const*, int> const cases[] = {
@@ -128,38 +139,53 @@ TEST(ServerFaults, ClientMayResetAtAnyPoint) {
     EXPECT_LT(10, asked);
 }
 
-// One that reads, but far slower than its deadline allows, while its handler waits and after that.
+// One that reads far slower than its deadline allows, or stops when its handler has left the rest.
 TEST(ServerFaults, SlowReaderIsCutOffAtItsAnswersDeadline) {
-    for (std::size_t const budget : {std::size_t{0}, std::size_t{64} << 20}) {
+    struct {
+        std::size_t budget, answer, takes;
+        int times;
+    } const cases[] = {
+        {0, 16 << 20, 512, 150}, {64 << 20, 16 << 20, 512, 150}, {0, 400000, 28000, 12}};
+    for (auto const& c : cases) {
         ServerOptions options = oneLoop();
-        options.answerLimit = milliseconds(1000);
-        options.bodyBudget = budget;
+        options.answerLimit = seconds(3);
+        options.bodyBudget = c.budget;
+        int port = 0;
+        int const little = 4096;  // the system holds less than a handler may leave
+        options.descriptor = listenOnLoopback(port);
+        ::setsockopt(options.descriptor, SOL_SOCKET, SO_SNDBUF, &little, sizeof little);
         RunningServer server(
-            [](Request&, Response& response) {
-                response.send(200, "", std::string(16 << 20, 'x'));
+            [&](Request&, Response& response) {
+                response.send(200, "", std::string(c.answer, 'x'));
             },
             options);
         Clock::time_point const begin = Clock::now();
-        HttpPeer slow(server.port(), 4096);
+        HttpPeer slow(port, 4096);
         slow.send(post("/"));
-        EXPECT_TRUE(slow.isCutOff(512));
+        EXPECT_TRUE(slow.isCutOff(c.takes, c.times));
         EXPECT_GE(Clock::now() - begin, options.answerLimit);
-        EXPECT_LT(Clock::now() - begin, seconds(15));
+        EXPECT_LT(Clock::now() - begin, milliseconds(4900));
     }
 }
 
 // Whoever sends or takes next to nothing, long before the other deadlines.
 TEST(ServerFaults, PeersBelowTheLowestRateAreCutOff) {
-    RunningServer server(
-        [](Request&, Response& response) { response.send(200, "", std::string(16 << 20, 'x')); });
+    auto const large = [](Request&, Response& response) {
+        response.send(200, "", std::string(16 << 20, 'x'));
+    };
+    ServerOptions waiting;
+    waiting.bodyBudget = 0;  // handlers wait for their peers
+    RunningServer server(large), other(large, waiting);
     Clock::time_point const begin = Clock::now();
     HttpPeer sender(server.port());
-    HttpPeer reader(server.port(), 4096);
+    HttpPeer reader(server.port(), 4096), late(other.port(), 100000);
     sender.send(post("/", std::string(100000, 'x')).substr(0, 900));
     reader.send(post("/"));
+    late.send(post("/"));
     EXPECT_EQ(408, sender.receive().status);
     EXPECT_GE(Clock::now() - begin, seconds(9));
     EXPECT_TRUE(reader.isCutOff());
+    EXPECT_TRUE(late.isCutOff());
     EXPECT_LT(Clock::now() - begin, seconds(30));
 }
 
