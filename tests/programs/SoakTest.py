@@ -111,11 +111,12 @@ KINDS = (in_turn,) * 8 + (without_waiting,) * 2 + (old, half_closed, refused, re
 
 
 def work(servers, seed, share_of_large, enough):
-    """One client's exchanges; their number."""
-    rng, done = random.Random(seed), 0
+    """One client's exchanges; their number, and that of their connections."""
+    rng, done, connections = random.Random(seed), 0, 0
     rng.share_of_large = share_of_large
     while done < enough:
         kind = rng.choice(KINDS)
+        connections += 1
         try:
             with rng.choice(servers).connect() as client:
                 done += kind(client, rng)
@@ -124,7 +125,7 @@ def work(servers, seed, share_of_large, enough):
             if kind not in (refused, answer_not_taken):
                 raise
             done += 1
-    return done
+    return done, connections
 
 
 def settled(server, descriptors):
@@ -136,21 +137,21 @@ def settled(server, descriptors):
 
 
 def main():
-    exchanges, grown, memory = 0, set(), []
+    done, grown, memory = [0, 0], set(), []
     with programs.Server(*SERVERS[0]) as receipts, programs.Server(*SERVERS[1]) as echoes, \
             concurrent.futures.ThreadPoolExecutor(CLIENTS) as clients:
         servers = receipts, echoes
         before = [server.descriptors() for server in servers]
-        print('           ' + ''.join(f'{name:>26}' for name in ('receipts', 'echoes')))
-        print(' exchanges ' + '   memory KiB  descriptors' * 2)
+        print(' ' * 23 + ''.join(f'{name:>26}' for name in ('receipts', 'echoes')))
+        print(' exchanges connections ' + '   memory KiB  descriptors' * 2)
         for phase in range(1, PHASES + 1):
             # A short run, too, sees enough large ones before it begins to compare.
             share = max(0.002, min(0.05, 50 * PHASES / EXCHANGES)) if phase <= WARM else 0.002
-            exchanges += sum(clients.map(lambda i: work(
-                servers, f'{phase} {i}', share, EXCHANGES / PHASES / CLIENTS), range(CLIENTS)))
+            done = [sum(n) for n in zip(done, *clients.map(lambda i: work(
+                servers, f'{phase} {i}', share, EXCHANGES / PHASES / CLIENTS), range(CLIENTS)))]
             descriptors = [settled(server, n) for server, n in zip(servers, before)]
             memory.append([server.resident() for server in servers])
-            print(f'{exchanges:10} ' + ''.join(f'{m:13}{d:13}' for m, d in
+            print(f'{done[0]:10} {done[1]:11} ' + ''.join(f'{m:13}{d:13}' for m, d in
                                                zip(memory[-1], descriptors)), flush=True)
             if descriptors != before:
                 grown.add('descriptors')
