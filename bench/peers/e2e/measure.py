@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Loads postwire::Server, postwire-serve and peers of theirs over loopback, and writes JSON.
 
-usage: measure.py BUILD_FOLDER OUT.json [--rows NAME,NAME] [--rounds N] [--seconds S]
+usage: measure.py BUILD_FOLDER OUT.json [--rows NAME,NAME] [--rounds N] [--seconds S] [--add]
 
 Rows: rates, latency, idle, slow, sleeping, compute, upload; those that are not measured stay in the
-file as they were. In every round each server is started in turn, in an order drawn anew, and checked
+file as they were. With --add the rounds come to those that are in the file. In every round each server is started in turn, in an order drawn anew, and checked
 for right answers, so that whatever else happens on the machine happens to all of them. With two or
 more processors the server has the first and the load the second to itself.
 """
@@ -191,7 +191,6 @@ class Bench:
             programs['postwire, 32 bit'] = [self.options.i386, 'PORT', str(BODY)]
         for name, command in programs.items():
             with self.running(name, command) as (port, process):
-                alone = [self.rate(port, process, ACTIVE)['rate'] for _ in range(3)]
                 before = field(process.pid, 'VmRSS'), field(process.pid, 'VmSize')
                 clients = []
                 for _ in range(IDLE):
@@ -202,11 +201,13 @@ class Bench:
                 time.sleep(1)
                 after = field(process.pid, 'VmRSS'), field(process.pid, 'VmSize')
                 beside = [self.rate(port, process, ACTIVE)['rate'] for _ in range(3)]
+                for client in clients:
+                    client.close()
+                time.sleep(1)
+                alone = [self.rate(port, process, ACTIVE)['rate'] for _ in range(3)]
                 yield {'server': name, 'resident_kib': round((after[0] - before[0]) / IDLE, 2),
                        'space_kib': round((after[1] - before[1]) / IDLE, 2),
                        'rate': statistics.median(beside), 'alone': statistics.median(alone)}
-                for client in clients:
-                    client.close()
 
     def slow(self):
         names = self.servers('postwire', 'program')
@@ -289,6 +290,7 @@ def main():
     parser.add_argument('--rows', default=','.join(ROWS))
     parser.add_argument('--rounds', type=int, default=5)
     parser.add_argument('--seconds', type=float, default=2)
+    parser.add_argument('--add', action='store_true')
     options = parser.parse_args()
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
@@ -299,6 +301,9 @@ def main():
         bench = Bench(options.build, pathlib.Path(folder), options)
         for name in options.rows.split(','):
             row = {'busy_before': busy(), 'seconds': options.seconds, 'runs': []}
+            if options.add and name in rows:
+                row['runs'] = rows[name]['runs']
+                row['busy_before'] = max(row['busy_before'], rows[name]['busy_before'])
             for run in getattr(bench, name)():
                 row['runs'].append(run)
                 print(name, *(f'{key}={value}' for key, value in run.items()), flush=True)
