@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <future>
 #include <memory>
@@ -59,7 +60,7 @@ TEST(ServerListens, NotWithoutAThread) {
     pthread_attr_t before, huge;
     pthread_getattr_default_np(&before);
     pthread_getattr_default_np(&huge);
-    pthread_attr_setstacksize(&huge, std::size_t{1} << (sizeof(void*) * 6 - 2));
+    pthread_attr_setstacksize(&huge, (SIZE_MAX / 4 + 1) * 3);
     postwire::Server server(oneLoop());
     pthread_setattr_default_np(&huge);
     EXPECT_THROW(server.run(tellPeer), ServiceError);
