@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #ifdef __SSE2__
@@ -51,6 +52,21 @@ constexpr char upperHexDigit(unsigned value) { return "0123456789ABCDEF"[value &
 // RFC 4648 section 4: the digit for each six bits.
 inline constexpr std::string_view kBase64Digits =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+// Appends bytes in base64, the last group padded.
+inline void appendBase64(std::string& to, std::string_view bytes) {
+    while (!bytes.empty()) {
+        std::size_t const n = std::min<std::size_t>(bytes.size(), 3);
+        std::uint32_t bits = 0;
+        for (std::size_t i = 0; i < 3; ++i)
+            bits = bits << 8 | (i < n ? static_cast<unsigned char>(bytes[i]) : 0U);
+        char const four[] = {kBase64Digits[bits >> 18], kBase64Digits[bits >> 12 & 63],
+                             n > 1 ? kBase64Digits[bits >> 6 & 63] : '=',
+                             n > 2 ? kBase64Digits[bits & 63] : '='};
+        to.append(four, sizeof four);
+        bytes.remove_prefix(n);
+    }
+}
 
 // The lower-case form of each character of a token, RFC 9110 section 5.6.2; 0 for all others.
 inline constexpr std::array<char, 256> kTokenLowerCase = [] {

@@ -73,17 +73,7 @@ void EncodingOutputStream::writeBase64(std::string_view bytes) {
 void EncodingOutputStream::addBase64Line(std::string_view bytes) {
     if (m_hasBegun) m_encoded += "\r\n";
     m_hasBegun = true;
-    while (!bytes.empty()) {
-        std::size_t const n = std::min<std::size_t>(bytes.size(), 3);
-        std::uint32_t bits = 0;
-        for (std::size_t i = 0; i < 3; ++i)
-            bits = bits << 8 | (i < n ? static_cast<unsigned char>(bytes[i]) : 0U);
-        char const four[] = {kBase64Digits[bits >> 18], kBase64Digits[bits >> 12 & 63],
-                             n > 1 ? kBase64Digits[bits >> 6 & 63] : '=',
-                             n > 2 ? kBase64Digits[bits & 63] : '='};
-        m_encoded.append(four, sizeof four);
-        bytes.remove_prefix(n);
-    }
+    appendBase64(m_encoded, bytes);
     pass(kBlock);
 }
 

@@ -1,7 +1,5 @@
 #include "service/Url.h"
 
-#include <cstdint>
-
 // The library's sources, compiled here: it then is the same for every architecture, and no program
 // needs it.
 #include <boost/url/src.hpp>
@@ -67,14 +65,7 @@ Url parseUrl(std::string_view text) {
 
 std::string basicCredentials(std::string_view credentials) {
     std::string text = "Basic ";
-    for (std::size_t at = 0; at < credentials.size(); at += 3) {
-        std::string_view const group = credentials.substr(at, 3);
-        std::uint32_t bits = 0;
-        for (std::size_t i = 0; i < 3; ++i)
-            bits = bits << 8 | (i < group.size() ? static_cast<unsigned char>(group[i]) : 0U);
-        for (std::size_t i = 0; i < 4; ++i)
-            text += i <= group.size() ? kBase64Digits[bits >> (18 - 6 * i) & 63] : '=';
-    }
+    appendBase64(text, credentials);
     return text;
 }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <string_view>
-#include <vector>
 
 #include <openssl/evp.h>
 
@@ -17,11 +16,9 @@ constexpr std::size_t kShownText = 16384, kShownHex = 512, kShownField = 2048;
 constexpr std::size_t kShownFields = 100, kShownParts = 50, kShownHead = 16384;
 
 std::string base64(std::string_view bytes) {
-    std::vector<unsigned char> text(4 * ((bytes.size() + 2) / 3) + 1);
-    int const size =
-        EVP_EncodeBlock(text.data(), reinterpret_cast<unsigned char const*>(bytes.data()),
-                        static_cast<int>(bytes.size()));
-    return {text.begin(), text.begin() + size};
+    std::string text;
+    appendBase64(text, bytes);
+    return text;
 }
 
 std::string sha256InBase64(std::string_view text) {
