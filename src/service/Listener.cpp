@@ -79,11 +79,11 @@ Listener::Listener(ServerOptions const& options)
                    ? takeOver(options.descriptor)
                    : listenOn(options.address, options.port, options.backlog)) {}
 
-int Listener::port() const {
+PeerAddress Listener::address() const {
     PeerAddress address{};
     socklen_t size = sizeof address;
-    if (::getsockname(m_socket.get(), &address.any, &size) != 0) return 0;
-    return address.port();
+    if (::getsockname(m_socket.get(), &address.any, &size) != 0) address = {};
+    return address;
 }
 
 int Listener::accept(PeerAddress& peer) const {

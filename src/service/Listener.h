@@ -17,7 +17,8 @@ public:
     explicit Listener(ServerOptions const& options);
 
     [[nodiscard]] int descriptor() const { return m_socket.get(); }
-    [[nodiscard]] int port() const;
+    // Of the socket itself, whoever made it.
+    [[nodiscard]] PeerAddress address() const;
 
     // A connection that waits, without delays of its small sends; -1 with errno when there is none.
     int accept(PeerAddress& peer) const;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <string>
 
 #include "foundation/Export.h"
 
@@ -50,6 +51,10 @@ public:
 
     // The port that is listened on; 0 for a socket of the file system.
     [[nodiscard]] int port() const;
+
+    // The address that is listened on, also by a descriptor that was handed over: "127.0.0.1",
+    // "::1"; "0.0.0.0" or "::" for all; empty for a socket of the file system.
+    [[nodiscard]] std::string address() const;
 
     // At any time, from any thread.
     [[nodiscard]] ServerLoad load() const noexcept;

@@ -80,7 +80,7 @@ ServerOptions checked(ServerOptions options) {
 ServerCore::ServerCore(ServerOptions const& options)
     : m_options(checked(options)),
       m_listener(m_options),
-      m_port(m_listener.port()),
+      m_address(m_listener.address()),
       m_budget(m_options.bodyBudget),
       m_crew(m_options.loops, 3 * m_options.loops, m_options.handlers + 3 * m_options.loops,
              [this](std::unique_ptr<Exchange> exchange) { answer(std::move(exchange)); }) {}

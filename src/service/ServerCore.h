@@ -30,7 +30,7 @@ public:
     ServerCore& operator=(ServerCore const&) = delete;
     ~ServerCore();
 
-    [[nodiscard]] int port() const { return m_port; }
+    [[nodiscard]] PeerAddress const& address() const { return m_address; }
     void run(Exchange::Handler handler);
     void stop() noexcept;
     [[nodiscard]] ServerLoad load() const noexcept;
@@ -89,7 +89,7 @@ private:
 
     ServerOptions const m_options;
     Listener m_listener;
-    int const m_port;
+    PeerAddress const m_address;
     WakeUp m_wakeUp;
     Budget m_budget;
     Exchange::Handler m_handler;

@@ -140,7 +140,8 @@ class Restart(programs.TestCase):
                     client.socket.close()
                     client = programs.Client(port)
             client.socket.close()
-        server, port = start(), listener.getsockname()[1]
+        server, (host, port) = start(), listener.getsockname()
+        self.assertEqual((server.host, server.port), (host, port))
         with concurrent.futures.ThreadPoolExecutor(64) as threads:
             clients = [threads.submit(ask, name) for name in range(64)]
             for _ in range(10):

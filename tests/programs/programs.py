@@ -116,7 +116,8 @@ class Server:
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                         env={**os.environ, 'ASAN_OPTIONS': sanitizer}, **process)
         line = self.process.stdout.readline()
-        self.port = int(re.fullmatch(r'listening on 0\.0\.0\.0:(\d+)\n', line).group(1))
+        self.host, port = re.fullmatch(r'listening on (.+):(\d+)\n', line).groups()
+        self.port = int(port)
         self.url = f'http://127.0.0.1:{self.port}'
         self.complaints = ''
         self.killed = False

@@ -43,11 +43,11 @@ void reloadCertificates(postwire::ServerOptions& server) try {
     complain(e.what());
 }
 
-void sayReady(postwire::ServerOptions const& options, int port) {
-    bool const isIPv6 = options.address.find(':') != std::string::npos;
-    std::string const host = options.address.empty() ? "*" : options.address;
+void sayReady(postwire::Server const& server) {
+    std::string const host = server.address();
+    bool const isIPv6 = host.find(':') != std::string::npos;
     std::string const shown = isIPv6 ? "[" + host + "]" : host;
-    std::printf("listening on %s:%d\n", shown.c_str(), port);
+    std::printf("listening on %s:%d\n", shown.c_str(), server.port());
     finishOutput();
 }
 
@@ -63,7 +63,7 @@ void serve(CommandLine& line) {
     MemoryReturn memory;
     postwire::Server* listening = nullptr;
     line.server.complain = [](std::string_view text) { complain(text); };
-    line.server.ready = [&listening, &line] { sayReady(line.server, listening->port()); };
+    line.server.ready = [&listening] { sayReady(*listening); };
     line.server.observe = [&log, &statistics, &memory](postwire::ExchangeReport const& report) {
         statistics.add(report);
         memory.answered(report.bytesIn);
