@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Installs the build, moves it, and uses the library as other projects do: by find_package, by
-pkg-config and from its sources. The installed programs find their libraries; the Debian packages
-hold what was installed, each file once.
+pkg-config and from its sources. The libraries show what data/exports*.txt lists; the installed
+programs find them; the Debian packages hold what was installed, each file once.
 
 usage: ConsumerTest.py BUILD_FOLDER CMAKE CPACK|- COMPILER [FLAG...]
 """
@@ -53,6 +53,16 @@ def check_headers(include, compiler):
     assert found and not any(found.values()), found
     run(*compiler, '-std=c++17', '-fsyntax-only', f'-I{include}', '-x', 'c++-header',
         *(include / name for name in sorted(shown)))
+
+
+def check_exports(libraries):
+    for name in 'libpostwire', 'libpostwire-service':
+        listed = programs.DATA / f'exports{name[11:]}.txt'
+        try:
+            run('bash', '-c', 'diff -u "$1" <("$2" "$3")', '-', listed,
+                SOURCES / 'scripts/exported-symbols', libraries / f'{name}.so')
+        except AssertionError as error:
+            sys.exit(f'{error}CONTRIBUTING.md says how to renew the list after a change that was meant.')
 
 
 def check_use(reader, server):
@@ -124,6 +134,7 @@ def main(build, cmake, cpack, *compiler):
         run(cmake, '--install', build, '--prefix', folder / 'first')
         prefix = (folder / 'first').rename(folder / 'moved here')
         check_headers(prefix / 'include/postwire', compiler)
+        check_exports(prefix / 'lib')
         check_project(folder / 'package', cmake, compiler, f'-DCMAKE_PREFIX_PATH={prefix}')
         check_project(folder / 'sources', cmake, compiler, f'-DSOURCES={SOURCES}')
         check_pkg_config(prefix, compiler, folder)
